@@ -1,0 +1,8 @@
+/* libmgmt: the management library of the appliance. Includes every family header. */
+#ifndef LIBMGMT_H
+#define LIBMGMT_H
+
+#include "mgmt/export.h"
+#include "mgmt/mgi.h"
+
+#endif

@@ -1,0 +1,204 @@
+/*
+ * The appliance platform interface, as libmgmt sees it.
+ *
+ * On the appliance a closed platform library provides these calls. This tree
+ * ships a stand-in (libplatform.so) that implements them over Unix-domain
+ * datagram sockets, so that daemons and front ends on one Linux machine really
+ * exchange messages.
+ */
+#ifndef PLATFORM_PLATFORM_H
+#define PLATFORM_PLATFORM_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(PLATFORM_BUILDING)
+#define PLATFORM_API __attribute__((visibility("default")))
+#else
+#define PLATFORM_API
+#endif
+
+/* ---------------------------------------------------------------- identity */
+
+/*
+ * The thread's own IPC identity. First word the application id, then the
+ * instance and the slot; the fourth word is the descriptor on which replies to
+ * this thread's requests arrive (-1 until the thread first uses IPC).
+ */
+typedef struct ipc_handle {
+    uint32_t appid;
+    uint32_t instance;
+    uint32_t slot;
+    int32_t fd;
+} ipc_handle_t;
+
+PLATFORM_API extern __thread ipc_handle_t myipc;
+
+/*
+ * Returns the calling thread's handle, filled from the process identity and
+ * with its reply socket open. Null only when the socket cannot be made.
+ */
+PLATFORM_API ipc_handle_t *ipc_self(void);
+
+/* Sets the process identity without binding a daemon address. */
+PLATFORM_API int ipc_init(uint32_t appid, uint32_t instance);
+
+/*
+ * Sets the process identity and binds the daemon address (slot, appid,
+ * instance) in the runtime directory. 0 or -1.
+ */
+PLATFORM_API int ipc_register(uint32_t appid, uint32_t instance);
+
+/*
+ * Gives the calling thread an identity of its own, overriding the process
+ * identity for this thread (a test may hold a front end and servers in one
+ * process).
+ */
+PLATFORM_API int ipc_set_thread_identity(uint32_t appid, uint32_t instance);
+
+/* Own slot: MGMT_SLOT, else 0. */
+PLATFORM_API uint32_t ipc_own_slot(void);
+
+/* The runtime directory, created 0700 on first use. */
+PLATFORM_API const char *ipc_runtime_dir(void);
+
+/*
+ * An IPC destination id. A plain application number addresses instance 0 of
+ * that application on this slot; mktipcid() adds a slot (and instance).
+ */
+PLATFORM_API uint32_t mktipcid(uint32_t slot, uint32_t instance, uint32_t appid);
+
+/* ---------------------------------------------------------------- messages */
+
+/* Who sent a message; handed to handlers, used to answer. */
+typedef struct ipc_peer {
+    uint32_t slot;
+    uint32_t appid;
+    uint32_t instance;
+    uint32_t seq;
+    uint32_t kind;
+    uint32_t uid;
+    int32_t pid;
+    void *ctx;          /* the context of the endpoint that received the message */
+    uint32_t addrlen;
+    char addr[110];
+} ipc_peer_t;
+
+/* Frame kinds. */
+enum { IPC_KIND_REQUEST = 1, IPC_KIND_REPLY = 2, IPC_KIND_ONEWAY = 3 };
+
+/*
+ * The platform's frame header, ahead of every payload (32 bytes). The message
+ * number stands big-endian at byte 4; every other word is in host order.
+ */
+typedef struct ipc_frame {
+    uint32_t magic;     /* IPC_FRAME_MAGIC */
+    uint8_t msg_be[2];  /* message number, big-endian */
+    uint8_t kind;       /* IPC_KIND_* */
+    uint8_t flags;
+    uint32_t seq;
+    int32_t status;     /* result code of the far side (replies) */
+    uint16_t src_slot;
+    uint16_t src_app;
+    uint16_t src_inst;
+    uint16_t reserved;
+    uint32_t len;       /* payload bytes */
+    uint32_t reserved2;
+} ipc_frame_t;
+
+#define IPC_FRAME_MAGIC 0x4d474950u /* "MGIP" */
+#define IPC_MAX_PAYLOAD 65536u
+
+PLATFORM_API void *ipcmsg_alloc(uint32_t size);
+PLATFORM_API void ipcmsg_free(void *msg);
+
+/* One-way send from the thread's socket. Negative on failure. */
+PLATFORM_API int ipcmsg_send(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len);
+/* Send a request; its replies arrive on myipc.fd. Negative on failure. */
+PLATFORM_API int ipcmsg_send_sync(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len);
+/* ipcmsg_send bounded by a time-out in milliseconds. */
+PLATFORM_API int ipcmsg_send_timeout(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len,
+                                     int timeout_ms);
+/*
+ * Takes one message from the thread's socket. *len holds the capacity on
+ * entry and the bytes stored on return (a longer message is cut). With
+ * block 0 it fails at once when nothing waits. Negative on failure.
+ */
+PLATFORM_API int ipcmsg_recv_sync(ipc_peer_t *peer, void *buf, uint32_t *len, int block);
+/*
+ * Sends a request and waits for its reply (matched by sequence; stale replies
+ * are dropped). time-out 0 means the platform default (30 s, or
+ * MGMT_IPC_TIMEOUT_MS). *status gets the far side's result code; *rlen holds
+ * the capacity on entry. Negative on failure of the exchange.
+ */
+PLATFORM_API int ipcmsg_send_and_recv(uint32_t dst, uint32_t inst, uint16_t msg_id, void *sbuf, uint32_t slen,
+                                      int32_t *status, void *rbuf, uint32_t *rlen, int timeout_ms);
+
+/* ---------------------------------------------------------------- daemons */
+
+/*
+ * Handler of one message number: (ipc handle, frame head, payload, payload
+ * length, status out, reply buffer, reply length in/out). The head holds the
+ * message number big-endian at byte 4. Return IPC_HANDLER_REPLY to send the
+ * reply (for requests), IPC_HANDLER_NOREPLY when the handler answered itself
+ * or no answer is due.
+ */
+typedef int (*ipc_handler_fn)(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
+                              uint32_t *reply_len);
+enum { IPC_HANDLER_REPLY = 0, IPC_HANDLER_NOREPLY = 1 };
+
+PLATFORM_API int ipc_register_handler(uint16_t msg_id, ipc_handler_fn fn);
+/* The bound daemon socket, for a daemon's own poll loop; -1 before register. */
+PLATFORM_API int ipc_daemon_fd(void);
+/* Waits up to timeout_ms (-1 forever) and dispatches one message: 1, 0 on time-out, -1 on error. */
+PLATFORM_API int ipc_dispatch_one(int timeout_ms);
+/* Serves until ipc_stop(); 0 after a stop, -1 on error. */
+PLATFORM_API int ipc_serve(void);
+PLATFORM_API void ipc_stop(void);
+/* Sends a message of kind reply to the sender of a request (the ipc handle a handler got). */
+PLATFORM_API int ipc_send_to_peer(const ipc_peer_t *peer, uint16_t msg_id, const void *buf, uint32_t len,
+                                  int32_t status);
+/*
+ * Further endpoints of one process: each binds its own address (own slot,
+ * appid, instance) with its own handler table and context. The functions
+ * above work on the process's endpoint made by ipc_register.
+ */
+typedef struct ipc_endpoint ipc_endpoint_t;
+PLATFORM_API ipc_endpoint_t *ipc_endpoint_open(uint32_t appid, uint32_t instance, void *ctx);
+PLATFORM_API int ipc_endpoint_handler(ipc_endpoint_t *ep, uint16_t msg_id, ipc_handler_fn fn);
+PLATFORM_API int ipc_endpoint_fd(ipc_endpoint_t *ep);
+PLATFORM_API int ipc_endpoint_dispatch(ipc_endpoint_t *ep, int timeout_ms);
+PLATFORM_API int ipc_endpoint_serve(ipc_endpoint_t *ep);
+PLATFORM_API void ipc_endpoint_stop(ipc_endpoint_t *ep);
+PLATFORM_API void ipc_endpoint_close(ipc_endpoint_t *ep);
+
+/* Closes the daemon socket and the thread's socket (a child before exec). */
+PLATFORM_API void ipc_close(void);
+
+/* ---------------------------------------------------------------- names, output */
+
+/* A printable name of an application id ("mgd" for 2, else "app<N>"). */
+PLATFORM_API const char *appid2appname(uint32_t id);
+
+/* Formatted text to the console: standard error, or MGMT_CONSOLE if set. */
+PLATFORM_API void console_print(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+/* A sink that receives each console text instead of the console (null restores it). */
+typedef void (*console_sink_fn)(const char *text, void *ctx);
+PLATFORM_API void console_set_sink(console_sink_fn fn, void *ctx);
+
+PLATFORM_API size_t strlcpy(char *dst, const char *src, size_t size);
+
+/* Language words of the platform. */
+PLATFORM_API extern int _ui_language;
+PLATFORM_API extern int _system_language;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
