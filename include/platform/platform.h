@@ -5,6 +5,18 @@
  * ships a stand-in (libplatform.so) that implements them over Unix-domain
  * datagram sockets, so that daemons and front ends on one Linux machine really
  * exchange messages.
+ *
+ * The stand-in's conventions:
+ * - Runtime directory: $MGMT_IPC_DIR (missing parents made too), else /run/mgmt where writable,
+ *   else /tmp/mgmt-<uid>; directories made here get mode 0700. A change of MGMT_IPC_DIR is noticed
+ *   at the next call: the directory is made and each thread moves its socket there on next use.
+ * - Names in it: a daemon endpoint (slot, appid, instance) binds "s<slot>.a<app>.i<inst>", a
+ *   thread's reply socket "t<pid>.<tid>". They are unlinked when closed, when the thread ends and
+ *   at process exit, and only by the process that bound them (never by a forked child).
+ * - Failures of the ipcmsg_* calls are negative errno values: -ENOENT or -ECONNREFUSED when nobody
+ *   has bound the destination (at once), -ETIMEDOUT when a wait or a send ran out, -EAGAIN when
+ *   ipcmsg_recv_sync(..., 0) finds nothing, -EMSGSIZE above IPC_MAX_PAYLOAD.
+ * - A message whose sender's uid (SCM_CREDENTIALS) is neither ours nor 0 is dropped unseen.
  */
 #ifndef PLATFORM_PLATFORM_H
 #define PLATFORM_PLATFORM_H
@@ -60,15 +72,22 @@ PLATFORM_API int ipc_register(uint32_t appid, uint32_t instance);
  */
 PLATFORM_API int ipc_set_thread_identity(uint32_t appid, uint32_t instance);
 
+/*
+ * Identity used by ipc_self(): the thread identity if set, else the process identity of ipc_init or
+ * ipc_register, else MGMT_APPID / MGMT_INSTANCE, else 0.
+ */
+
 /* Own slot: MGMT_SLOT, else 0. */
 PLATFORM_API uint32_t ipc_own_slot(void);
 
-/* The runtime directory, created 0700 on first use. */
+/* The runtime directory, created 0700 on first use (a thread-local copy; null on failure). */
 PLATFORM_API const char *ipc_runtime_dir(void);
 
 /*
  * An IPC destination id. A plain application number addresses instance 0 of
- * that application on this slot; mktipcid() adds a slot (and instance).
+ * that application on this slot; mktipcid() adds a slot (and instance):
+ * (slot << 24) | (instance << 16) | appid, slot 0 meaning the own slot. The inst argument of the
+ * send calls, when non-zero, gives the destination's instance (in place of the id's field).
  */
 PLATFORM_API uint32_t mktipcid(uint32_t slot, uint32_t instance, uint32_t appid);
 
@@ -116,6 +135,11 @@ typedef struct ipc_frame {
 PLATFORM_API void *ipcmsg_alloc(uint32_t size);
 PLATFORM_API void ipcmsg_free(void *msg);
 
+/*
+ * Sends are bounded by the platform default time-out (30 s, or MGMT_IPC_TIMEOUT_MS) when the
+ * destination's queue stays full. 0 on success.
+ */
+
 /* One-way send from the thread's socket. Negative on failure. */
 PLATFORM_API int ipcmsg_send(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len);
 /* Send a request; its replies arrive on myipc.fd. Negative on failure. */
@@ -126,14 +150,16 @@ PLATFORM_API int ipcmsg_send_timeout(uint32_t dst, uint32_t inst, uint16_t msg_i
 /*
  * Takes one message from the thread's socket. *len holds the capacity on
  * entry and the bytes stored on return (a longer message is cut). With
- * block 0 it fails at once when nothing waits. Negative on failure.
+ * block 0 it fails at once when nothing waits (-EAGAIN); with block 1 it waits up to the platform
+ * default time-out (-ETIMEDOUT). 0 on success. peer, when given, gets the sender (ctx null).
  */
 PLATFORM_API int ipcmsg_recv_sync(ipc_peer_t *peer, void *buf, uint32_t *len, int block);
 /*
  * Sends a request and waits for its reply (matched by sequence; stale replies
  * are dropped). time-out 0 means the platform default (30 s, or
  * MGMT_IPC_TIMEOUT_MS). *status gets the far side's result code; *rlen holds
- * the capacity on entry. Negative on failure of the exchange.
+ * the capacity on entry. 0 on success; negative on failure of the exchange (-ETIMEDOUT after the
+ * time-out, when the far side never answers or is gone), *status and *rlen then untouched.
  */
 PLATFORM_API int ipcmsg_send_and_recv(uint32_t dst, uint32_t inst, uint16_t msg_id, void *sbuf, uint32_t slen,
                                       int32_t *status, void *rbuf, uint32_t *rlen, int timeout_ms);
@@ -145,7 +171,10 @@ PLATFORM_API int ipcmsg_send_and_recv(uint32_t dst, uint32_t inst, uint16_t msg_
  * length, status out, reply buffer, reply length in/out). The head holds the
  * message number big-endian at byte 4. Return IPC_HANDLER_REPLY to send the
  * reply (for requests), IPC_HANDLER_NOREPLY when the handler answered itself
- * or no answer is due.
+ * or no answer is due. The ipc handle is the sender's ipc_peer_t, its ctx the endpoint's context;
+ * *status starts at 0, *reply_len at the reply buffer's capacity (IPC_MAX_PAYLOAD); the buffer
+ * belongs to the endpoint. A request for a number without handler is answered with status -1 and
+ * no payload. An endpoint is dispatched by one thread at a time.
  */
 typedef int (*ipc_handler_fn)(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
                               uint32_t *reply_len);
@@ -158,8 +187,16 @@ PLATFORM_API int ipc_daemon_fd(void);
 PLATFORM_API int ipc_dispatch_one(int timeout_ms);
 /* Serves until ipc_stop(); 0 after a stop, -1 on error. */
 PLATFORM_API int ipc_serve(void);
+/*
+ * Makes ipc_serve return (callable from any thread and from a signal handler). A stop given while
+ * no serve runs makes the next serve return at once.
+ */
 PLATFORM_API void ipc_stop(void);
-/* Sends a message of kind reply to the sender of a request (the ipc handle a handler got). */
+/*
+ * Sends a message of kind reply to the sender of a request (the ipc handle a handler got), with the
+ * request's sequence: a server may send several answers to one request this way. From inside a
+ * handler it goes out of the endpoint's socket, elsewhere out of the thread's. 0 or negative.
+ */
 PLATFORM_API int ipc_send_to_peer(const ipc_peer_t *peer, uint16_t msg_id, const void *buf, uint32_t len,
                                   int32_t status);
 /*
@@ -178,6 +215,12 @@ PLATFORM_API void ipc_endpoint_close(ipc_endpoint_t *ep);
 
 /* Closes the daemon socket and the thread's socket (a child before exec). */
 PLATFORM_API void ipc_close(void);
+
+/*
+ * For tests: ipc_close(), then forget the process identity, the process handlers and the calling
+ * thread's identity, so that the next use starts as a fresh process would.
+ */
+PLATFORM_API void ipc_reset(void);
 
 /* ---------------------------------------------------------------- names, output */
 
