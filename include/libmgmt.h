@@ -4,5 +4,9 @@
 
 #include "mgmt/export.h"
 #include "mgmt/mgi.h"
+#include "mgmt/buf_list.h"
+#include "mgmt/value.h"
+#include "mgmt/term.h"
+#include "mgmt/utmp_queue.h"
 
 #endif
