@@ -1,0 +1,162 @@
+#include "test_support.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace mgmt_test {
+
+namespace {
+
+// Every test program talks in a runtime directory of its own.
+struct FreshIpcDir {
+    FreshIpcDir() {
+        if (std::getenv("MGMT_IPC_DIR")) return;
+        char tmpl[] = "/tmp/mgmt-test-XXXXXX";
+        if (mkdtemp(tmpl)) setenv("MGMT_IPC_DIR", tmpl, 1);
+    }
+} fresh_ipc_dir;
+
+void put16(uint8_t *p, uint16_t v) {
+    p[0] = uint8_t(v >> 8);
+    p[1] = uint8_t(v);
+}
+void put32(uint8_t *p, uint32_t v) {
+    p[0] = uint8_t(v >> 24);
+    p[1] = uint8_t(v >> 16);
+    p[2] = uint8_t(v >> 8);
+    p[3] = uint8_t(v);
+}
+
+} // namespace
+
+ConsoleCapture::ConsoleCapture() { console_set_sink(&ConsoleCapture::sink, this); }
+ConsoleCapture::~ConsoleCapture() { console_set_sink(nullptr, nullptr); }
+void ConsoleCapture::sink(const char *text, void *ctx) {
+    auto *self = static_cast<ConsoleCapture *>(ctx);
+    std::lock_guard<std::mutex> lock(self->mu_);
+    self->text_ += text;
+}
+std::string ConsoleCapture::text() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return text_;
+}
+void ConsoleCapture::clear() {
+    std::lock_guard<std::mutex> lock(mu_);
+    text_.clear();
+}
+
+uint16_t be16(const uint8_t *p) { return uint16_t((p[0] << 8) | p[1]); }
+uint32_t be32(const uint8_t *p) { return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3]; }
+Bytes bytes_of(const std::string &s) { return Bytes(s.begin(), s.end()); }
+
+Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs) {
+    Bytes m(MGI_HDR_LEN, 0);
+    m[MGI_OFF_MARK] = MGI_MARK;
+    m[MGI_OFF_TYPE] = type;
+    m[MGI_OFF_NEXTSEG] = segs.empty() ? MGI_SEG_END : segs.front().type;
+    for (size_t i = 0; i < segs.size(); ++i) {
+        const Seg &s = segs[i];
+        size_t at = m.size();
+        m.resize(at + MGI_SEGHDR_LEN + s.body.size());
+        m[at] = i + 1 < segs.size() ? segs[i + 1].type : MGI_SEG_END;
+        m[at + 1] = s.type;
+        put16(&m[at + 2], uint16_t(s.body.size()));
+        put32(&m[at + 4], s.subtype);
+        std::copy(s.body.begin(), s.body.end(), m.begin() + long(at + MGI_SEGHDR_LEN));
+    }
+    put16(&m[MGI_OFF_LEN], uint16_t(m.size() - MGI_HDR_LEN));
+    return m;
+}
+
+Bytes mgi_record_message(uint8_t type, const Bytes &payload) {
+    Bytes m(MGI_HDR_LEN, 0);
+    m[MGI_OFF_MARK] = MGI_MARK;
+    m[MGI_OFF_TYPE] = type;
+    m[MGI_OFF_NEXTSEG] = 0;
+    put16(&m[MGI_OFF_LEN], uint16_t(payload.size()));
+    m.resize(MGI_HDR_LEN + payload.size());
+    if (!payload.empty()) std::memcpy(m.data() + MGI_HDR_LEN, payload.data(), payload.size());
+    return m;
+}
+
+TestPeer::TestPeer(uint32_t appid, uint32_t instance) {
+    ep_ = ipc_endpoint_open(appid, instance, this);
+    if (!ep_) return;
+    thread_ = std::thread([this] { ipc_endpoint_serve(ep_); });
+}
+
+TestPeer::~TestPeer() {
+    if (!ep_) return;
+    ipc_endpoint_stop(ep_);
+    if (thread_.joinable()) thread_.join();
+    ipc_endpoint_close(ep_);
+}
+
+void TestPeer::handle(uint16_t msg, Script script) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        scripts_.emplace_back(msg, std::move(script));
+    }
+    ipc_endpoint_handler(ep_, msg, &TestPeer::on_message);
+}
+
+int TestPeer::on_message(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
+                         uint32_t *reply_len) {
+    auto *peer = static_cast<ipc_peer_t *>(ipc);
+    auto *self = static_cast<TestPeer *>(peer->ctx);
+    const auto *h = static_cast<const uint8_t *>(head);
+    Received r;
+    r.msg = be16(h + 4);
+    r.kind = peer->kind;
+    r.src_app = peer->appid;
+    const auto *p = static_cast<const uint8_t *>(payload);
+    r.bytes.assign(p, p + len);
+    Script script;
+    {
+        std::lock_guard<std::mutex> lock(self->mu_);
+        for (auto &[msg, s] : self->scripts_)
+            if (msg == r.msg) script = s;
+    }
+    std::vector<Answer> answers = script ? script(r) : std::vector<Answer>{};
+    {
+        std::lock_guard<std::mutex> lock(self->mu_);
+        self->received_.push_back(r);
+    }
+    self->cv_.notify_all();
+    int result = IPC_HANDLER_NOREPLY;
+    for (const Answer &a : answers) {
+        if (a.as_reply) {
+            uint32_t n = std::min<uint32_t>(uint32_t(a.bytes.size()), *reply_len);
+            std::memcpy(reply, a.bytes.data(), n);
+            *reply_len = n;
+            *status = a.status;
+            result = IPC_HANDLER_REPLY;
+        } else {
+            ipc_send_to_peer(peer, r.msg, a.bytes.data(), uint32_t(a.bytes.size()), a.status);
+        }
+    }
+    return result;
+}
+
+std::vector<Received> TestPeer::received() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return received_;
+}
+
+bool TestPeer::wait_for(size_t n, int ms) const {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, std::chrono::milliseconds(ms), [&] { return received_.size() >= n; });
+}
+
+void run_as(uint32_t appid, const std::function<void()> &fn) {
+    std::thread t([&] {
+        ipc_set_thread_identity(appid, 0);
+        fn();
+        thread_free_mgi();
+    });
+    t.join();
+}
+
+} // namespace mgmt_test

@@ -1,0 +1,101 @@
+// Helpers shared by the test programs: console capture, MGI messages built by
+// hand, and test peers that really answer over the platform IPC.
+#ifndef MGMT_TEST_SUPPORT_H
+#define MGMT_TEST_SUPPORT_H
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mgmt/mgi.h"
+#include "platform/platform.h"
+
+namespace mgmt_test {
+
+using Bytes = std::vector<uint8_t>;
+
+// Collects everything sent to the console while it lives.
+class ConsoleCapture {
+  public:
+    ConsoleCapture();
+    ~ConsoleCapture();
+    std::string text() const;
+    void clear();
+
+  private:
+    static void sink(const char *text, void *ctx);
+    mutable std::mutex mu_;
+    std::string text_;
+};
+
+// One segment of a hand-built chain.
+struct Seg {
+    uint8_t type;
+    Bytes body;
+    uint32_t subtype = 0;
+};
+
+// An MGI message: a 312-byte header with the given type and a chain of
+// segments (nextseg 139 when empty); len counts heads and bodies.
+Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs);
+// An MGI message whose payload is a plain record (nextseg 0).
+Bytes mgi_record_message(uint8_t type, const Bytes &payload);
+
+Bytes bytes_of(const std::string &s);
+uint16_t be16(const uint8_t *p);
+uint32_t be32(const uint8_t *p);
+
+// A message as a peer received it.
+struct Received {
+    uint16_t msg = 0;
+    uint32_t kind = 0;
+    uint32_t src_app = 0;
+    Bytes bytes;
+};
+
+// What a peer sends back for one message: each answer goes to the requester as
+// a message of its own, except one marked as the reply, which answers a request
+// that waits for it (ipcmsg_send_and_recv).
+struct Answer {
+    Bytes bytes;
+    int32_t status = 0;
+    bool as_reply = false;
+};
+
+// A test server bound as an application id, answering in a thread of its own.
+class TestPeer {
+  public:
+    using Script = std::function<std::vector<Answer>(const Received &)>;
+    explicit TestPeer(uint32_t appid, uint32_t instance = 0);
+    ~TestPeer();
+    TestPeer(const TestPeer &) = delete;
+    TestPeer &operator=(const TestPeer &) = delete;
+
+    void handle(uint16_t msg, Script script);
+    std::vector<Received> received() const;
+    // Waits until n messages have arrived; false when they don't within ms.
+    bool wait_for(size_t n, int ms = 5000) const;
+    bool ok() const { return ep_ != nullptr; }
+
+  private:
+    static int on_message(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
+                          uint32_t *reply_len);
+    ipc_endpoint_t *ep_ = nullptr;
+    std::thread thread_;
+    mutable std::mutex mu_;
+    mutable std::condition_variable cv_;
+    std::vector<Received> received_;
+    std::vector<std::pair<uint16_t, Script>> scripts_;
+};
+
+// Runs fn on a new thread with the given application id and waits for it.
+void run_as(uint32_t appid, const std::function<void()> &fn);
+
+} // namespace mgmt_test
+
+#endif
