@@ -8,5 +8,6 @@
 #include "mgmt/value.h"
 #include "mgmt/term.h"
 #include "mgmt/utmp_queue.h"
+#include "mgmt/objects.h"
 
 #endif

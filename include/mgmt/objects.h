@@ -32,6 +32,7 @@ typedef struct mgi_match_get_record {
 
 MGMT_END_DECLS
 
+#include "mgmt/catalogue.h"
 #include "mgmt/objects_gen.h"
 
 #endif
