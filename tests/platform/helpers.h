@@ -1,0 +1,99 @@
+// Helpers of the platform tests: a fresh runtime directory per test, a serving endpoint on a
+// thread of its own, and the names the stand-in binds.
+#ifndef PLATFORM_TEST_HELPERS_H
+#define PLATFORM_TEST_HELPERS_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/platform.h"
+
+namespace plat_test {
+
+// Each test talks in a runtime directory of its own, with a clean IPC state.
+class IpcTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ipc_reset();
+        char tmpl[] = "/tmp/plat-test-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        setenv("MGMT_IPC_DIR", dir_.c_str(), 1);
+        for (const char *v : {"MGMT_SLOT", "MGMT_APPID", "MGMT_INSTANCE", "MGMT_IPC_TIMEOUT_MS", "MGMT_CONSOLE"})
+            unsetenv(v);
+    }
+    void TearDown() override {
+        ipc_reset();
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+    std::string path(const std::string &name) const { return dir_ + "/" + name; }
+    std::string ep_path(uint32_t app, uint32_t inst = 0, uint32_t slot = 0) const {
+        return path("s" + std::to_string(slot) + ".a" + std::to_string(app) + ".i" + std::to_string(inst));
+    }
+    // The reply socket name of the calling thread.
+    std::string my_thread_path() const {
+        return path("t" + std::to_string(getpid()) + "." + std::to_string(gettid()));
+    }
+    std::string dir_;
+};
+
+inline bool exists(const std::string &p) {
+    struct stat st;
+    return lstat(p.c_str(), &st) == 0;
+}
+
+inline long long elapsed_ms(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();
+}
+
+// An endpoint served on a thread of its own while the object lives.
+class Server {
+  public:
+    Server(uint32_t app, uint32_t inst, void *ctx, std::initializer_list<std::pair<uint16_t, ipc_handler_fn>> hs) {
+        ep_ = ipc_endpoint_open(app, inst, ctx);
+        if (!ep_) return;
+        for (auto &[msg, fn] : hs) ipc_endpoint_handler(ep_, msg, fn);
+        thread_ = std::thread([this] { result_ = ipc_endpoint_serve(ep_); });
+    }
+    ~Server() {
+        if (!ep_) return;
+        ipc_endpoint_stop(ep_);
+        thread_.join();
+        ipc_endpoint_close(ep_);
+    }
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+    bool ok() const { return ep_ != nullptr; }
+    ipc_endpoint_t *ep() const { return ep_; }
+
+  private:
+    ipc_endpoint_t *ep_ = nullptr;
+    std::thread thread_;
+    int result_ = 0;
+};
+
+// Runs fn on a new thread and waits for it.
+template <class F> void on_thread(F fn) {
+    std::thread t(fn);
+    t.join();
+}
+
+// The message number of a frame head: big-endian at byte 4.
+inline uint16_t head_msg(const void *head) {
+    auto *h = static_cast<const uint8_t *>(head);
+    return uint16_t(h[4] << 8 | h[5]);
+}
+
+} // namespace plat_test
+
+#endif
