@@ -187,6 +187,13 @@ int send_direct(mgiBuf *buf, uint32_t dst_app, int timeout_ms) {
     return 0;
 }
 
+// Turns the next request into the closing one of a paged exchange.
+void close_exchange(mgiBuf *buf) {
+    buf->sbuf[MGI_OFF_NEXTSEG] = MGI_SEG_END;
+    buf->sbuf[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
+    buf->sendseg_len = 0;
+}
+
 void append_found(mgiBuf *buf, uint8_t type) {
     void *body = nullptr;
     uint32_t len = 0;
@@ -335,15 +342,17 @@ MGMT_API int make_mgi_exchange_direct_with_context(mgiInfo *info, uint32_t dst_a
         }
         void *body = nullptr;
         uint32_t len = 0;
-        if (find_roundtrip_segment_r(buf, MGI_SEG_COOKIE, &body, &len) == 0) {
+        bool closing = find_roundtrip_segment_r(buf, MGI_SEG_COOKIE, &body, &len) != 0;
+        if (!closing) {
             append_rqt_segment_r(buf, MGI_SEG_COOKIE, body, static_cast<uint16_t>(len));
         } else {
-            h[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-            h[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
-            buf->sendseg_len = 0;
+            close_exchange(buf);
         }
         append_found(buf, MGI_SEG_CONDITION);
         append_found(buf, MGI_SEG_QUERYDATA);
+        // A closing request holds no chain: whatever was appended behind it is
+        // counted in the length, but the header still says 139.
+        if (closing) h[MGI_OFF_NEXTSEG] = MGI_SEG_END;
     }
 }
 
@@ -364,15 +373,16 @@ MGMT_API int make_mgi_exchange_direct_r(mgiBuf *buf, uint32_t dst_app, mgi_direc
 
         void *body = nullptr;
         uint32_t len = 0;
-        if (find_roundtrip_segment_r(buf, MGI_SEG_COOKIE, &body, &len) == 0) {
+        bool closing = find_roundtrip_segment_r(buf, MGI_SEG_COOKIE, &body, &len) != 0;
+        if (!closing) {
             prepare_to_append_segment_r(buf);
             append_rqt_segment_r(buf, MGI_SEG_COOKIE, body, static_cast<uint16_t>(len));
         } else {
-            h[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-            h[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
-            buf->sendseg_len = 0;
+            // The cursors stay where the last request left them.
+            close_exchange(buf);
         }
         append_found(buf, MGI_SEG_CONDITION);
+        if (closing) h[MGI_OFF_NEXTSEG] = MGI_SEG_END;
     }
 }
 

@@ -1,0 +1,595 @@
+// Both exchange roads between real endpoints over the platform IPC: a test
+// manager (application 2) and a test application answer a front end thread.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <poll.h>
+#include <cstring>
+#include <unistd.h>
+
+#include "mgmt/mgi.h"
+#include "fault_injection.h"
+#include "test_support.h"
+
+using namespace mgmt_test;
+
+namespace {
+
+constexpr uint32_t kApp = 11;
+const uint32_t kTarget[10] = {0xe0001, 0xe0002, 0};
+
+Answer final_msg(uint8_t type = MGI_RSP_FINAL, const Bytes &payload = {}) {
+    return {mgi_record_message(type, payload), 0, false};
+}
+
+Bytes records(std::initializer_list<uint8_t> firsts, size_t stride) {
+    Bytes b;
+    for (uint8_t f : firsts) {
+        Bytes r(stride, 0);
+        r[0] = f;
+        b.insert(b.end(), r.begin(), r.end());
+    }
+    return b;
+}
+
+void reset_modes() {
+    set_mgi_info_from(0);
+    set_mgi_ha_unset_src(0);
+    set_mgi_fernlook_src(0);
+    set_force_cli_mode(0);
+    set_force_import_mode(0);
+    set_mgi_transaction_id(0);
+}
+
+// A set-shaped request through the manager with a small record.
+int send_through_mgd(mgiInfo &info, mgi_rsp_callback cb = nullptr, int stride = 4) {
+    uint8_t record[4] = {0xde, 0xad, 0xbe, 0xef};
+    init_mgi_exchange_r(info.mgi_buf);
+    prepare_mgi_exchange_r(info.mgi_buf, kTarget, info.rqt_firstseg, info.rqt_type, sizeof record, 0, 0, 0, 0, 0,
+                           0, 0, 0, record);
+    return make_mgi_exchange_with_context(&info, cb, stride);
+}
+
+// A get-shaped request on the direct road, with what the context holds.
+void prepare_direct(mgiInfo &info) {
+    prepare_mgi_exchange_direct_r(info.mgi_buf, kTarget, info.rqt_type, info.rqt_offset, info.rqt_aux, 0, 0);
+    mgi_final_rqt_message(&info);
+}
+
+struct DirectCalls {
+    std::vector<Bytes> data, err, cookie;
+    int stop_at = -1;
+};
+
+int direct_cb(void *data, uint32_t *dl, void *err, uint32_t *el, void *cookie, uint32_t *cl, void *ud) {
+    auto *c = static_cast<DirectCalls *>(ud);
+    auto take = [](void *p, uint32_t n) {
+        auto *b = static_cast<uint8_t *>(p);
+        return p ? Bytes(b, b + n) : Bytes{};
+    };
+    c->data.push_back(take(data, *dl));
+    c->err.push_back(take(err, *el));
+    c->cookie.push_back(take(cookie, *cl));
+    return int(c->data.size()) == c->stop_at ? 1 : 0;
+}
+
+class Exchange : public ::testing::Test {
+  protected:
+    void SetUp() override { reset_modes(); }
+    void TearDown() override { reset_modes(); }
+};
+
+// ---------------------------------------------------------------- source of request
+
+struct SrcCase {
+    uint32_t app;
+    std::function<void(mgiInfo &)> setup;
+    uint8_t through_mgd;
+    uint8_t direct;
+    const char *what;
+};
+
+TEST_F(Exchange, SourceOfRequestOnBothRoads) {
+    TestPeer mgd(MGD_APPID), app(kApp);
+    ASSERT_TRUE(mgd.ok() && app.ok());
+    mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{final_msg()}; });
+    app.handle(MGI_IPC_MSG, [](const Received &) {
+        Answer a = final_msg();
+        a.as_reply = true;
+        return std::vector<Answer>{a};
+    });
+    auto none = [](mgiInfo &) {};
+    const std::vector<SrcCase> cases = {
+        {5, none, 1, 1, "front end in normal mode"},
+        {5, [](mgiInfo &) { set_mgi_ha_unset_src(1); set_force_cli_mode(2); }, 10, 1, "HA-unset is tested first"},
+        {5, [](mgiInfo &) { set_force_cli_mode(2); set_force_import_mode(1); }, 29, 1, "FRU configuration"},
+        {5, [](mgiInfo &) { set_force_cli_mode(1); set_force_import_mode(1); }, 16, 1, "force CLI"},
+        {5, [](mgiInfo &) { set_force_import_mode(-3); }, 18, 1, "force import, any non-zero"},
+        {5, [](mgiInfo &) { set_mgi_info_from(7); }, 7, 1, "thread's own code wins through MGD only"},
+        {16, [](mgiInfo &) { set_mgi_fernlook_src(1); }, 22, 0, "fernlook mode"},
+        {16, none, 0, 0, "16 plain"},
+        {23, none, 4, 4, "23"},
+        {46, none, 3, 0, "46 passes its rqt_src on the direct road"},
+        {114, none, 27, 27, "114"},
+        {118, none, 26, 26, "118"},
+        {99, none, 0, 0, "any other"},
+        {53, [](mgiInfo &i) { i.rqt_src = 22; }, 22, 0, "relay passes 22 on through MGD"},
+        {11, [](mgiInfo &i) { i.rqt_src = 2; }, 2, 0, "relay 11 passes 2"},
+        {29, [](mgiInfo &i) { i.rqt_src = 28; }, 28, 0, "relay 29 passes 28"},
+        {11, [](mgiInfo &i) { i.rqt_src = 5; }, 0, 0, "relay filter keeps its own choice"},
+        {46, [](mgiInfo &i) { i.rqt_src = 9; }, 3, 9, "46 passes anything on the direct road"},
+        {46, [](mgiInfo &i) { i.rqt_src = 0; }, 3, 0, "46 passes even 0"},
+        {5, [](mgiInfo &i) { i.rqt_src = 22; }, 1, 1, "no relay"},
+    };
+    size_t n = 0;
+    for (const SrcCase &c : cases) {
+        SCOPED_TRACE(c.what);
+        run_as(c.app, [&] {
+            mgiInfo info;
+            init_mgi_info(&info);
+            c.setup(info);
+            EXPECT_EQ(send_through_mgd(info), 0);
+            init_mgi_info(&info);
+            c.setup(info);
+            prepare_direct(info);
+            EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), 0);
+        });
+        reset_modes();
+        ++n;
+        ASSERT_TRUE(mgd.wait_for(n));
+        ASSERT_TRUE(app.wait_for(n));
+        EXPECT_EQ(mgd.received().back().bytes[MGI_OFF_SRC], c.through_mgd);
+        EXPECT_EQ(app.received().back().bytes[MGI_OFF_SRC], c.direct);
+    }
+}
+
+// ---------------------------------------------------------------- road through MGD
+
+TEST_F(Exchange, ThroughMgdWritesContextFieldsAndSendsToTheManager) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{final_msg(MGI_RSP_FINAL2)}; });
+    run_as(5, [] {
+        set_mgi_transaction_id(0x21);
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 3);
+        mgi_set_rqt_language(&info, 2);
+        mgi_set_rqt_vsysid(&info, 0x0a0b);
+        mgi_set_rqt_dst_vsysid(&info, 0x0c0d);
+        mgi_set_flag(&info, 0x80000001);
+        mgi_set_revision(&info, 0x01020304);
+        mgi_set_rsp_data_type(&info, 0x05060708);
+        mgi_set_rqt_sublevel(&info, 9); // direct road only
+        EXPECT_EQ(send_through_mgd(info), 0);
+    });
+    ASSERT_TRUE(mgd.wait_for(1));
+    Received r = mgd.received()[0];
+    EXPECT_EQ(r.msg, MGI_IPC_MSG);
+    EXPECT_EQ(r.src_app, 5u);
+    ASSERT_EQ(r.bytes.size(), 312u + 4u); // IPC length is len plus the header
+    const uint8_t *h = r.bytes.data();
+    EXPECT_EQ(h[0], 8);
+    EXPECT_EQ(h[3], 0x21);
+    EXPECT_EQ(h[4], 96);
+    EXPECT_EQ(h[5], 2);
+    EXPECT_EQ(be16(h + 6), 0x0a0b);
+    EXPECT_EQ(be16(h + 46), 0x0c0d);
+    EXPECT_EQ(be32(h + 88), 0xe0001u);
+    EXPECT_EQ(be32(h + 92), 0xe0002u);
+    EXPECT_EQ(h[128], 0); // a plain record, no chain
+    EXPECT_EQ(h[129], 3);
+    EXPECT_EQ(be16(h + 130), 4);
+    EXPECT_EQ(be32(h + 132), 0xFFFFFFFFu);
+    EXPECT_EQ(be32(h + 144), 0x80000001u);
+    EXPECT_EQ(be32(h + 148), 0u);
+    EXPECT_EQ(be32(h + 216), 0x01020304u);
+    EXPECT_EQ(be32(h + 308), 0x05060708u);
+    EXPECT_EQ(be32(h + 312), 0xdeadbeefu);
+}
+
+std::vector<uint8_t> g_seen;
+int g_fail_at = -1;
+int record_cb(void *rec) {
+    g_seen.push_back(*static_cast<uint8_t *>(rec));
+    return int(g_seen.size()) == g_fail_at ? -1 : 0;
+}
+
+TEST_F(Exchange, ThroughMgdHandsEveryRecordOfPartialAndFinalAnswers) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [](const Received &) {
+        return std::vector<Answer>{final_msg(MGI_RSP_PARTIAL, records({1, 2, 3}, 8)),
+                                   final_msg(MGI_RSP_PARTIAL, records({4, 5}, 8)),
+                                   final_msg(MGI_RSP_FINAL, records({6}, 8))};
+    });
+    g_seen.clear();
+    g_fail_at = -1;
+    int rc = -9;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        rc = send_through_mgd(info, record_cb, 8);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(g_seen, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
+}
+
+TEST_F(Exchange, ThroughMgdCallbackFailureStopsLaterMessagesButNotTheResult) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [](const Received &) {
+        return std::vector<Answer>{final_msg(MGI_RSP_PARTIAL, records({1, 2, 3}, 4)),
+                                   final_msg(MGI_RSP_PARTIAL, records({4}, 4)),
+                                   final_msg(MGI_RSP_FINAL, records({5}, 4))};
+    });
+    g_seen.clear();
+    g_fail_at = 2;
+    int rc = -9;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        rc = send_through_mgd(info, record_cb, 4);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(g_seen, (std::vector<uint8_t>{1, 2, 3})); // the rest of the first message still comes
+
+    // In a final message the first failure stops the walk.
+    mgd.handle(MGI_IPC_MSG, [](const Received &) {
+        return std::vector<Answer>{final_msg(MGI_RSP_FINAL, records({7, 8, 9}, 4))};
+    });
+    g_seen.clear();
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        rc = send_through_mgd(info, record_cb, 4);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(g_seen, (std::vector<uint8_t>{7, 8}));
+    g_fail_at = -1;
+}
+
+TEST_F(Exchange, ThroughMgdFinalTypesErrorsAndUnknownTypes) {
+    TestPeer mgd(MGD_APPID);
+    std::atomic<uint8_t> answer_type{MGI_RSP_FINAL};
+    mgd.handle(MGI_IPC_MSG, [&](const Received &) {
+        if (answer_type == MGI_RSP_ERROR) {
+            Bytes body(16, 0);
+            int32_t code = -100;
+            std::memcpy(body.data(), &code, 4);
+            const char text[8] = "denied";
+            body.insert(body.end(), text, text + 8);
+            return std::vector<Answer>{{mgi_message(MGI_RSP_ERROR, {{MGI_SEG_ERROR, body}}), 0, false}};
+        }
+        return std::vector<Answer>{final_msg(answer_type)};
+    });
+    ConsoleCapture cap;
+    g_seen.clear();
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        EXPECT_EQ(send_through_mgd(info, record_cb, 4), 0); // final with len 0: no callback
+        EXPECT_TRUE(g_seen.empty());
+        answer_type = MGI_RSP_ERROR;
+        EXPECT_EQ(send_through_mgd(info, record_cb, 4), -1);
+        EXPECT_EQ(mgi_get_rsp_err_code_r(info.mgi_buf), -100); // the error stays for the reader
+        EXPECT_STREQ(get_errString_r(info.mgi_buf), "denied");
+        answer_type = 21;
+        EXPECT_EQ(send_through_mgd(info, record_cb, 4), -1);
+    });
+    EXPECT_EQ(cap.text(), "MGI: unknown msg type: 21\n");
+}
+
+TEST_F(Exchange, ThroughMgdTimeoutZeroFailsAtOnceAndNamesTheTarget) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{}; }); // never answers
+    ConsoleCapture cap;
+    int rc = 0;
+    auto started = std::chrono::steady_clock::now();
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_timeout(&info, 0);
+        rc = send_through_mgd(info);
+    });
+    EXPECT_EQ(rc, -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+    // Target words are printed as they stand in the send buffer, big-endian, unconverted.
+    const uint32_t w0 = __builtin_bswap32(0xe0001), w1 = __builtin_bswap32(0xe0002);
+    EXPECT_EQ(cap.text(), "MGI CONTEXT: poll failed: return 0, error: Success(0), myapp app5 dst-app mgd\n"
+                          "MGI target[0] " + std::to_string(w0) + "\nMGI target[1] " + std::to_string(w1) + "\n");
+}
+
+TEST_F(Exchange, ThroughMgdWithoutManagerFailsAtOnce) {
+    ConsoleCapture cap;
+    int rc = 0;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        rc = send_through_mgd(info);
+    });
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(cap.text(), "MGI: ipc send failed myapp app5 dst-app mgd\n");
+}
+
+TEST_F(Exchange, PlainPairFormIgnoresTheContextAndReportsAFailedPoll) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [&](const Received &) { return std::vector<Answer>{final_msg()}; });
+    ConsoleCapture cap;
+    run_as(23, [&] {
+        mgiBuf *buf = init_mgi_exchange();
+        prepare_mgi_exchange_r(buf, kTarget, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
+        EXPECT_EQ(make_mgi_exchange(nullptr, 4), 0);
+        fault::arm_poll({true, -1, EINTR, 0});
+        EXPECT_EQ(make_mgi_exchange_r(buf, nullptr, 4), -1);
+        fault::disarm();
+    });
+    ASSERT_TRUE(mgd.wait_for(2));
+    EXPECT_EQ(mgd.received()[0].bytes[MGI_OFF_SRC], 4);
+    const uint32_t w0 = __builtin_bswap32(0xe0001), w1 = __builtin_bswap32(0xe0002);
+    EXPECT_EQ(cap.text(), "MGI R: poll failed: return -1, error: Interrupted system call(4), myapp app23 dst-app mgd\n"
+                          "MGI target[0] " + std::to_string(w0) + "\nMGI target[1] " + std::to_string(w1) + "\n");
+}
+
+TEST_F(Exchange, ThroughMgdUnknownEventAndRecvFailures) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [&](const Received &) { return std::vector<Answer>{final_msg()}; });
+    ConsoleCapture cap;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        fault::arm_poll({true, 1, 0, POLLERR | POLLHUP});
+        EXPECT_EQ(send_through_mgd(info), -1);
+        fault::disarm();
+    });
+    EXPECT_EQ(cap.text(), "MGI: unknown event 18\n");
+    cap.clear();
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        // The message stays waiting while recv fails, so the loop goes round again.
+        fault::arm_recv_failures(3);
+        EXPECT_EQ(send_through_mgd(info), 0);
+        fault::disarm();
+    });
+    EXPECT_EQ(cap.text(), "MGI: recv failed\nMGI: recv failed\nMGI: recv failed\n");
+}
+
+// ---------------------------------------------------------------- direct road
+
+TEST_F(Exchange, DirectWritesContextFieldsOnce) {
+    TestPeer app(kApp);
+    app.handle(MGI_IPC_MSG, [](const Received &) {
+        return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}};
+    });
+    run_as(5, [] {
+        set_mgi_transaction_id(0x31);
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 2);
+        mgi_set_rqt_language(&info, 4);
+        mgi_set_rqt_vsysid(&info, 0x0102);
+        mgi_set_rqt_dst_vsysid(&info, 0x0304);
+        mgi_set_rqt_sublevel(&info, 0x11);
+        mgi_set_attr_brief(&info, 0x12);
+        mgi_set_revision(&info, 0x13);
+        mgi_set_rqt_descend(&info, 0x14);
+        mgi_set_rsp_data_type(&info, 0x15);
+        mgi_set_flag(&info, 0x16);
+        mgi_set_rqt_offset(&info, 0x1234);
+        info.rqt_aux = 0x4321;
+        mgi_set_fernlook_taskid(&info, "task-1");
+        mgi_set_fernlook_type(&info, "probe");
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), 0);
+    });
+    ASSERT_TRUE(app.wait_for(1));
+    const Bytes b = app.received()[0].bytes;
+    ASSERT_EQ(b.size(), 312u);
+    const uint8_t *h = b.data();
+    EXPECT_EQ(h[3], 0x31);
+    EXPECT_EQ(h[5], 4);
+    EXPECT_EQ(be16(h + 6), 0x0102);
+    EXPECT_EQ(be16(h + 46), 0); // not written on this road
+    EXPECT_EQ(h[128], 139);
+    EXPECT_EQ(h[129], 2);
+    EXPECT_EQ(be16(h + 130), 0);
+    EXPECT_EQ(be32(h + 132), 0x1234u);
+    EXPECT_EQ(be16(h + 140), 0x4321);
+    EXPECT_EQ(be32(h + 144), 0x16u);
+    EXPECT_EQ(be32(h + 148), 0x11u);
+    EXPECT_EQ(be32(h + 164), 0x12u);
+    EXPECT_EQ(be32(h + 216), 0x13u);
+    EXPECT_EQ(be32(h + 220), 0x14u);
+    EXPECT_EQ(be32(h + 308), 0x15u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(h + 240), "task-1");
+    EXPECT_STREQ(reinterpret_cast<const char *>(h + 273), "probe");
+}
+
+// Pages answered by the application: two partial answers with cookies, then a final one.
+std::vector<Answer> paged_answer(const Received &r) {
+    static const Bytes kCookie1(24, 0xC1), kCookie2(24, 0xC2);
+    void *cookie = nullptr;
+    const uint8_t *h = r.bytes.data();
+    // Which page: by the cookie the requester sent back.
+    Bytes sent_cookie;
+    const uint8_t *p = h + 312;
+    uint8_t type = h[128];
+    uint16_t left = be16(h + 130);
+    while (type != 139 && left >= 8) {
+        uint16_t n = be16(p + 2);
+        if (type == 132) sent_cookie.assign(p + 8, p + 8 + n);
+        type = p[0];
+        left = uint16_t(left - 8 - n);
+        p += 8 + n;
+    }
+    (void)cookie;
+    std::vector<Seg> segs;
+    uint8_t rtype = MGI_RSP_PARTIAL;
+    if (sent_cookie.empty()) {
+        segs = {{134, Bytes(12, 1)}, {132, kCookie1}, {131, Bytes{'c', 'o', 'n', 'd', '-', 'a', 0, 0}}, {138, Bytes(4, 0x38)}};
+    } else if (sent_cookie == kCookie1) {
+        segs = {{134, Bytes(12, 2)}, {132, kCookie2}};
+    } else {
+        segs = {{134, Bytes(12, 3)}};
+        rtype = MGI_RSP_FINAL;
+    }
+    return {{mgi_message(rtype, segs), 0, true}};
+}
+
+TEST_F(Exchange, DirectPagingSendsCookieConditionQueryAndRecordBack) {
+    TestPeer app(kApp);
+    app.handle(MGI_IPC_MSG, paged_answer);
+    DirectCalls calls;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 2);
+        uint8_t key[6] = {'k', 'e', 'y', 0, 0, 0};
+        info.mgidata = key;
+        info.mgidata_len = 6;
+        mgi_set_rqt_ruledata_subtype(&info, 0x77);
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), 0);
+        // The record now lives in the send buffer.
+        EXPECT_EQ(info.mgidata, info.mgi_buf->sbuf + 320);
+    });
+    ASSERT_EQ(app.received().size(), 3u);
+    ASSERT_EQ(calls.data.size(), 3u);
+    EXPECT_EQ(calls.data[2], Bytes(12, 3));
+    EXPECT_EQ(calls.cookie[0], Bytes(24, 0xC1));
+    EXPECT_TRUE(calls.cookie[2].empty());
+
+    const Bytes second = app.received()[1].bytes;
+    const uint8_t *h = second.data();
+    EXPECT_EQ(h[129], 2); // the type stays
+    EXPECT_EQ(h[128], 133);
+    const uint8_t *s = h + 312;
+    EXPECT_EQ(s[1], 133);
+    EXPECT_EQ(be32(s + 4), 0x77u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s + 8)), "key");
+    s += 8 + 6;
+    EXPECT_EQ(s[1], 132);
+    EXPECT_EQ(Bytes(s + 8, s + 8 + 24), Bytes(24, 0xC1)); // sent back unchanged
+    s += 8 + 24;
+    EXPECT_EQ(s[1], 131);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s + 8)), "cond-a");
+    s += 8 + 8;
+    EXPECT_EQ(s[1], 138);
+    EXPECT_EQ(s[0], 139);
+    EXPECT_EQ(be16(h + 130), 14u + 32u + 16u + 12u);
+    EXPECT_EQ(second.size(), 312u + 74u);
+    // The third carries the second cookie and no condition (the second answer had none).
+    const uint8_t *t = app.received()[2].bytes.data();
+    EXPECT_EQ(be16(t + 130), 14u + 32u);
+}
+
+TEST_F(Exchange, DirectPartialWithoutCookieClosesWithTypeTwentyTwo) {
+    TestPeer app(kApp);
+    app.handle(MGI_IPC_MSG, [](const Received &r) {
+        if (r.bytes[129] == MGI_RQT_CLOSE) return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}};
+        return std::vector<Answer>{
+            {mgi_message(MGI_RSP_PARTIAL, {{137, Bytes(4, 9)}, {131, Bytes(8, 0x31)}}), 0, true}};
+    });
+    DirectCalls calls;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 2);
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), 0);
+    });
+    ASSERT_EQ(app.received().size(), 2u);
+    const Bytes close = app.received()[1].bytes;
+    EXPECT_EQ(close[129], MGI_RQT_CLOSE);
+    EXPECT_EQ(close[128], 139);          // no chain for the server...
+    EXPECT_EQ(be16(&close[130]), 16);    // ...but the condition of the last answer is counted
+    EXPECT_EQ(close[312 + 1], 131);
+    EXPECT_EQ(calls.data[0], Bytes(4, 9));
+}
+
+TEST_F(Exchange, DirectErrorsGoThroughTheCallbackNotTheResult) {
+    TestPeer app(kApp);
+    app.handle(MGI_IPC_MSG, [](const Received &) {
+        Bytes body(16, 0);
+        int32_t code = -2;
+        std::memcpy(body.data(), &code, 4);
+        return std::vector<Answer>{{mgi_message(MGI_RSP_ERROR, {{135, body}}), 0, true}};
+    });
+    DirectCalls calls;
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), 0);
+        EXPECT_EQ(mgi_get_rsp_err_code_r(info.mgi_buf), -2);
+        calls.stop_at = 2; // a callback that says stop ends the exchange with -1
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), -1);
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), 0);
+    });
+    ASSERT_GE(calls.err.size(), 1u);
+    EXPECT_EQ(calls.err[0].size(), 16u);
+    EXPECT_TRUE(calls.data[0].empty());
+}
+
+TEST_F(Exchange, DirectToAbsentOrSilentApplicationFails) {
+    ConsoleCapture cap;
+    run_as(5, [] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, 77, nullptr, nullptr), -1);
+    });
+    EXPECT_EQ(cap.text(), "MGI: ipc send failed myapp app5 dst-app app77\n");
+
+    TestPeer app(kApp);
+    app.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{}; });
+    cap.clear();
+    auto started = std::chrono::steady_clock::now();
+    run_as(5, [] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_timeout(&info, 1);
+        prepare_direct(info);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), -1);
+    });
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+    EXPECT_EQ(cap.text(), "MGI: ipc send failed myapp app5 dst-app app11\n");
+}
+
+TEST_F(Exchange, DirectPlainPairFormDiffersAsStated) {
+    TestPeer app(kApp);
+    app.handle(MGI_IPC_MSG, paged_answer);
+    run_as(5, [&] {
+        mgiBuf *buf = init_mgi_exchange();
+        prepare_mgi_exchange_direct_r(buf, kTarget, 2, 0, 0, 0, 0);
+        uint8_t key[6] = {'k'};
+        set_sendseg_subtype_r(buf, 5);
+        append_rqt_segment_r(buf, 133, key, 6);
+        // Without a callback the plain form gives up after the first reply.
+        EXPECT_EQ(make_mgi_exchange_direct(kApp, nullptr, nullptr), -1);
+
+        prepare_mgi_exchange_direct_r(buf, kTarget, 2, 0, 0, 0, 0);
+        append_rqt_segment_r(buf, 133, key, 6);
+        set_mgi_transaction_id(1);
+        DirectCalls calls;
+        auto cb = [](void *d, uint32_t *dl, void *e, uint32_t *el, void *c, uint32_t *cl, void *ud) {
+            set_mgi_transaction_id(uint8_t(get_mgi_transaction_id() + 1)); // written at every send
+            return direct_cb(d, dl, e, el, c, cl, ud);
+        };
+        EXPECT_EQ(make_mgi_exchange_direct_r(buf, kApp, cb, &calls), 0);
+        EXPECT_EQ(calls.data.size(), 3u);
+    });
+    auto got = app.received();
+    ASSERT_EQ(got.size(), 4u);
+    const uint8_t *second = got[2].bytes.data();
+    EXPECT_EQ(second[3], 2);
+    EXPECT_EQ(got[3].bytes[3], 3);
+    EXPECT_EQ(second[128], 132); // the record is not sent again
+    EXPECT_EQ(second[312 + 8 + 24 + 1], 131);
+    EXPECT_EQ(second[312 + 8 + 24], 139); // and query data is not sent back
+    EXPECT_EQ(be16(second + 130), 32u + 16u);
+    set_mgi_transaction_id(0);
+}
+
+} // namespace

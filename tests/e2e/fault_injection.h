@@ -1,0 +1,23 @@
+// Faults injected into the calls that libmgmt makes, per thread: this program
+// defines poll and ipcmsg_recv_sync itself, ahead of the C library and the
+// platform library, and passes every call on unless a fault is armed.
+#ifndef MGMT_TEST_FAULT_INJECTION_H
+#define MGMT_TEST_FAULT_INJECTION_H
+
+namespace fault {
+
+struct PollFault {
+    bool armed = false;
+    int result = 0;     // what poll returns
+    int err = 0;        // errno it leaves
+    short revents = 0;  // events it reports
+};
+
+// Armed on the calling thread only.
+void arm_poll(const PollFault &f);
+void arm_recv_failures(int count);
+void disarm();
+
+} // namespace fault
+
+#endif
