@@ -15,19 +15,15 @@
 #include "platform/platform.h"
 
 /* A text field: the argument points at a char pointer; a null text leaves the field alone. */
-static inline void mgmt_put_text(unsigned char *at, const void *arg, size_t size)
-{
+static inline void mgmt_put_text(unsigned char *at, const void *arg, size_t size) {
     const char *text = *static_cast<const char *const *>(arg);
-    if (text)
-        strlcpy(reinterpret_cast<char *>(at), text, size);
+    if (text) strlcpy(reinterpret_cast<char *>(at), text, size);
 }
 
 /* Bytes behind a pointer: the argument points at that pointer; a null pointer leaves the field alone. */
-static inline void mgmt_put_ref(unsigned char *at, const void *arg, size_t size)
-{
+static inline void mgmt_put_ref(unsigned char *at, const void *arg, size_t size) {
     const void *from = *static_cast<const void *const *>(arg);
-    if (from)
-        memcpy(at, from, size);
+    if (from) memcpy(at, from, size);
 }
 
 /* The one routine behind every stub of each kind; the object is the stub's constant descriptor. */

@@ -15,15 +15,13 @@ namespace {
 /* A path has at most ten words, so a chain has at most nine parents. */
 constexpr int kMaxChain = MGI_TARGET_WORDS;
 
-void put_be32(unsigned char *at, uint32_t v)
-{
+void put_be32(unsigned char *at, uint32_t v) {
     v = htonl(v);
     memcpy(at, &v, sizeof v);
 }
 
 /* The object's parents with an index record, root first; their number. */
-int parents_of(const libmgmt_object *obj, const libmgmt_object **up)
-{
+int parents_of(const libmgmt_object *obj, const libmgmt_object **up) {
     int n = 0;
     for (const libmgmt_object *p = obj->parent; p && n < kMaxChain; p = p->parent)
         up[n++] = p;
@@ -41,9 +39,8 @@ int parents_of(const libmgmt_object *obj, const libmgmt_object **up)
  * records give no mask. Returns the total length, or -1 when the records
  * would run past the end of the send buffer (room bytes from place).
  */
-int32_t pack_chain(const libmgmt_object *obj, unsigned char *place, size_t room, void *const *slots,
-                   uint64_t *mask, uint32_t *mask3, bool whole)
-{
+int32_t pack_chain(const libmgmt_object *obj, unsigned char *place, size_t room, void *const *slots, uint64_t *mask,
+                   uint32_t *mask3, bool whole) {
     const libmgmt_object *up[kMaxChain];
     const int n = parents_of(obj, up);
     const bool entity = whole || !obj->pack_index;
@@ -69,8 +66,7 @@ int32_t pack_chain(const libmgmt_object *obj, unsigned char *place, size_t room,
 }
 
 /* Room left in the send buffer from place on. */
-size_t room_from(const mgiBuf *buf, const unsigned char *place)
-{
+size_t room_from(const mgiBuf *buf, const unsigned char *place) {
     const unsigned char *end = buf->sbuf + MGI_MAX_LEN;
     return place < end ? static_cast<size_t>(end - place) : 0;
 }
@@ -81,13 +77,11 @@ size_t room_from(const mgiBuf *buf, const unsigned char *place)
  * writes the three mask words into the header. Returns the record's place,
  * or null when there is no buffer or the data does not fit.
  */
-unsigned char *prepare_direct(const libmgmt_object *obj, mgiInfo *info, bool get, uint64_t *mask, uint32_t *mask3)
-{
+unsigned char *prepare_direct(const libmgmt_object *obj, mgiInfo *info, bool get, uint64_t *mask, uint32_t *mask3) {
     uint32_t target[MGI_TARGET_WORDS];
     memcpy(target, obj->path, sizeof target);
     mgiBuf *buf = info ? info->mgi_buf : nullptr;
-    if (!buf || !buf->sbuf)
-        return nullptr;
+    if (!buf || !buf->sbuf) return nullptr;
     prepare_mgi_exchange_direct_r(buf, target, info->rqt_type, info->rqt_offset, info->rqt_aux, 0, 0);
     if (get && info->udcdata && info->udcdata_len) {
         if (room_from(buf, buf->sendseg) < MGI_SEGHDR_LEN + size_t(info->udcdata_len)) {
@@ -97,18 +91,15 @@ unsigned char *prepare_direct(const libmgmt_object *obj, mgiInfo *info, bool get
         append_rqt_segment_r(buf, MGI_SEG_UDCDATA, info->udcdata, info->udcdata_len);
     }
     unsigned char *place = get_sendseg_buf_r(buf);
-    if (!place)
-        return nullptr;
+    if (!place) return nullptr;
     const size_t room = room_from(buf, place);
     if (!info->mgidata) {
         /* Only the exact value 1 asks a get for the whole entity. */
         const bool whole = !get || mgi_get_whether_full_entity(info) == 1;
         const int32_t len = pack_chain(obj, place, room, info->rqt_item, mask, mask3, whole);
-        if (len < 0)
-            return nullptr;
+        if (len < 0) return nullptr;
         info->mgidata_len = static_cast<uint16_t>(len);
-        if (len)
-            info->mgidata = place;
+        if (len) info->mgidata = place;
     } else if (info->mgidata_len > room) {
         console_print("MGI: %s: data of %u bytes does not fit the message\n", obj->name, info->mgidata_len);
         return nullptr;
@@ -120,28 +111,23 @@ unsigned char *prepare_direct(const libmgmt_object *obj, mgiInfo *info, bool get
     return place;
 }
 
-}  // namespace
+} // namespace
 
-int mgmt_stub_set(const libmgmt_object *obj, mgiInfo *info, mgi_rsp_callback callback)
-{
+int mgmt_stub_set(const libmgmt_object *obj, mgiInfo *info, mgi_rsp_callback callback) {
     uint32_t target[MGI_TARGET_WORDS];
     memcpy(target, obj->path, sizeof target);
     uint64_t mask = 0;
     uint32_t mask3 = 0;
     mgiBuf *buf = info ? info->mgi_buf : nullptr;
-    if (!buf)
-        return -1;
+    if (!buf) return -1;
     init_mgi_exchange_r(buf);
-    if (!buf->sbuf)
-        return -1;
+    if (!buf->sbuf) return -1;
     unsigned char *place = buf->sbuf + MGI_HDR_LEN;
     if (!info->mgidata) {
         const int32_t len = pack_chain(obj, place, MGI_MAX_PAYLOAD, info->rqt_item, &mask, &mask3, true);
-        if (len < 0)
-            return -1;
+        if (len < 0) return -1;
         info->mgidata_len = static_cast<uint16_t>(len);
-        if (len)
-            info->mgidata = place;
+        if (len) info->mgidata = place;
     } else if (info->mgidata_len > MGI_MAX_PAYLOAD) {
         console_print("MGI: %s: data of %u bytes does not fit the message\n", obj->name, info->mgidata_len);
         return -1;
@@ -154,13 +140,11 @@ int mgmt_stub_set(const libmgmt_object *obj, mgiInfo *info, mgi_rsp_callback cal
     return make_mgi_exchange_with_context(info, callback, static_cast<int>(obj->entity_len));
 }
 
-int mgmt_stub_get(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback callback, void *record)
-{
+int mgmt_stub_get(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback callback, void *record) {
     uint64_t mask = 0;
     uint32_t mask3 = 0;
     unsigned char *place = prepare_direct(obj, info, true, &mask, &mask3);
-    if (!place)
-        return -1;
+    if (!place) return -1;
     unsigned char *hdr = info->mgi_buf->sbuf;
     for (int i = 0; i < 6; ++i)
         put_be32(hdr + MGI_OFF_XMASK1 + 4 * i, info->rqt_xmask[i]);
@@ -169,28 +153,23 @@ int mgmt_stub_get(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback 
     mgi_final_rqt_message(info);
 
     const uint8_t type = hdr[MGI_OFF_TYPE];
-    if (type == MGI_RQT_MGD_GET)
-        return make_mgi_exchange_direct_with_context(info, MGD_APPID, callback, record);
+    if (type == MGI_RQT_MGD_GET) return make_mgi_exchange_direct_with_context(info, MGD_APPID, callback, record);
     if (type == MGI_RQT_MATCH_GET && record) {
         auto *match = static_cast<mgi_match_get_record *>(record);
         const uint32_t words[3] = {static_cast<uint32_t>(mask), static_cast<uint32_t>(mask >> 32), mask3};
         match->data = place;
         for (int i = 0; i < 3; ++i) {
-            if (match->mask_words)
-                match->mask_words[i] = info->rqt_xmask[i] | words[i];
-            if (match->xmask_words)
-                match->xmask_words[i] = info->rqt_xmask[3 + i] | words[i];
+            if (match->mask_words) match->mask_words[i] = info->rqt_xmask[i] | words[i];
+            if (match->xmask_words) match->xmask_words[i] = info->rqt_xmask[3 + i] | words[i];
         }
     }
     return make_mgi_exchange_direct_with_context(info, obj->owner, callback, record);
 }
 
-int mgmt_stub_exec(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback callback, void *record)
-{
+int mgmt_stub_exec(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback callback, void *record) {
     uint64_t mask = 0;
     uint32_t mask3 = 0;
-    if (!prepare_direct(obj, info, false, &mask, &mask3))
-        return -1;
+    if (!prepare_direct(obj, info, false, &mask, &mask3)) return -1;
     mgi_final_rqt_message(info);
     return make_mgi_exchange_direct_with_context(info, obj->owner, callback, record);
 }

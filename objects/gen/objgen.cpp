@@ -31,25 +31,33 @@
 
 namespace {
 
-constexpr uint32_t kMaxPayload = 49688;  // 50000-byte message less the 312-byte header
-constexpr size_t kMaxFields = 96;        // three mask words
-constexpr size_t kMaxSlots = 128;        // rqt_item slots
-constexpr size_t kMaxPath = 10;          // target words
+constexpr uint32_t kMaxPayload = 49688; // 50000-byte message less the 312-byte header
+constexpr size_t kMaxFields = 96;       // three mask words
+constexpr size_t kMaxSlots = 128;       // rqt_item slots
+constexpr size_t kMaxPath = 10;         // target words
 
 enum class Kind { U8 = 1, I8, U16, I16, U32, U64, Text, Bytes, Ref };
 
-const char *kind_enum(Kind k)
-{
+const char *kind_enum(Kind k) {
     switch (k) {
-    case Kind::U8: return "LIBMGMT_FIELD_U8";
-    case Kind::I8: return "LIBMGMT_FIELD_I8";
-    case Kind::U16: return "LIBMGMT_FIELD_U16";
-    case Kind::I16: return "LIBMGMT_FIELD_I16";
-    case Kind::U32: return "LIBMGMT_FIELD_U32";
-    case Kind::U64: return "LIBMGMT_FIELD_U64";
-    case Kind::Text: return "LIBMGMT_FIELD_TEXT";
-    case Kind::Bytes: return "LIBMGMT_FIELD_BYTES";
-    case Kind::Ref: return "LIBMGMT_FIELD_REF";
+    case Kind::U8:
+        return "LIBMGMT_FIELD_U8";
+    case Kind::I8:
+        return "LIBMGMT_FIELD_I8";
+    case Kind::U16:
+        return "LIBMGMT_FIELD_U16";
+    case Kind::I16:
+        return "LIBMGMT_FIELD_I16";
+    case Kind::U32:
+        return "LIBMGMT_FIELD_U32";
+    case Kind::U64:
+        return "LIBMGMT_FIELD_U64";
+    case Kind::Text:
+        return "LIBMGMT_FIELD_TEXT";
+    case Kind::Bytes:
+        return "LIBMGMT_FIELD_BYTES";
+    case Kind::Ref:
+        return "LIBMGMT_FIELD_REF";
     }
     return "0";
 }
@@ -86,20 +94,12 @@ struct RowError {
     std::string text;
 };
 
-[[noreturn]] void fail(const std::string &why)
-{
-    throw RowError{why};
-}
+[[noreturn]] void fail(const std::string &why) { throw RowError{why}; }
 
-uint32_t align_up(uint64_t v, uint32_t a)
-{
-    return static_cast<uint32_t>((v + a - 1) / a * a);
-}
+uint32_t align_up(uint64_t v, uint32_t a) { return static_cast<uint32_t>((v + a - 1) / a * a); }
 
-std::optional<uint64_t> number(std::string_view s, int base)
-{
-    if (s.empty() || s.size() > 10)
-        return std::nullopt;
+std::optional<uint64_t> number(std::string_view s, int base) {
+    if (s.empty() || s.size() > 10) return std::nullopt;
     uint64_t v = 0;
     for (char c : s) {
         int d;
@@ -116,8 +116,7 @@ std::optional<uint64_t> number(std::string_view s, int base)
     return v;
 }
 
-std::vector<std::string> split(const std::string &s, char sep)
-{
+std::vector<std::string> split(const std::string &s, char sep) {
     std::vector<std::string> out;
     std::string cur;
     for (char c : s) {
@@ -133,10 +132,8 @@ std::vector<std::string> split(const std::string &s, char sep)
 }
 
 // One token of the record notation: kind and width, optional *count, optional @offset.
-void parse_token(const std::string &tok, std::vector<Field> &out)
-{
-    if (tok.size() < 2)
-        fail("unknown field '" + tok + "'");
+void parse_token(const std::string &tok, std::vector<Field> &out) {
+    if (tok.size() < 2) fail("unknown field '" + tok + "'");
     char k = tok[0];
     size_t i = 1;
     while (i < tok.size() && tok[i] >= '0' && tok[i] <= '9')
@@ -150,44 +147,46 @@ void parse_token(const std::string &tok, std::vector<Field> &out)
         while (j < tok.size() && tok[j] >= '0' && tok[j] <= '9')
             ++j;
         auto v = number(std::string_view(tok).substr(i, j - i), 10);
-        if (!v || (mark != '*' && mark != '@'))
-            fail("unknown field '" + tok + "'");
+        if (!v || (mark != '*' && mark != '@')) fail("unknown field '" + tok + "'");
         if (mark == '*') {
-            if (count != 1 || offset || *v == 0 || *v > kMaxFields)
-                fail("bad repeat count in '" + tok + "'");
+            if (count != 1 || offset || *v == 0 || *v > kMaxFields) fail("bad repeat count in '" + tok + "'");
             count = *v;
         } else {
-            if (offset)
-                fail("two offsets in '" + tok + "'");
+            if (offset) fail("two offsets in '" + tok + "'");
             offset = *v;
         }
         i = j;
     }
-    if (!width || *width == 0)
-        fail("unknown field '" + tok + "'");
+    if (!width || *width == 0) fail("unknown field '" + tok + "'");
     Field f;
     f.token = tok;
     switch (k) {
     case 'u':
     case 'i':
-        if (k == 'u' && *width == 8) f.kind = Kind::U8;
-        else if (k == 'i' && *width == 8) f.kind = Kind::I8;
-        else if (k == 'u' && *width == 16) f.kind = Kind::U16;
-        else if (k == 'i' && *width == 16) f.kind = Kind::I16;
-        else if (k == 'u' && *width == 32) f.kind = Kind::U32;
-        else if (k == 'u' && *width == 64) f.kind = Kind::U64;
-        else fail("unknown integer kind '" + tok + "'");
+        if (k == 'u' && *width == 8)
+            f.kind = Kind::U8;
+        else if (k == 'i' && *width == 8)
+            f.kind = Kind::I8;
+        else if (k == 'u' && *width == 16)
+            f.kind = Kind::U16;
+        else if (k == 'i' && *width == 16)
+            f.kind = Kind::I16;
+        else if (k == 'u' && *width == 32)
+            f.kind = Kind::U32;
+        else if (k == 'u' && *width == 64)
+            f.kind = Kind::U64;
+        else
+            fail("unknown integer kind '" + tok + "'");
         f.width = static_cast<uint32_t>(*width / 8);
         f.align = f.width;
         break;
     case 's':
     case 'b':
     case 'p':
-        if (*width > kMaxPayload)
-            fail("field '" + tok + "' is wider than a message");
+        if (*width > kMaxPayload) fail("field '" + tok + "' is wider than a message");
         f.kind = k == 's' ? Kind::Text : k == 'b' ? Kind::Bytes : Kind::Ref;
         f.width = static_cast<uint32_t>(*width);
-        f.align = (k == 'b' && f.width == 16) ? 8 : 1;  // an IPv6 address is aligned to 8
+        f.align = (k == 'b' && f.width == 16) ? 8 : 1; // an IPv6 address is aligned to 8
         break;
     default:
         fail("unknown field kind '" + tok + "'");
@@ -195,8 +194,7 @@ void parse_token(const std::string &tok, std::vector<Field> &out)
     for (uint64_t n = 0; n < count; ++n) {
         Field g = f;
         if (n == 0 && offset) {
-            if (*offset > kMaxPayload)
-                fail("offset of '" + tok + "' lies beyond any message");
+            if (*offset > kMaxPayload) fail("offset of '" + tok + "' lies beyond any message");
             g.placed = true;
             g.offset = static_cast<uint32_t>(*offset);
         }
@@ -205,8 +203,7 @@ void parse_token(const std::string &tok, std::vector<Field> &out)
 }
 
 // Lays out a record written in the catalogue's notation.
-Layout lay_out(const std::string &notation, bool allow_length, const char *what)
-{
+Layout lay_out(const std::string &notation, bool allow_length, const char *what) {
     Layout l;
     std::optional<uint64_t> length;
     std::istringstream in(notation);
@@ -217,19 +214,15 @@ Layout lay_out(const std::string &notation, bool allow_length, const char *what)
     for (size_t t = 0; t < toks.size(); ++t) {
         const std::string &tk = toks[t];
         if (tk[0] == '=') {
-            if (!allow_length)
-                fail(std::string("a length in the ") + what + " record");
-            if (t + 1 != toks.size() || length)
-                fail("the length '" + tk + "' must close the " + what + " record");
+            if (!allow_length) fail(std::string("a length in the ") + what + " record");
+            if (t + 1 != toks.size() || length) fail("the length '" + tk + "' must close the " + what + " record");
             length = number(std::string_view(tk).substr(1), 10);
-            if (!length)
-                fail("bad length '" + tk + "'");
+            if (!length) fail("bad length '" + tk + "'");
             continue;
         }
         parse_token(tk, l.fields);
     }
-    if (l.fields.empty())
-        fail(std::string("empty ") + what + " record");
+    if (l.fields.empty()) fail(std::string("empty ") + what + " record");
     if (l.fields.size() > kMaxFields)
         fail(std::string("the ") + what + " record has " + std::to_string(l.fields.size()) +
              " fields, the mask holds " + std::to_string(kMaxFields));
@@ -258,8 +251,7 @@ Layout lay_out(const std::string &notation, bool allow_length, const char *what)
             fail("length " + std::to_string(*length) + " cuts the fields, which end at " + std::to_string(end));
         if (*length % align)
             fail("length " + std::to_string(*length) + " breaks the record's alignment of " + std::to_string(align));
-        if (*length == rule)
-            fail("length " + std::to_string(*length) + " is what the layout gives anyway");
+        if (*length == rule) fail("length " + std::to_string(*length) + " is what the layout gives anyway");
         rule = *length;
         l.sized = true;
     }
@@ -269,60 +261,48 @@ Layout lay_out(const std::string &notation, bool allow_length, const char *what)
     return l;
 }
 
-bool valid_name(const std::string &n)
-{
+bool valid_name(const std::string &n) {
     auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-    if (n.empty() || n.size() > 200 || !letter(n[0]))
-        return false;
+    if (n.empty() || n.size() > 200 || !letter(n[0])) return false;
     return std::all_of(n.begin(), n.end(), [&](char c) { return letter(c) || (c >= '0' && c <= '9') || c == '_'; });
 }
 
-void read_row(Row &r)
-{
-    if (r.ops != "sg" && r.ops != "e")
-        fail("ops '" + r.ops + "' is neither 'sg' nor 'e'");
+void read_row(Row &r) {
+    if (r.ops != "sg" && r.ops != "e") fail("ops '" + r.ops + "' is neither 'sg' nor 'e'");
     auto words = split(r.path_text, '.');
     if (words.size() > kMaxPath - 1)
         fail("path of " + std::to_string(words.size()) + " words leaves no room for the terminating zero");
     for (auto &w : words) {
         auto v = number(w, 16);
-        if (!v || *v > 0xffffffffu || (*v & 0xffffu) == 0)
-            fail("bad path word '" + w + "'");
+        if (!v || *v > 0xffffffffu || (*v & 0xffffu) == 0) fail("bad path word '" + w + "'");
         r.path.push_back(static_cast<uint32_t>(*v));
     }
     auto app = number(r.app_text, 10);
-    if (!app || *app > 0xffff)
-        fail("bad application id '" + r.app_text + "'");
+    if (!app || *app > 0xffff) fail("bad application id '" + r.app_text + "'");
     r.owner = static_cast<uint32_t>(*app);
 
-    if (r.entity_text == "-")
-        fail("no entity record");
+    if (r.entity_text == "-") fail("no entity record");
     Layout index;
-    if (r.index_text != "-")
-        index = lay_out(r.index_text, false, "index");
+    if (r.index_text != "-") index = lay_out(r.index_text, false, "index");
     if (r.entity_text == "=") {
-        if (r.index_text == "-")
-            fail("entity '=' with no index");
+        if (r.index_text == "-") fail("entity '=' with no index");
         r.entity = index;
     } else {
         r.entity = lay_out(r.entity_text, true, "entity");
     }
     r.index_count = index.fields.size();
-    if (r.index_count > r.entity.fields.size())
-        fail("the index has more fields than the entity");
+    if (r.index_count > r.entity.fields.size()) fail("the index has more fields than the entity");
     for (size_t k = 0; k < r.index_count; ++k) {
         const Field &a = index.fields[k], &b = r.entity.fields[k];
         if (a.kind != b.kind || a.width != b.width || a.offset != b.offset)
             fail("index field " + std::to_string(k) + " '" + a.token + "' at " + std::to_string(a.offset) +
-                 " is not entity field " + std::to_string(k) + " '" + b.token + "' at " +
-                 std::to_string(b.offset) + ": the index must be a prefix of the entity");
+                 " is not entity field " + std::to_string(k) + " '" + b.token + "' at " + std::to_string(b.offset) +
+                 ": the index must be a prefix of the entity");
     }
-    if (r.index_count)
-        r.index_len = r.index_count == r.entity.fields.size() ? r.entity.length : index.length;
+    if (r.index_count) r.index_len = r.index_count == r.entity.fields.size() ? r.entity.length : index.length;
 }
 
-std::vector<Row> read_catalogue(const std::string &file)
-{
+std::vector<Row> read_catalogue(const std::string &file) {
     std::ifstream in(file);
     if (!in) {
         fprintf(stderr, "%s: cannot read the catalogue\n", file.c_str());
@@ -339,8 +319,7 @@ std::vector<Row> read_catalogue(const std::string &file)
     int line = 0;
     while (std::getline(in, text)) {
         ++line;
-        if (text.empty() || text[0] == '#')
-            continue;
+        if (text.empty() || text[0] == '#') continue;
         auto cells = split(text, '\t');
         Row r;
         r.line = line;
@@ -360,8 +339,8 @@ std::vector<Row> read_catalogue(const std::string &file)
             continue;
         }
         if (by_name.count(r.name)) {
-            report(line, r.name, "second row of this name (first on line " +
-                                     std::to_string(rows[by_name[r.name]].line) + ")");
+            report(line, r.name,
+                   "second row of this name (first on line " + std::to_string(rows[by_name[r.name]].line) + ")");
             continue;
         }
         try {
@@ -375,8 +354,7 @@ std::vector<Row> read_catalogue(const std::string &file)
     }
     // Parents: a keyed object whose path is a proper prefix of the row's path.
     for (auto &r : rows) {
-        if (r.parent_name == "-")
-            continue;
+        if (r.parent_name == "-") continue;
         auto it = by_name.find(r.parent_name);
         if (it == by_name.end()) {
             report(r.line, r.name, "parent '" + r.parent_name + "' is not in the catalogue");
@@ -407,11 +385,12 @@ std::vector<Row> read_catalogue(const std::string &file)
         }
         r.slots = slots;
         if (slots > kMaxSlots)
-            report(r.line, r.name, "needs " + std::to_string(slots) + " argument slots, a request has " +
-                                       std::to_string(kMaxSlots));
+            report(r.line, r.name,
+                   "needs " + std::to_string(slots) + " argument slots, a request has " + std::to_string(kMaxSlots));
         if (bytes > kMaxPayload)
-            report(r.line, r.name, "with its parents' index records the data is " + std::to_string(bytes) +
-                                       " bytes, more than a message holds");
+            report(r.line, r.name,
+                   "with its parents' index records the data is " + std::to_string(bytes) +
+                       " bytes, more than a message holds");
     }
     if (errors) {
         fprintf(stderr, "%s: %d row(s) rejected, nothing generated\n", file.c_str(), errors);
@@ -426,31 +405,27 @@ std::vector<Row> read_catalogue(const std::string &file)
 
 // ------------------------------------------------------------------ output
 
-std::string params(size_t n)
-{
+std::string params(size_t n) {
     std::string s = "void *record, uint64_t *mask_out, uint32_t *mask3_out";
     for (size_t k = 0; k < n; ++k)
         s += ", void *f" + std::to_string(k);
     return s;
 }
 
-std::string args(size_t n)
-{
+std::string args(size_t n) {
     std::string s;
     for (size_t k = 0; k < n; ++k)
         s += ", a[" + std::to_string(k) + "]";
     return s;
 }
 
-std::string hex(uint64_t v, const char *suffix)
-{
+std::string hex(uint64_t v, const char *suffix) {
     char b[32];
     snprintf(b, sizeof b, "0x%llx%s", static_cast<unsigned long long>(v), suffix);
     return b;
 }
 
-void emit_packer(std::string &o, const Row &r, const char *which, size_t n, uint32_t length)
-{
+void emit_packer(std::string &o, const Row &r, const char *which, size_t n, uint32_t length) {
     o += "MGMT_API uint32_t construct_" + r.name + "_" + which + "(" + params(n) + ")\n{\n";
     o += "    unsigned char *const r = static_cast<unsigned char *>(record);\n";
     o += "    uint64_t m = 0;\n    uint32_t m3 = 0;\n";
@@ -461,25 +436,27 @@ void emit_packer(std::string &o, const Row &r, const char *which, size_t n, uint
         std::string w = std::to_string(f.width);
         std::string put;
         switch (f.kind) {
-        case Kind::Text: put = "mgmt_put_text(" + at + ", " + arg + ", " + w + ");"; break;
-        case Kind::Ref: put = "mgmt_put_ref(" + at + ", " + arg + ", " + w + ");"; break;
-        default: put = "memcpy(" + at + ", " + arg + ", " + w + ");"; break;
+        case Kind::Text:
+            put = "mgmt_put_text(" + at + ", " + arg + ", " + w + ");";
+            break;
+        case Kind::Ref:
+            put = "mgmt_put_ref(" + at + ", " + arg + ", " + w + ");";
+            break;
+        default:
+            put = "memcpy(" + at + ", " + arg + ", " + w + ");";
+            break;
         }
-        std::string bit = k < 64 ? "m |= " + hex(uint64_t(1) << k, "ull") + ";"
-                                 : "m3 |= " + hex(uint64_t(1) << (k - 64), "u") + ";";
+        std::string bit =
+            k < 64 ? "m |= " + hex(uint64_t(1) << k, "ull") + ";" : "m3 |= " + hex(uint64_t(1) << (k - 64), "u") + ";";
         o += "    if (" + arg + ") { " + put + " " + bit + " }\n";
     }
     o += "    if (mask_out)\n        *mask_out = m;\n    if (mask3_out)\n        *mask3_out = m3;\n";
     o += "    return " + std::to_string(length) + "u;\n}\n\n";
 }
 
-std::string object_symbol(const Row &r)
-{
-    return "mgmt_obj_" + r.name;
-}
+std::string object_symbol(const Row &r) { return "mgmt_obj_" + r.name; }
 
-void emit_object(std::string &o, const std::vector<Row> &rows, const Row &r)
-{
+void emit_object(std::string &o, const std::vector<Row> &rows, const Row &r) {
     const size_t n = r.entity.fields.size();
     o += "/* " + r.name + ": " + r.path_text + ", application " + r.app_text + " */\n";
     o += "static const libmgmt_field fl_" + r.name + "[] = {\n";
@@ -536,8 +513,7 @@ void emit_object(std::string &o, const std::vector<Row> &rows, const Row &r)
 
 const char *kBanner = "/* Generated by mgmt_objgen from objects/catalogue.tsv. Do not edit. */\n";
 
-std::string header(const std::vector<Row> &rows)
-{
+std::string header(const std::vector<Row> &rows) {
     std::string o = kBanner;
     o += "#ifndef MGMT_OBJECTS_GEN_H\n#define MGMT_OBJECTS_GEN_H\n\n";
     o += "#include <stdint.h>\n\n#include \"mgmt/export.h\"\n#include \"mgmt/mgi.h\"\n\nMGMT_BEGIN_DECLS\n\n";
@@ -552,23 +528,20 @@ std::string header(const std::vector<Row> &rows)
             o += "MGMT_API int final_set_" + r.name + "(mgiInfo *info, mgi_rsp_callback callback);\n";
             o += "MGMT_API int final_get_" + r.name + "(mgiInfo *info, mgi_direct_callback callback, void *record);\n";
         } else {
-            o += "MGMT_API int final_exec_" + r.name +
-                 "(mgiInfo *info, mgi_direct_callback callback, void *record);\n";
+            o += "MGMT_API int final_exec_" + r.name + "(mgiInfo *info, mgi_direct_callback callback, void *record);\n";
         }
     }
     o += "\nMGMT_END_DECLS\n\n#endif\n";
     return o;
 }
 
-std::string chunk(const std::vector<Row> &rows, size_t from, size_t to)
-{
+std::string chunk(const std::vector<Row> &rows, size_t from, size_t to) {
     std::string o = kBanner;
     o += "#include \"objects/objects_internal.h\"\n\n";
     std::vector<std::string> decl;
     for (size_t i = from; i < to; ++i) {
         decl.push_back(object_symbol(rows[i]));
-        if (rows[i].parent >= 0)
-            decl.push_back(object_symbol(rows[rows[i].parent]));
+        if (rows[i].parent >= 0) decl.push_back(object_symbol(rows[rows[i].parent]));
     }
     std::sort(decl.begin(), decl.end());
     decl.erase(std::unique(decl.begin(), decl.end()), decl.end());
@@ -580,8 +553,7 @@ std::string chunk(const std::vector<Row> &rows, size_t from, size_t to)
     return o;
 }
 
-std::string table(const std::vector<Row> &rows)
-{
+std::string table(const std::vector<Row> &rows) {
     std::string o = kBanner;
     o += "#include \"objects/objects_internal.h\"\n\n";
     for (const Row &r : rows)
@@ -602,15 +574,13 @@ std::string table(const std::vector<Row> &rows)
     return o;
 }
 
-bool write_if_changed(const std::string &path, const std::string &text)
-{
+bool write_if_changed(const std::string &path, const std::string &text) {
     {
         std::ifstream in(path, std::ios::binary);
         if (in) {
             std::ostringstream have;
             have << in.rdbuf();
-            if (have.str() == text)
-                return true;
+            if (have.str() == text) return true;
         }
     }
     std::string tmp = path + ".tmp";
@@ -629,10 +599,9 @@ bool write_if_changed(const std::string &path, const std::string &text)
     return true;
 }
 
-}  // namespace
+} // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     if (argc != 5) {
         fprintf(stderr, "usage: %s CATALOGUE SOURCE_DIR HEADER_DIR CHUNKS\n", argv[0]);
         return 2;
@@ -655,8 +624,7 @@ int main(int argc, char **argv)
     size_t acc = 0;
     for (size_t i = 0; i < rows.size() && bounds.size() < chunks; ++i) {
         acc += weight[i];
-        if (acc * chunks >= total * bounds.size())
-            bounds.push_back(i + 1);
+        if (acc * chunks >= total * bounds.size()) bounds.push_back(i + 1);
     }
     while (bounds.size() <= chunks)
         bounds.push_back(rows.size());
@@ -665,7 +633,8 @@ int main(int argc, char **argv)
     bool ok = write_if_changed(hdr_dir + "/objects_gen.h", header(rows));
     for (size_t c = 0; c < chunks; ++c)
         ok = write_if_changed(src_dir + "/objects_" + std::to_string(c) + ".cpp",
-                              chunk(rows, bounds[c], bounds[c + 1])) && ok;
+                              chunk(rows, bounds[c], bounds[c + 1])) &&
+             ok;
     ok = write_if_changed(src_dir + "/catalogue_data.cpp", table(rows)) && ok;
     return ok ? 0 : 1;
 }

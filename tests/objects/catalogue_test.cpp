@@ -1,0 +1,179 @@
+// The catalogue of the management tree: lookup, counts of the tree, parent
+// chains and the exported names of every object.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+
+#include "mgmt/objects.h"
+
+namespace {
+
+bool placed_or_sized(const libmgmt_object *o) {
+    if (o->flags & LIBMGMT_OBJ_SIZED) return true;
+    for (size_t k = 0; k < o->field_count; ++k)
+        if (o->fields[k].flags & LIBMGMT_FIELD_PLACED) return true;
+    return false;
+}
+
+TEST(Catalogue, LookupByNameAndNumber) {
+    ASSERT_EQ(libmgmt_object_count(), 2415u);
+    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
+        const libmgmt_object *o = libmgmt_object_at(i);
+        ASSERT_NE(o, nullptr);
+        ASSERT_EQ(libmgmt_object_find(o->name), o) << o->name;
+    }
+    EXPECT_EQ(libmgmt_object_at(2415), nullptr);
+    EXPECT_EQ(libmgmt_object_at(~0u), nullptr);
+    EXPECT_EQ(libmgmt_object_find(nullptr), nullptr);
+    EXPECT_EQ(libmgmt_object_find(""), nullptr);
+    EXPECT_EQ(libmgmt_object_find("aaa_rol"), nullptr);
+    EXPECT_EQ(libmgmt_object_find("aaa_role_"), nullptr);
+    EXPECT_EQ(libmgmt_object_find("zzzz"), nullptr);
+    // Names with capitals sort among the others by their bytes.
+    EXPECT_NE(libmgmt_object_find("sslproxy_sslExemptIP"), nullptr);
+    EXPECT_STREQ(libmgmt_object_at(0)->name, "aaa_role_mapping_user_attribute");
+}
+
+TEST(Catalogue, CountsOfTheTree) {
+    size_t with_index = 0, whole_index = 0, gaps = 0, sg = 0, ex = 0, mgmt_sg = 0, mgmt_ex = 0;
+    std::map<int, size_t> depth;
+    std::set<uint16_t> owners;
+    std::map<uint32_t, std::set<uint16_t>> module_owner;
+    std::set<std::string> third_word;
+    const libmgmt_object *most = nullptr, *longest = nullptr;
+    uint32_t widest_text = 0;
+    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
+        const libmgmt_object *o = libmgmt_object_at(i);
+        if (o->index_count) ++with_index;
+        if (o->index_count && o->index_count == o->field_count) {
+            ++whole_index;
+            EXPECT_EQ(o->index_len, o->entity_len) << o->name;
+        }
+        if (placed_or_sized(o)) ++gaps;
+        if (o->field_count > 64) third_word.insert(o->name);
+        if (o->ops == (LIBMGMT_OP_SET | LIBMGMT_OP_GET)) {
+            ++sg;
+            EXPECT_TRUE(o->set && o->get && !o->exec) << o->name;
+        } else {
+            EXPECT_EQ(o->ops, LIBMGMT_OP_EXEC) << o->name;
+            EXPECT_TRUE(!o->set && !o->get && o->exec) << o->name;
+            ++ex;
+        }
+        if (std::strncmp(o->name, "mgmt_", 5) == 0) {
+            EXPECT_EQ(o->owner, 2) << o->name;
+            (o->ops & LIBMGMT_OP_EXEC ? mgmt_ex : mgmt_sg)++;
+        }
+        ++depth[o->depth];
+        ASSERT_GE(o->depth, 1);
+        ASSERT_LT(o->depth, MGI_TARGET_WORDS);
+        EXPECT_EQ(o->path[o->depth], 0u) << o->name;
+        owners.insert(o->owner);
+        module_owner[o->path[o->depth - 1] >> 16].insert(o->owner);
+        if (!most || o->field_count > most->field_count) most = o;
+        if (!longest || o->entity_len > longest->entity_len) longest = o;
+        for (size_t k = 0; k < o->field_count; ++k)
+            if (o->fields[k].kind == LIBMGMT_FIELD_TEXT) widest_text = std::max(widest_text, o->fields[k].width);
+    }
+    EXPECT_EQ(with_index, 1262u);
+    EXPECT_EQ(libmgmt_object_count() - with_index, 1153u);
+    EXPECT_EQ(whole_index, 444u);
+    EXPECT_EQ(gaps, 42u);
+    EXPECT_EQ(sg, 2263u);
+    EXPECT_EQ(ex, 152u);
+    EXPECT_EQ(mgmt_sg, 12u);
+    EXPECT_EQ(mgmt_ex, 11u);
+    EXPECT_EQ(third_word, (std::set<std::string>{"aaa_server", "if_if", "logd_traffic_msg_tbl", "logd_export",
+                                                 "sslvpn_sslvpn_profile", "vsys_profile", "vsys_vsys_vsys_profile"}));
+    EXPECT_EQ(depth, (std::map<int, size_t>{{1, 1059}, {2, 783}, {3, 310}, {4, 170}, {5, 38}, {6, 30}, {7, 25}}));
+    EXPECT_EQ(owners.size(), 64u);
+    EXPECT_EQ(module_owner.size(), 270u);
+    for (auto &[module, apps] : module_owner) {
+        if (module == 0x2f)
+            EXPECT_EQ(apps, (std::set<uint16_t>{18, 20}));
+        else
+            EXPECT_EQ(apps.size(), 1u) << std::hex << module;
+    }
+    EXPECT_STREQ(most->name, "if_if");
+    EXPECT_EQ(most->field_count, 96);
+    EXPECT_STREQ(longest->name, "addrbook_addr_refence");
+    EXPECT_EQ(longest->entity_len, 40960u);
+    EXPECT_EQ(widest_text, 34335u);
+}
+
+TEST(Catalogue, ParentChainsAndSlots) {
+    const libmgmt_object *n = libmgmt_object_find("routed_vr_bgp_neighbor");
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->depth, 3);
+    EXPECT_EQ(n->path[0], 0x4f0001u);
+    EXPECT_EQ(n->path[1], 0x20401u);
+    EXPECT_EQ(n->path[2], 0x2041du);
+    EXPECT_EQ(n->owner, 6);
+    ASSERT_NE(n->parent, nullptr);
+    EXPECT_STREQ(n->parent->name, "routed_vr_bgp");
+    ASSERT_NE(n->parent->parent, nullptr);
+    EXPECT_STREQ(n->parent->parent->name, "vr_vr");
+    EXPECT_EQ(n->parent->parent->parent, nullptr);
+    EXPECT_EQ(n->field_count, 17);
+    EXPECT_EQ(n->slot_count, 19);
+
+    const libmgmt_object *f = libmgmt_object_find("aaa_role_mapping_user_attribute_filter");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(f->path[0], 0xe0001u);
+    EXPECT_EQ(f->path[1], 0xe0001u);
+    EXPECT_STREQ(f->parent->name, "aaa_role_mapping_user_attribute");
+
+    // Every parent is keyed and sits above its child; the slots are the parents' keys and the own fields.
+    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
+        const libmgmt_object *o = libmgmt_object_at(i);
+        size_t slots = o->field_count;
+        for (const libmgmt_object *p = o->parent; p; p = p->parent) {
+            ASSERT_GT(p->index_count, 0) << o->name;
+            ASSERT_LT(p->depth, o->depth) << o->name;
+            ASSERT_EQ(0, std::memcmp(p->path, o->path, 4 * p->depth)) << o->name;
+            slots += p->index_count;
+        }
+        EXPECT_EQ(o->slot_count, slots) << o->name;
+        EXPECT_LE(o->slot_count, MGI_ITEM_SLOTS);
+    }
+}
+
+// Exactly the packers and stubs of each object's row leave the library, under their plain names.
+TEST(Catalogue, ExportedNamesFollowTheRows) {
+    void *lib = dlopen("libmgmt.so.1", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(lib, nullptr);
+    auto has = [&](const std::string &s) { return dlsym(lib, s.c_str()) != nullptr; };
+    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
+        const libmgmt_object *o = libmgmt_object_at(i);
+        const std::string n = o->name;
+        EXPECT_TRUE(has("construct_" + n + "_entity")) << n;
+        EXPECT_EQ(has("construct_" + n + "_index"), o->index_count != 0) << n;
+        EXPECT_EQ(has("construct_" + n + "_new_index"), o->index_count != 0) << n;
+        const bool sg = o->ops & LIBMGMT_OP_SET;
+        EXPECT_EQ(has("final_set_" + n), sg) << n;
+        EXPECT_EQ(has("final_get_" + n), sg) << n;
+        EXPECT_EQ(has("final_exec_" + n), !sg) << n;
+        if (sg) {
+            EXPECT_EQ(dlsym(lib, ("final_set_" + n).c_str()), reinterpret_cast<void *>(o->set)) << n;
+            EXPECT_EQ(dlsym(lib, ("final_get_" + n).c_str()), reinterpret_cast<void *>(o->get)) << n;
+        } else {
+            EXPECT_EQ(dlsym(lib, ("final_exec_" + n).c_str()), reinterpret_cast<void *>(o->exec)) << n;
+        }
+    }
+    EXPECT_TRUE(has("libmgmt_object_find"));
+    EXPECT_TRUE(has("libmgmt_object_count"));
+    EXPECT_TRUE(has("libmgmt_object_at"));
+    // The layer's own insides stay hidden.
+    EXPECT_FALSE(has("mgmt_stub_set"));
+    EXPECT_FALSE(has("mgmt_stub_get"));
+    EXPECT_FALSE(has("mgmt_object_table"));
+    EXPECT_FALSE(has("mgmt_obj_aaa_role"));
+    EXPECT_FALSE(has("mgmt_put_text"));
+    dlclose(lib);
+}
+
+} // namespace
