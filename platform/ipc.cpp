@@ -154,6 +154,23 @@ uint32_t next_seq(ThreadSock &ts) {
 
 Src src_of(const ipc_handle_t *h) { return Src{h->slot, h->appid, h->instance}; }
 
+/* Fills myipc's identity words: thread identity, else process identity, else the environment. */
+ThreadSock &refresh_identity() {
+    ThreadSock &ts = t_sock;
+    if (ts.has_identity) {
+        myipc.appid = ts.appid;
+        myipc.instance = ts.instance;
+    } else if (g_proc_set.load(std::memory_order_acquire)) {
+        myipc.appid = g_proc_app.load(std::memory_order_relaxed);
+        myipc.instance = g_proc_inst.load(std::memory_order_relaxed);
+    } else {
+        myipc.appid = env_u32("MGMT_APPID", 0);
+        myipc.instance = env_u32("MGMT_INSTANCE", 0);
+    }
+    myipc.slot = ipc_own_slot();
+    return ts;
+}
+
 } // namespace
 
 long long now_ms() {
@@ -330,7 +347,10 @@ void close_thread_socket(bool forget_identity) {
     ThreadSock &ts = t_sock;
     ts.close_fd(); // after a fork: closes the child's copy; the name stays the parent's
     myipc.fd = -1;
-    if (forget_identity) ts.has_identity = false;
+    if (forget_identity) {
+        ts.has_identity = false;
+        myipc = ipc_handle_t{0, 0, 0, -1};
+    }
 }
 
 } // namespace plat
@@ -352,6 +372,7 @@ uint32_t mktipcid(uint32_t slot, uint32_t instance, uint32_t appid) {
 
 int ipc_init(uint32_t appid, uint32_t instance) {
     set_process_identity(true, appid, instance);
+    refresh_identity(); // the caller's myipc shows it at once
     return 0;
 }
 
@@ -366,19 +387,7 @@ int ipc_set_thread_identity(uint32_t appid, uint32_t instance) {
 }
 
 ipc_handle_t *ipc_self(void) {
-    ThreadSock &ts = t_sock;
-    if (ts.has_identity) {
-        myipc.appid = ts.appid;
-        myipc.instance = ts.instance;
-    } else if (g_proc_set.load(std::memory_order_acquire)) {
-        myipc.appid = g_proc_app.load(std::memory_order_relaxed);
-        myipc.instance = g_proc_inst.load(std::memory_order_relaxed);
-    } else {
-        myipc.appid = env_u32("MGMT_APPID", 0);
-        myipc.instance = env_u32("MGMT_INSTANCE", 0);
-    }
-    myipc.slot = ipc_own_slot();
-
+    ThreadSock &ts = refresh_identity();
     unsigned gen;
     if (runtime_dir(nullptr, &gen) < 0) return nullptr;
     if (ts.fd < 0 || ts.dir_gen != gen || ts.fork_gen != g_fork_gen.load()) {

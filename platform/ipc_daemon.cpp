@@ -170,7 +170,7 @@ void ipc_endpoint_stop(ipc_endpoint_t *ep) { stop(ep); }
 void ipc_endpoint_close(ipc_endpoint_t *ep) { close_endpoint(ep); }
 
 int ipc_register(uint32_t appid, uint32_t instance) {
-    set_process_identity(true, appid, instance);
+    ipc_init(appid, instance);
     close_endpoint(g_proc.exchange(nullptr));
     ipc_endpoint *ep = open_endpoint(appid, instance, nullptr, g_proc_handlers);
     g_proc.store(ep);

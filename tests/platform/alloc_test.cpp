@@ -7,10 +7,11 @@
 
 #include <poll.h>
 
-#if defined(__SANITIZE_ADDRESS__)
+// A sanitizer brings its own malloc: no counting then.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define PLAT_TEST_NO_MALLOC_HOOK 1
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define PLAT_TEST_NO_MALLOC_HOOK 1
 #endif
 #endif

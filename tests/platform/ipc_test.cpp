@@ -126,7 +126,9 @@ TEST_F(IpcTest, IdentityFromEnvironmentProcessAndThread) {
     EXPECT_GE(myipc.fd, 0);
     EXPECT_EQ(ipc_own_slot(), 4u);
 
-    ipc_init(9, 1);
+    ipc_init(9, 1); // shows in the caller's myipc at once
+    EXPECT_EQ(myipc.appid, 9u);
+    EXPECT_EQ(myipc.instance, 1u);
     ipc_self();
     EXPECT_EQ(myipc.appid, 9u);
     EXPECT_EQ(myipc.instance, 1u);
@@ -143,6 +145,11 @@ TEST_F(IpcTest, IdentityFromEnvironmentProcessAndThread) {
     });
     ipc_self();
     EXPECT_EQ(myipc.appid, 9u);
+
+    ipc_reset(); // back to the environment's identity
+    EXPECT_EQ(myipc.fd, -1);
+    ipc_self();
+    EXPECT_EQ(myipc.appid, 7u);
 }
 
 TEST_F(IpcTest, ExchangeBetweenThreads) {
@@ -433,7 +440,6 @@ TEST_F(IpcTest, DaemonDispatchesOneAtATime) {
     ASSERT_EQ(ipc_register(50, 0), 0);
     EXPECT_GE(ipc_daemon_fd(), 0);
     EXPECT_TRUE(exists(ep_path(50)));
-    ipc_self();
     EXPECT_EQ(myipc.appid, 50u);
     EXPECT_EQ(ipc_dispatch_one(30), 0);
 
