@@ -202,7 +202,9 @@ PLATFORM_API int ipc_send_to_peer(const ipc_peer_t *peer, uint16_t msg_id, const
 /*
  * Further endpoints of one process: each binds its own address (own slot,
  * appid, instance) with its own handler table and context. The functions
- * above work on the process's endpoint made by ipc_register.
+ * above work on the process's endpoint made by ipc_register. Opening (and ipc_register) fails when
+ * a live socket holds the address; a file left by a dead one is replaced. ipc_endpoint_stop acts
+ * as ipc_stop does, for ipc_endpoint_serve.
  */
 typedef struct ipc_endpoint ipc_endpoint_t;
 PLATFORM_API ipc_endpoint_t *ipc_endpoint_open(uint32_t appid, uint32_t instance, void *ctx);
