@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <unistd.h>
 
 namespace mgmt_test {
@@ -11,10 +12,17 @@ namespace {
 
 // Every test program talks in a runtime directory of its own.
 struct FreshIpcDir {
+    std::string made;
     FreshIpcDir() {
         if (std::getenv("MGMT_IPC_DIR")) return;
         char tmpl[] = "/tmp/mgmt-test-XXXXXX";
-        if (mkdtemp(tmpl)) setenv("MGMT_IPC_DIR", tmpl, 1);
+        if (!mkdtemp(tmpl)) return;
+        made = tmpl;
+        setenv("MGMT_IPC_DIR", tmpl, 1);
+    }
+    ~FreshIpcDir() {
+        std::error_code ec;
+        if (!made.empty()) std::filesystem::remove_all(made, ec);
     }
 } fresh_ipc_dir;
 
