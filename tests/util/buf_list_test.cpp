@@ -496,7 +496,7 @@ TEST(BufListPrint, FormatsWithoutTerminatorOnStackAndHeapPaths) {
 #endif
 #endif
 
-void collect(const char *text, void *ctx) {
+[[maybe_unused]] void collect(const char *text, void *ctx) {
     static_cast<std::string *>(ctx)->append(text);
 }
 
