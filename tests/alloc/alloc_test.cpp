@@ -51,12 +51,12 @@ namespace {
 
 const uint32_t kTarget[10] = {0xe0001, 0};
 
-int on_record(void *) { return 0; }
-int on_answer(void *, uint32_t *, void *, uint32_t *, void *, uint32_t *, void *) { return 0; }
+[[maybe_unused]] int on_record(void *) { return 0; }
+[[maybe_unused]] int on_answer(void *, uint32_t *, void *, uint32_t *, void *, uint32_t *, void *) { return 0; }
 
 // One set through the manager and one get from the application, the way a
 // front end does them on the thread's pair.
-void one_request_each_road() {
+[[maybe_unused]] void one_request_each_road() {
     mgiInfo info;
     init_mgi_info(&info);
     mgi_set_rqt_type(&info, 1);
