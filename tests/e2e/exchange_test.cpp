@@ -353,6 +353,33 @@ TEST_F(Exchange, ThroughMgdUnknownEventAndRecvFailures) {
     EXPECT_EQ(cap.text(), "MGI: recv failed\nMGI: recv failed\nMGI: recv failed\n");
 }
 
+TEST_F(Exchange, PairsThatCannotBeMadeAreReportedAndNothingIsKept) {
+    ConsoleCapture cap;
+    run_as(5, [&] {
+        fault::arm_alloc_failures(1); // the send buffer
+        EXPECT_EQ(init_mgi_r(), nullptr);
+        fault::arm_alloc_failures(1, 1); // the receive buffer, after the send buffer was had
+        EXPECT_EQ(init_mgi_r(), nullptr);
+        EXPECT_EQ(cap.text(), "MGI: failed to alloc memory\nMGI: failed to alloc memory\n");
+
+        // A context without a pair still initialises, and the exchange refuses it.
+        fault::arm_alloc_failures(2);
+        mgiInfo info;
+        EXPECT_EQ(init_mgi_info(&info), 0);
+        EXPECT_EQ(info.mgi_buf, nullptr);
+        EXPECT_EQ(make_mgi_exchange_with_context(&info, nullptr, 4), -1);
+        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), -1);
+        fault::arm_alloc_failures(2);
+        EXPECT_EQ(init_mgi_info_r(&info), -1);
+        EXPECT_EQ(info.mgi_buf_owned, 0u);
+        fault::disarm();
+        // The plain prepare makes the missing pair itself.
+        prepare_mgi_exchange(kTarget, 0, 1, 0, 0, 0, 0, 0, nullptr);
+        ASSERT_NE(global_mgi_buf, nullptr);
+        EXPECT_EQ(global_mgi_buf->sbuf[MGI_OFF_MARK], MGI_MARK);
+    });
+}
+
 // ---------------------------------------------------------------- direct road
 
 TEST_F(Exchange, DirectWritesContextFieldsOnce) {

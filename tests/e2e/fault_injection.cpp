@@ -10,13 +10,21 @@ namespace fault {
 namespace {
 thread_local PollFault poll_fault;
 thread_local int recv_failures = 0;
+thread_local int alloc_failures = 0;
+thread_local int alloc_skip = 0;
 } // namespace
 
 void arm_poll(const PollFault &f) { poll_fault = f; poll_fault.armed = true; }
 void arm_recv_failures(int count) { recv_failures = count; }
+void arm_alloc_failures(int count, int skip) {
+    alloc_failures = count;
+    alloc_skip = skip;
+}
 void disarm() {
     poll_fault = PollFault{};
     recv_failures = 0;
+    alloc_failures = 0;
+    alloc_skip = 0;
 }
 
 } // namespace fault
@@ -41,4 +49,16 @@ extern "C" __attribute__((visibility("default"))) int ipcmsg_recv_sync(ipc_peer_
         return -1;
     }
     return real(peer, buf, len, block);
+}
+
+extern "C" __attribute__((visibility("default"))) void *ipcmsg_alloc(uint32_t size) {
+    using alloc_fn = void *(*)(uint32_t);
+    static alloc_fn real = reinterpret_cast<alloc_fn>(dlsym(RTLD_NEXT, "ipcmsg_alloc"));
+    if (fault::alloc_skip > 0) {
+        --fault::alloc_skip;
+    } else if (fault::alloc_failures > 0) {
+        --fault::alloc_failures;
+        return nullptr;
+    }
+    return real(size);
 }

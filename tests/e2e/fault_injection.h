@@ -16,6 +16,8 @@ struct PollFault {
 // Armed on the calling thread only.
 void arm_poll(const PollFault &f);
 void arm_recv_failures(int count);
+// The next `count` ipcmsg_alloc calls of this thread fail, after `skip` that succeed.
+void arm_alloc_failures(int count, int skip = 0);
 void disarm();
 
 } // namespace fault
