@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -630,6 +631,14 @@ int main(int argc, char **argv) {
         bounds.push_back(rows.size());
     bounds.back() = rows.size();
 
+    std::error_code ec;
+    for (const std::string &d : {src_dir, hdr_dir}) {
+        std::filesystem::create_directories(d, ec);
+        if (ec) {
+            fprintf(stderr, "%s: cannot make the directory: %s\n", d.c_str(), ec.message().c_str());
+            return 1;
+        }
+    }
     bool ok = write_if_changed(hdr_dir + "/objects_gen.h", header(rows));
     for (size_t c = 0; c < chunks; ++c)
         ok = write_if_changed(src_dir + "/objects_" + std::to_string(c) + ".cpp",
