@@ -470,6 +470,50 @@ TEST_F(Stubs, ReusedContextSendsTheFirstRecordAgain) {
     EXPECT_EQ(hdr32(got[1].bytes, MGI_OFF_MASK1), 0u);
 }
 
+// A paged get: the record goes out again with the cookie of a partial answer; the error of the last is readable.
+TEST_F(Stubs, GetFollowsTheCookieAndLeavesTheErrorToRead) {
+    TestPeer owner(11);
+    ASSERT_TRUE(owner.ok());
+    owner.handle(MGI_IPC_MSG, [](const Received &r) {
+        if (r.bytes[MGI_OFF_NEXTSEG] == MGI_SEG_RULEDATA && r.bytes[MGI_HDR_LEN] == MGI_SEG_END) {
+            Answer a{mgi_message(MGI_RSP_PARTIAL,
+                                 {Seg{MGI_SEG_UDCDATA, bytes_of("p1")}, Seg{MGI_SEG_COOKIE, bytes_of("c1c1c1c1")}}),
+                     0, true};
+            return std::vector<Answer>{a};
+        }
+        mgiErrBody err{-5, -6, 0, 0};
+        Bytes body(reinterpret_cast<uint8_t *>(&err), reinterpret_cast<uint8_t *>(&err) + sizeof err);
+        for (char c : std::string("no such role\0\0\0\0", 16))
+            body.push_back(uint8_t(c));
+        return std::vector<Answer>{{mgi_message(MGI_RSP_ERROR, {Seg{MGI_SEG_ERROR, body}}), 0, true}};
+    });
+    const char *role = "ghost";
+    DirectCalls calls;
+    int code = 0;
+    std::string text;
+    run_as(kFrontEnd, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        info.rqt_item[0] = &role;
+        EXPECT_EQ(final_get_aaa_role(&info, direct_cb, &calls), 0) << "an error answer is not a failure of this road";
+        code = mgi_get_rsp_err_code_r(info.mgi_buf);
+        text = get_errString_r(info.mgi_buf);
+    });
+    EXPECT_EQ(code, -5);
+    EXPECT_EQ(text, "no such role");
+    ASSERT_TRUE(owner.wait_for(2));
+    const auto got = owner.received();
+    const RecordSeg first = record_segment(got[0].bytes), again = record_segment(got[1].bytes);
+    EXPECT_EQ(again.body, first.body);
+    EXPECT_STREQ(reinterpret_cast<const char *>(again.body.data()), "ghost");
+    const size_t cookie = again.head + MGI_SEGHDR_LEN + again.body.size();
+    ASSERT_GE(got[1].bytes.size(), cookie + MGI_SEGHDR_LEN + 8);
+    EXPECT_EQ(got[1].bytes[cookie + 1], MGI_SEG_COOKIE);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&got[1].bytes[cookie + MGI_SEGHDR_LEN]), 8), "c1c1c1c1");
+    ASSERT_EQ(calls.data.size(), 2u);
+    EXPECT_EQ(calls.data[0], bytes_of("p1"));
+}
+
 // ---------------------------------------------------------------- exec
 
 TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
