@@ -4,6 +4,7 @@
 
 #include "mgmt/export.h"
 #include "mgmt/mgi.h"
+#include "mgmt/mgi_services.h"
 #include "mgmt/buf_list.h"
 #include "mgmt/value.h"
 #include "mgmt/term.h"

@@ -27,8 +27,8 @@ extern "C" {
 MGMT_API mgiBuf *init_mgi_r(void) {
     auto *buf = static_cast<mgiBuf *>(std::calloc(1, sizeof(mgiBuf)));
     if (buf) {
-        buf->sbuf = alloc_buffer(0);
-        buf->rbuf = alloc_buffer(kRecvGuard);
+        buf->sbuf = alloc_buffer(kBufferSlack);
+        buf->rbuf = alloc_buffer(kBufferSlack);
     }
     if (!buf || !buf->sbuf || !buf->rbuf) {
         console_print("MGI: failed to alloc memory\n");
@@ -71,8 +71,8 @@ MGMT_API unsigned char *get_mgi_rbuf(void) { return get_mgi_rbuf_r(global_mgi_bu
 
 MGMT_API mgiBuf *init_mgi_exchange_r(mgiBuf *buf) {
     if (!buf) return init_mgi_r();
-    if (!buf->sbuf) buf->sbuf = alloc_buffer(0);
-    if (!buf->rbuf) buf->rbuf = alloc_buffer(kRecvGuard);
+    if (!buf->sbuf) buf->sbuf = alloc_buffer(kBufferSlack);
+    if (!buf->rbuf) buf->rbuf = alloc_buffer(kBufferSlack);
     if (buf->sbuf) std::memset(buf->sbuf, 0, MGI_MAX_LEN);
     if (buf->rbuf) std::memset(buf->rbuf, 0, MGI_MAX_LEN);
     return buf;

@@ -505,7 +505,8 @@ TEST_F(Exchange, DirectPagingSendsCookieConditionQueryAndRecordBack) {
     EXPECT_EQ(be16(h + 130), 14u + 32u + 16u + 12u);
     EXPECT_EQ(second.size(), 312u + 74u);
     // The third carries the second cookie and no condition (the second answer had none).
-    const uint8_t *t = app.received()[2].bytes.data();
+    const Bytes third = app.received()[2].bytes;
+    const uint8_t *t = third.data();
     EXPECT_EQ(be16(t + 130), 14u + 32u);
 }
 

@@ -1,0 +1,341 @@
+// The manager's own services against a test manager over the IPC.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <unistd.h>
+
+#include "fault_injection.h"
+#include "mgmt/mgi.h"
+#include "mgmt/mgi_services.h"
+#include "platform/questions.h"
+#include "test_support.h"
+
+using namespace mgmt_test;
+
+namespace {
+
+mgi_trans_info record_of(const Received &r) {
+    mgi_trans_info t;
+    EXPECT_EQ(r.bytes.size(), sizeof t);
+    std::memcpy(&t, r.bytes.data(), sizeof t);
+    return t;
+}
+
+Answer reply_record(const mgi_trans_info &t, int32_t status = 0) {
+    Bytes b(sizeof t);
+    std::memcpy(b.data(), &t, sizeof t);
+    return {b, status, true};
+}
+
+Answer reply_words(std::initializer_list<uint32_t> words, int32_t status = 0) {
+    Bytes b(words.size() * 4);
+    size_t i = 0;
+    for (uint32_t w : words) std::memcpy(b.data() + 4 * i++, &w, 4);
+    return {b, status, true};
+}
+
+// A manager that keeps one transaction per virtual system.
+struct TransactionManager {
+    TestPeer mgd{MGD_APPID};
+    uint8_t open_id = 0;
+    int32_t status = 0;
+    TransactionManager() {
+        mgd.handle(MGD_MSG_TRANSACTION, [this](const Received &r) {
+            mgi_trans_info t = record_of(r);
+            mgi_trans_info out = t;
+            switch (t.trans_op) {
+            case MGI_TRANS_LOCK:
+                if (t.trans_lock == 1) {
+                    out.trans_id = open_id ? 0 : 42;
+                    if (!open_id) open_id = 42;
+                } else if (t.trans_id == open_id) {
+                    open_id = 0;
+                }
+                break;
+            case MGI_TRANS_STATE: out.trans_id = open_id; break;
+            case MGI_TRANS_ROLLBACK: open_id = 0; break;
+            }
+            return std::vector<Answer>{reply_record(out, status)};
+        });
+    }
+};
+
+TEST(Transactions, TakeUseReleaseAndRefusal) {
+    TransactionManager m;
+    run_as(5, [&] {
+        set_mgi_transaction_id(0);
+        EXPECT_EQ(get_mgi_transaction_lock("admin", 3), 0);
+        EXPECT_EQ(get_mgi_transaction_id(), 42);
+        int state = -1;
+        EXPECT_EQ(get_mgi_transaction_state(&state, 3), 0);
+        EXPECT_EQ(state, 1);
+        // A second take is refused and the held id stays.
+        EXPECT_EQ(get_mgi_transaction_lock(nullptr, 3), -1);
+        EXPECT_EQ(get_mgi_transaction_id(), 42);
+        EXPECT_EQ(release_mgi_transaction_lock("admin", 3), 0);
+        EXPECT_EQ(get_mgi_transaction_id(), 0);
+        EXPECT_EQ(get_mgi_transaction_state(&state, 3), 0);
+        EXPECT_EQ(state, 0);
+    });
+    auto got = m.mgd.received();
+    ASSERT_EQ(got.size(), 5u);
+    mgi_trans_info take = record_of(got[0]);
+    EXPECT_EQ(take.trans_op, 2u);
+    EXPECT_EQ(take.trans_lock, 1u);
+    EXPECT_EQ(take.trans_src, 1);
+    EXPECT_STREQ(take.trans_user, "admin");
+    EXPECT_EQ(take.trans_vsysid, 3);
+    EXPECT_STREQ(record_of(got[2]).trans_user, ""); // a null user leaves the name empty
+    mgi_trans_info rel = record_of(got[3]);
+    EXPECT_EQ(rel.trans_lock, 0u);
+    EXPECT_EQ(rel.trans_id, 42);
+    mgi_trans_info st = record_of(got[1]);
+    EXPECT_EQ(st.trans_op, 1u);
+    EXPECT_STREQ(st.trans_user, "");
+}
+
+TEST(Transactions, RollbackAndFarSideRefusals) {
+    TransactionManager m;
+    run_as(102, [&] {
+        EXPECT_EQ(get_mgi_transaction_lock("ops", 0xfffe), 0);
+        m.status = -3;
+        EXPECT_EQ(release_mgi_transaction_lock("ops", 0xfffe), -1); // refused: the id stays
+        EXPECT_EQ(get_mgi_transaction_id(), 42);
+        EXPECT_EQ(rollback_mgi_transaction(nullptr, 0xfffe), -1);
+        EXPECT_EQ(get_mgi_transaction_id(), 42);
+        int state = 7;
+        EXPECT_EQ(get_mgi_transaction_state(&state, 0xfffe), -1);
+        m.status = 0;
+        EXPECT_EQ(rollback_mgi_transaction(nullptr, 0xfffe), 0);
+        EXPECT_EQ(get_mgi_transaction_id(), 0);
+    });
+    auto got = m.mgd.received();
+    ASSERT_GE(got.size(), 5u);
+    EXPECT_EQ(record_of(got[0]).trans_src, 19); // application 102 has a code here only
+    mgi_trans_info rb = record_of(got.back());
+    EXPECT_EQ(rb.trans_op, 3u);
+    EXPECT_EQ(rb.trans_id, 0);
+    EXPECT_STREQ(rb.trans_user, "");
+}
+
+TEST(Transactions, ManagerAbsentPassesTheIpcResultOnExceptForRelease) {
+    ConsoleCapture cap;
+    run_as(5, [&] {
+        set_mgi_transaction_id(9);
+        EXPECT_LT(get_mgi_transaction_lock("a", 0), -1);
+        EXPECT_LT(rollback_mgi_transaction("a", 0), -1);
+        int state;
+        EXPECT_LT(get_mgi_transaction_state(&state, 0), -1);
+        EXPECT_EQ(release_mgi_transaction_lock("a", 0), -1); // reduced to -1
+        EXPECT_EQ(get_mgi_transaction_id(), 9);
+        set_mgi_transaction_id(0);
+        fault::arm_alloc_failures(1);
+        EXPECT_EQ(get_mgi_transaction_state(&state, 0), -1);
+        fault::disarm();
+    });
+    EXPECT_EQ(cap.text(), "MGI: Failed send message to MGD\nMGI: Failed to malloc, when get transaction state\n");
+}
+
+TEST(Transactions, SourceCodeByOwnApplication) {
+    const std::pair<uint32_t, uint8_t> cases[] = {{5, 1},   {23, 4},   {46, 3}, {102, 19},
+                                                  {114, 27}, {118, 26}, {16, 0}, {2, 0}};
+    for (auto [app, code] : cases) {
+        run_as(app, [&] {
+            mgi_trans_info t = {};
+            EXPECT_EQ(set_trans_src(&t), 0);
+            EXPECT_EQ(t.trans_src, code) << app;
+        });
+    }
+    EXPECT_EQ(set_trans_src(nullptr), -1);
+}
+
+TEST(Queries, StateDebugPlatformAndFeatureWords) {
+    TestPeer mgd(MGD_APPID), app(40);
+    int32_t status = 0;
+    mgd.handle(MGD_MSG_TRANSACTION_STATE, [&](const Received &) { return std::vector<Answer>{reply_words({77}, status)}; });
+    mgd.handle(MGD_MSG_SYSTEM_DEBUG_STATE, [&](const Received &) { return std::vector<Answer>{reply_words({5, 6}, status)}; });
+    mgd.handle(MGD_MSG_PLATFORM, [&](const Received &) { return std::vector<Answer>{reply_words({0x31}, status)}; });
+    mgd.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &r) {
+        uint32_t f;
+        std::memcpy(&f, r.bytes.data(), 4);
+        return std::vector<Answer>{reply_words({f * 10}, -9)}; // status is not looked at
+    });
+    app.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &) { return std::vector<Answer>{reply_words({1})}; });
+    run_as(5, [&] {
+        EXPECT_EQ(vk_get_mgi_transaction_state(0x0102), 77);
+        EXPECT_EQ(vk_get_system_debug_state(), 5);
+        EXPECT_EQ(get_mgd_platform(), 0x31);
+        uint32_t v = 0;
+        EXPECT_EQ(get_pre_config_feature(4, &v), 0);
+        EXPECT_EQ(v, 40u);
+        EXPECT_EQ(get_pre_config_feature_with_dst_appid(40, 4, &v), 0);
+        EXPECT_EQ(v, 1u);
+        status = -2; // only -1 fails the state and debug questions
+        EXPECT_EQ(vk_get_mgi_transaction_state(1), 77);
+        EXPECT_EQ(vk_get_system_debug_state(), 5);
+        EXPECT_EQ(get_mgd_platform(), -1);
+        status = -1;
+        EXPECT_EQ(vk_get_mgi_transaction_state(1), -1);
+        EXPECT_EQ(vk_get_system_debug_state(), -1);
+    });
+    auto got = mgd.received();
+    ASSERT_GE(got.size(), 4u);
+    EXPECT_EQ(got[0].bytes.size(), 2u);
+    uint16_t sel;
+    std::memcpy(&sel, got[0].bytes.data(), 2);
+    EXPECT_EQ(sel, 0x0102);
+    EXPECT_EQ(got[1].bytes.size(), 16u);
+    uint32_t w;
+    std::memcpy(&w, got[2].bytes.data(), 4);
+    EXPECT_EQ(w, 1u); // word 1 asks for the platform
+}
+
+TEST(Queries, FailuresAndTheirTexts) {
+    ConsoleCapture cap;
+    testing::internal::CaptureStdout();
+    run_as(5, [&] {
+        EXPECT_EQ(vk_get_mgi_transaction_state(1), -1);
+        EXPECT_EQ(vk_get_system_debug_state(), -1);
+        EXPECT_EQ(get_mgd_platform(), -1);
+        int locked = 5;
+        EXPECT_EQ(get_mgd_config_lock_status(&locked), -1);
+        EXPECT_EQ(get_config_change_status(1), 0);
+        uint32_t v = 3;
+        EXPECT_EQ(get_pre_config_feature(1, &v), -1);
+        fault::arm_alloc_failures(1);
+        EXPECT_EQ(get_pre_config_feature(1, &v), -1);
+        fault::arm_alloc_failures(1);
+        EXPECT_EQ(get_config_change_status(1), 0);
+        fault::arm_alloc_failures(1);
+        EXPECT_EQ(vk_get_mgi_transaction_state(1), -1); // no text for a failed allocation
+        fault::disarm();
+        EXPECT_EQ(v, 3u);
+    });
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
+    EXPECT_EQ(cap.text(), "MGI TRANSACTION STATE: ipc send recv failed\n"
+                          "SYSTEM DEBUG STATE: ipc send recv failed\n"
+                          "ipc error.\n"
+                          "malloc ipc buf failed\n");
+}
+
+TEST(Queries, ConfigurationLockAndChangeStatus) {
+    TestPeer mgd(MGD_APPID);
+    uint16_t first = 0, second = 0;
+    int32_t status = 0;
+    mgd.handle(MGD_MSG_CONFIG_LOCK_STATUS, [&](const Received &) {
+        Bytes b(4);
+        std::memcpy(b.data(), &first, 2);
+        std::memcpy(b.data() + 2, &second, 2);
+        return std::vector<Answer>{{b, status, true}};
+    });
+    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) { return std::vector<Answer>{{Bytes(2), status, true}}; });
+    run_as(5, [&] {
+        int locked = -1;
+        const std::tuple<uint16_t, uint16_t, int> cases[] = {{0, 7, 1}, {1, 0, 1}, {2, 0, 0}, {0, 0, 0}};
+        for (auto [a, b, want] : cases) {
+            first = a;
+            second = b;
+            EXPECT_EQ(get_mgd_config_lock_status(&locked), 0);
+            EXPECT_EQ(locked, want) << a << "," << b;
+        }
+        status = -1;
+        EXPECT_EQ(get_mgd_config_lock_status(&locked), -1);
+        status = -5;
+        EXPECT_EQ(get_config_change_status(3), 0);
+        status = 0;
+        EXPECT_EQ(get_config_change_status(3), 1);
+        status = 12;
+        EXPECT_EQ(get_config_change_status(3), 1);
+    });
+    uint16_t ask;
+    std::memcpy(&ask, mgd.received()[0].bytes.data(), 2);
+    EXPECT_EQ(ask, 16);
+}
+
+TEST(Queries, DefaultValueCopiesUnlessStatusIsExactlyMinusOne) {
+    TestPeer mgd(MGD_APPID);
+    int32_t status = -2;
+    mgd.handle(MGD_MSG_OBJECT_DEFAULT_VALUE, [&](const Received &) {
+        return std::vector<Answer>{{Bytes{1, 2, 3, 4, 5, 6}, status, true}};
+    });
+    run_as(5, [&] {
+        const uint32_t target[10] = {0x4f0001, 0x20401, 0};
+        uint8_t out[8];
+        std::memset(out, 0xEE, sizeof out);
+        EXPECT_EQ(get_object_default_value_with_target(target, 0x0203, out, 8), 0);
+        EXPECT_EQ(out[0], 1);
+        EXPECT_EQ(out[5], 6);
+        EXPECT_EQ(out[6], 0); // the reply buffer was cleared
+        status = -1;
+        std::memset(out, 0xEE, sizeof out);
+        EXPECT_EQ(get_object_default_value_with_target(target, 0, out, 8), -1);
+        EXPECT_EQ(out[0], 0xEE);
+    });
+    const Bytes rq = mgd.received()[0].bytes;
+    ASSERT_EQ(rq.size(), 44u);
+    uint32_t w;
+    std::memcpy(&w, rq.data() + 4, 4);
+    EXPECT_EQ(w, 0x20401u);
+    uint16_t sel;
+    std::memcpy(&sel, rq.data() + 40, 2);
+    EXPECT_EQ(sel, 0x0203);
+    EXPECT_EQ(rq[42] | rq[43], 0);
+}
+
+TEST(OneWay, ConfigurationRequestsDebugConfigAndLockOfTheManagementSlot) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGD_MSG_REQUEST_CONFIG, [](const Received &) { return std::vector<Answer>{}; });
+    mgd.handle(MGD_MSG_DBG_CONFIG, [](const Received &) { return std::vector<Answer>{}; });
+    // The lock goes to the manager of the management slot plus one.
+    setenv("MGMT_MCP_SLOT", "2", 1);
+    setenv("MGMT_SLOT", "3", 1);
+    TestPeer remote(MGD_APPID);
+    unsetenv("MGMT_SLOT");
+    remote.handle(MGD_MSG_LOCK_CFG, [](const Received &) { return std::vector<Answer>{}; });
+    ConsoleCapture cap;
+    run_as(65, [&] {
+        uint16_t before = vk_x86_get_request_config_num();
+        EXPECT_EQ(request_config_from_mgd(0x0a0b), 0);
+        EXPECT_EQ(vk_x86_get_request_config_num(), uint16_t(before + 1));
+        uint8_t rec[4] = {0x34, 0x12, 0, 0};
+        EXPECT_EQ(create_request_config_info(rec), 0);
+        EXPECT_EQ(rec[0], 0x12);
+        EXPECT_EQ(rec[1], 0x34);
+        EXPECT_EQ(be16(rec + 2), uint16_t(before + 2));
+        EXPECT_EQ(make_dbg_config(1, 2, 3, nullptr), -1); // needs the thread's pair
+        init_mgi();
+        EXPECT_EQ(make_dbg_config(1, 2, 3, "trace"), 0);
+        EXPECT_EQ(req_lock_mgd_cfg(1), 0);
+        EXPECT_EQ(req_lock_mgd_cfg(0), 0);
+    });
+    unsetenv("MGMT_MCP_SLOT");
+    run_as(65, [] { EXPECT_EQ(req_lock_mgd_cfg(0), -1); }); // slot 1: nobody there
+    EXPECT_EQ(cap.text(), "IPC send MGD msg(unlock) error\n");
+    ASSERT_TRUE(mgd.wait_for(2));
+    ASSERT_TRUE(remote.wait_for(2));
+    auto got = mgd.received();
+    EXPECT_EQ(got[0].msg, MGD_MSG_REQUEST_CONFIG);
+    EXPECT_EQ(be16(got[0].bytes.data()), 0x0a0b);
+    EXPECT_EQ(got[1].bytes.size(), 76u);
+    mgi_dbg_config d;
+    std::memcpy(&d, got[1].bytes.data(), sizeof d);
+    EXPECT_EQ(d.word[2], 3u);
+    EXPECT_STREQ(d.text, "trace");
+    uint32_t lock[2];
+    std::memcpy(lock, remote.received()[0].bytes.data(), 8);
+    EXPECT_EQ(lock[0], 0u);
+    EXPECT_EQ(lock[1], 1u);
+}
+
+TEST(OneWay, CounterWrapsAndX86DaemonList) {
+    uint8_t rec[4] = {};
+    while (vk_x86_get_request_config_num() != 65535) create_request_config_info(rec);
+    request_config_from_mgd(1); // nobody listens; the counter moves all the same
+    EXPECT_EQ(vk_x86_get_request_config_num(), 0);
+    for (uint32_t id : {65u, 71u, 76u, 80u, 85u, 88u, 90u, 106u, 109u, 0x10000u + 65u})
+        EXPECT_EQ(is_x86_daemon(id), 1) << id;
+    for (uint32_t id : {64u, 70u, 77u, 89u, 105u, 110u, 2u})
+        EXPECT_EQ(is_x86_daemon(id), 0) << id;
+}
+
+} // namespace
