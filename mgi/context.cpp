@@ -281,9 +281,15 @@ MGMT_API char *get_mgi_user(void) { return mgi_user_name; }
 MGMT_API char *get_mgi_ip_addr(void) { return mgi_ip_addr; }
 MGMT_API void set_mgi_ha_unset_src(int flag) { mgi_src_ha_unset = flag ? 1 : 0; }
 MGMT_API void set_mgi_fernlook_src(int flag) { mgi_src_fernlook_mode = flag ? 1 : 0; }
-MGMT_API void set_force_import_mode(int status) { force_import_status = status; }
+MGMT_API int set_force_import_mode(int status) {
+    force_import_status = status;
+    return 0;
+}
 MGMT_API int is_force_import_mode(void) { return force_import_status; }
-MGMT_API void set_force_cli_mode(int status) { force_cli_status = status; }
+MGMT_API int set_force_cli_mode(int status) {
+    force_cli_status = status;
+    return 0;
+}
 MGMT_API int is_force_cli_mode(void) { return force_cli_status > 0 ? 1 : 0; }
 MGMT_API int is_force_cli_fru_config_mode(void) { return force_cli_status == 2 ? 1 : 0; }
 MGMT_API void set_mgi_info_from(uint32_t code) { mgi_info_from = code; }
