@@ -4,8 +4,10 @@
 
 #include "mgmt/export.h"
 #include "mgmt/mgi.h"
+#include "mgmt/mgi_app.h"
 #include "mgmt/mgi_services.h"
 #include "mgmt/buf_list.h"
+#include "mgmt/sorter.h"
 #include "mgmt/value.h"
 #include "mgmt/term.h"
 #include "mgmt/utmp_queue.h"
