@@ -4,6 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace mgmt_test {
@@ -156,6 +161,70 @@ std::vector<Received> TestPeer::received() const {
 bool TestPeer::wait_for(size_t n, int ms) const {
     std::unique_lock<std::mutex> lock(mu_);
     return cv_.wait_for(lock, std::chrono::milliseconds(ms), [&] { return received_.size() >= n; });
+}
+
+std::string build_path(const std::string &relpath) {
+    const char *dir = std::getenv("MGMT_TEST_BINARY_DIR");
+    return std::string(dir ? dir : ".") + "/" + relpath;
+}
+
+Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args, uint32_t appid) {
+    std::string path = build_path(relpath);
+    const char *dir = ipc_runtime_dir();
+    if (!dir) return;
+    log_ = std::string(dir) + "/daemon-" + std::to_string(getpid()) + "-" + std::to_string(appid) + ".log";
+    std::string sock = std::string(dir) + "/s" + std::to_string(ipc_own_slot()) + ".a" + std::to_string(appid) + ".i0";
+    pid_ = fork();
+    if (pid_ == 0) {
+        FILE *out = std::freopen(log_.c_str(), "w", stdout);
+        if (out) dup2(fileno(out), 2);
+        std::vector<char *> argv;
+        argv.push_back(const_cast<char *>(path.c_str()));
+        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(path.c_str(), argv.data());
+        _exit(127);
+    }
+    if (pid_ < 0) return;
+    for (int i = 0; i < 500; ++i) {
+        struct stat st;
+        if (stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
+            ready_ = true;
+            return;
+        }
+        int status;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return;
+        }
+        usleep(10000);
+    }
+}
+
+int Daemon::stop() {
+    if (pid_ <= 0) return -1;
+    kill(pid_, SIGTERM);
+    int status = 0;
+    for (int i = 0; i < 300; ++i) {
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return status;
+        }
+        usleep(10000);
+    }
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+}
+
+Daemon::~Daemon() { stop(); }
+
+std::string Daemon::output() const {
+    std::ifstream in(log_);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
 }
 
 void run_as(uint32_t appid, const std::function<void()> &fn) {

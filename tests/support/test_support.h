@@ -93,6 +93,32 @@ class TestPeer {
     std::vector<std::pair<uint16_t, Script>> scripts_;
 };
 
+// A program of this build run as a daemon in the test's runtime directory:
+// started by the constructor, which waits until its address is bound; ended
+// (SIGTERM, then SIGKILL) and reaped by the destructor. Its standard output and
+// error go to a log file that output() reads.
+class Daemon {
+  public:
+    // relpath: below the build directory (MGMT_TEST_BINARY_DIR), e.g. "tools/mgd".
+    Daemon(const std::string &relpath, const std::vector<std::string> &args, uint32_t appid);
+    ~Daemon();
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
+    bool ok() const { return ready_; }
+    int pid() const { return pid_; }
+    std::string output() const;
+    // Ends the daemon and returns its exit status as waitpid gives it.
+    int stop();
+
+  private:
+    int pid_ = -1;
+    bool ready_ = false;
+    std::string log_;
+};
+
+// Path of a program of this build, below MGMT_TEST_BINARY_DIR.
+std::string build_path(const std::string &relpath);
+
 // Runs fn on a new thread with the given application id and waits for it.
 void run_as(uint32_t appid, const std::function<void()> &fn);
 
