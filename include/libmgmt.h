@@ -12,5 +12,6 @@
 #include "mgmt/term.h"
 #include "mgmt/utmp_queue.h"
 #include "mgmt/objects.h"
+#include "mgmt/device.h"
 
 #endif
