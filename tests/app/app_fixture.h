@@ -1,0 +1,103 @@
+// Helpers of the serving-side tests: requests built byte by byte, served in
+// process through libmgmt_serve_request, and responses taken apart.
+#ifndef MGMT_TEST_APP_FIXTURE_H
+#define MGMT_TEST_APP_FIXTURE_H
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mgmt/mgi_app.h"
+#include "test_support.h"
+
+namespace app_test {
+
+using mgmt_test::Bytes;
+using mgmt_test::Seg;
+
+inline void put16(uint8_t *p, uint16_t v) {
+    p[0] = uint8_t(v >> 8);
+    p[1] = uint8_t(v);
+}
+inline void put32(uint8_t *p, uint32_t v) {
+    p[0] = uint8_t(v >> 24);
+    p[1] = uint8_t(v >> 16);
+    p[2] = uint8_t(v >> 8);
+    p[3] = uint8_t(v);
+}
+
+// A request of the given type and segments addressed to target.
+inline Bytes request(const std::vector<uint32_t> &target, uint8_t type = 0, const std::vector<Seg> &segs = {}) {
+    Bytes m = mgmt_test::mgi_message(type, segs);
+    for (size_t i = 0; i < target.size() && i < 10; ++i) put32(&m[MGI_OFF_TARGET + 4 * i], target[i]);
+    return m;
+}
+
+struct Response {
+    Bytes bytes;
+    uint8_t type() const { return bytes[MGI_OFF_TYPE]; }
+    uint16_t len() const { return mgmt_test::be16(&bytes[MGI_OFF_LEN]); }
+    // The chain as the header's nextseg and len describe it.
+    std::vector<Seg> segments() const {
+        std::vector<Seg> out;
+        uint8_t t = bytes[MGI_OFF_NEXTSEG];
+        size_t pos = MGI_HDR_LEN, end = MGI_HDR_LEN + len();
+        while (t >= 129 && t <= 140 && t != 139 && pos + 8 <= end && pos + 8 <= bytes.size()) {
+            uint16_t n = mgmt_test::be16(&bytes[pos + 2]);
+            size_t stop = std::min(bytes.size(), pos + 8 + n);
+            out.push_back({t, Bytes(bytes.begin() + long(pos + 8), bytes.begin() + long(stop)),
+                           mgmt_test::be32(&bytes[pos + 4])});
+            t = bytes[pos];
+            pos += 8 + n;
+        }
+        return out;
+    }
+    const Seg *segment(uint8_t type) const {
+        static thread_local std::vector<Seg> segs;
+        segs = segments();
+        for (const Seg &s : segs)
+            if (s.type == type) return &s;
+        return nullptr;
+    }
+};
+
+// Serves the request in process; the response buffer has the room of a real IPC reply buffer.
+inline Response serve(const Bytes &rqt, uint32_t room = 65536) {
+    // The request in a buffer of exactly its size, so that a read past it is seen.
+    std::vector<uint8_t> exact(rqt);
+    Response r;
+    r.bytes.assign(room, 0xEE);
+    uint32_t len = 0;
+    libmgmt_serve_request(exact.data(), uint32_t(exact.size()), r.bytes.data(), room, &len);
+    r.bytes.resize(std::min<uint32_t>(len, room));
+    return r;
+}
+
+inline Bytes text_body(const std::string &s) {
+    Bytes b(s.begin(), s.end());
+    b.push_back(0);
+    b.resize((b.size() + 7) & ~size_t{7}, 0);
+    return b;
+}
+
+inline int32_t host_i32(const Bytes &b, size_t at) {
+    int32_t v;
+    std::memcpy(&v, &b[at], 4);
+    return v;
+}
+
+// Registers an entity under parent (empty: the top level).
+inline appEntity *add_entity(const std::vector<uint32_t> &parent, uint32_t word, uint32_t kind,
+                             mgi_app_handler index, mgi_app_handler err, mgi_app_handler data,
+                             mgi_app_handler encode, appItem *items = nullptr) {
+    appEntity *e = app_entity_init(word, kind, index, err, data, encode, items);
+    std::vector<uint32_t> path(parent);
+    path.push_back(0);
+    app_entity_add(path.data(), e);
+    return e;
+}
+
+} // namespace app_test
+
+#endif

@@ -1,0 +1,522 @@
+// Requests served in process: header decoding, the segment walk, the order of
+// the handlers, the response header, data bodies, the oversized response and
+// the local flag of source 8.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "app_fixture.h"
+#include "platform/ipc_flags.h"
+
+using namespace app_test;
+using mgmt_test::be16;
+using mgmt_test::be32;
+using mgmt_test::ConsoleCapture;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+// What a handler saw while the request was in service.
+struct Seen {
+    mgiInfo info;
+    int config_mode;
+    std::string admin_user, ip_addr;
+    int ui_language;
+    uint32_t local_flags;
+    std::vector<std::string> calls;
+};
+Seen g_seen;
+
+void snapshot(mgiInfo *i) {
+    g_seen.info = *i;
+    g_seen.config_mode = _config_mode;
+    g_seen.admin_user = mgi_get_admin_user();
+    g_seen.ip_addr = mgi_get_ip_addr();
+    g_seen.ui_language = _ui_language;
+    g_seen.local_flags = ipcmsg_get_local_flags();
+}
+
+constexpr uint32_t M = 0x510000; // module of this file's entities
+
+int record_data(mgiInfo *i) {
+    snapshot(i);
+    g_seen.calls.push_back("data");
+    return 0;
+}
+int record_encode(mgiInfo *i) {
+    g_seen.calls.push_back("encode");
+    set_rsptype(i, MGI_RSP_FINAL);
+    return 0;
+}
+int record_err(mgiInfo *i) {
+    g_seen.calls.push_back("err " + std::to_string(i->decodeErr) + "/" + std::to_string(i->encodeErr));
+    return 0;
+}
+
+class Serve : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        add_entity({}, M | 1, 0, nullptr, record_err, record_data, record_encode);
+    }
+    void SetUp() override { g_seen = Seen{}; }
+};
+
+TEST_F(Serve, HeaderFieldsReachTheContextAndTheResponseHeader) {
+    Bytes q = request({M | 1}, 77, {{MGI_SEG_COOKIE, {1, 2, 3}, 9}});
+    q[MGI_OFF_SRC] = 3;
+    q[MGI_OFF_TIMEOUT] = 40;
+    q[MGI_OFF_LANGUAGE] = 7;
+    put16(&q[MGI_OFF_VSYSID], 0x1234);
+    std::memcpy(&q[MGI_OFF_USER], "alice", 5);
+    put32(&q[MGI_OFF_USER_PRIV], 0x01020304);
+    put16(&q[MGI_OFF_LOGIN_VSYSID], 0x0506);
+    put16(&q[MGI_OFF_DST_VSYSID], 0x0708);
+    std::memcpy(&q[MGI_OFF_IP_ADDR], "10.1.2.3", 8);
+    put32(&q[MGI_OFF_OFFSET], 0xFFFFFFFF);
+    put32(&q[MGI_OFF_RSP_AUX], 0xdeadbeef); // not read: the response carries rsp_aux of the context
+    put16(&q[MGI_OFF_RQT_AUX], 0xabcd);
+    put32(&q[MGI_OFF_MGI_FLAG], 3);
+    put32(&q[MGI_OFF_SUBLEVEL], 11);
+    put32(&q[MGI_OFF_MASK1], 0x0f);
+    put32(&q[MGI_OFF_MASK2], 0xf0);
+    put32(&q[MGI_OFF_MASK3], 0x100);
+    put32(&q[MGI_OFF_DESCEND], 12);
+    for (int i = 0; i < 3; ++i) put32(&q[MGI_OFF_XMASK7 + 4 * i], 0x70 + i);
+    std::memset(&q[MGI_OFF_FERNLOOK_TASKID], 'T', 33); // no terminator in the field
+    std::memcpy(&q[MGI_OFF_FERNLOOK_TYPE], "probe", 5);
+    put32(&q[MGI_OFF_RSP_DATA_TYPE], 0x55);
+
+    Response r = serve(q);
+    ASSERT_EQ(g_seen.calls, (std::vector<std::string>{"data", "encode"}));
+    const mgiInfo &i = g_seen.info;
+    EXPECT_EQ(i.rqt_src, 3);
+    EXPECT_EQ(g_seen.config_mode, 3);
+    EXPECT_EQ(i.rqt_timeout, 40);
+    EXPECT_EQ(i.rqt_language, 7);
+    EXPECT_EQ(g_seen.ui_language, 7);
+    EXPECT_EQ(i.rqt_vsysid, 0x1234);
+    EXPECT_STREQ(i.rqt_user, "alice");
+    EXPECT_EQ(g_seen.admin_user, "alice");
+    EXPECT_EQ(i.rqt_user_priv, 0x01020304u);
+    EXPECT_EQ(i.rqt_login_vsysid, 0x0506);
+    EXPECT_EQ(i.rqt_dst_vsysid, 0x0708);
+    EXPECT_STREQ(i.rqt_ip_addr, "10.1.2.3");
+    EXPECT_EQ(g_seen.ip_addr, "10.1.2.3");
+    EXPECT_EQ(i.rqt_target[0], M | 1);
+    EXPECT_EQ(i.rqt_target[1], 0u);
+    EXPECT_EQ(i.rqt_type, 77);
+    EXPECT_EQ(i.rqt_nextseg, MGI_SEG_COOKIE);
+    EXPECT_EQ(i.rqt_len, 11);
+    EXPECT_EQ(i.rqt_offset, 0xFFFFFFFFu);
+    EXPECT_EQ(i.rqt_no_more, 1u);
+    EXPECT_EQ(i.rqt_aux, 0xabcd);
+    EXPECT_EQ(i.mgi_flag, 3u);
+    EXPECT_EQ(i.rqt_sublevel, 11u);
+    EXPECT_EQ(i.rqt_descend, 12u);
+    EXPECT_EQ(i.rqt_xmask[6], 0x70u);
+    EXPECT_EQ(i.rqt_xmask[8], 0x72u);
+    EXPECT_EQ(i.rqt_mask1, 0x0fu);
+    EXPECT_EQ(i.rsp_mask1, 0x0fu);
+    EXPECT_EQ(i.rsp_mask3, 0x100u);
+    EXPECT_EQ(std::string(i.fernlook_taskid), std::string(32, 'T'));
+    EXPECT_STREQ(i.fernlook_type, "probe");
+    EXPECT_EQ(i.rsp_data_type, 0x55u);
+    EXPECT_EQ(i.cond_ctx, &gcondCtx);
+    EXPECT_EQ(i.rsp_len, 0u);
+
+    // The response header.
+    ASSERT_EQ(r.bytes.size(), 312u);
+    EXPECT_EQ(r.type(), MGI_RSP_FINAL);
+    EXPECT_EQ(r.len(), 0);
+    EXPECT_EQ(0, std::memcmp(&r.bytes[88], &q[88], 40));
+    EXPECT_EQ(r.bytes[MGI_OFF_NEXTSEG], MGI_SEG_COOKIE); // nothing appended: the request's nextseg stays
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_OFFSET]), 0xFFFFFFFFu);
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_RSP_AUX]), 0u);
+    EXPECT_EQ(be16(&r.bytes[MGI_OFF_RQT_AUX]), 0xabcd);
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_MGI_FLAG]), 3u);
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_MASK1]), 0x0fu);
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_MASK2]), 0xf0u);
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_MASK3]), 0x100u);
+    EXPECT_EQ(be32(&r.bytes[MGI_OFF_RSP_DATA_TYPE]), 0x55u);
+    EXPECT_EQ(r.bytes[MGI_OFF_SRC], 0xEE); // fields the server doesn't write keep what the buffer held
+    // The response clears who asked.
+    EXPECT_EQ(_config_mode, 0);
+    EXPECT_EQ(_ui_language, 0);
+    EXPECT_STREQ(mgi_get_admin_user(), "");
+    EXPECT_STREQ(mgi_get_ip_addr(), "");
+}
+
+TEST_F(Serve, LanguageComesFromTheSystemForSomeSourcesAndForZero) {
+    int saved = _system_language;
+    _system_language = 42;
+    for (uint8_t src : {5, 6, 24, 25, 0, 1}) {
+        Bytes q = request({M | 1});
+        q[MGI_OFF_SRC] = src;
+        q[MGI_OFF_LANGUAGE] = src == 0 ? 0 : 9;
+        serve(q);
+        EXPECT_EQ(g_seen.ui_language, src == 1 ? 9 : 42) << int(src);
+        EXPECT_EQ(g_seen.info.rqt_language, src == 0 ? 0 : 9);
+    }
+    _system_language = saved;
+}
+
+TEST_F(Serve, SegmentsAreRecordedWithLengthAndSubtype) {
+    std::vector<Seg> segs = {
+        {MGI_SEG_UIINFO, {9, 9}, 1},        {MGI_SEG_CONDITION, {1, 2, 3}, 0x31},
+        {MGI_SEG_COOKIE, {4}, 0x32},        {136, {0, 0, 0}, 7},
+        {MGI_SEG_RULEDATA, {5, 6}, 0x33},   {MGI_SEG_UDCDATA, {7, 7, 7, 7, 7}, 0x34},
+        {MGI_SEG_QUERYDATA, {8}, 0x35},     {MGI_SEG_COOKIE, {4, 4, 4, 4}, 0x36},
+    };
+    Bytes q = request({M | 1}, 0, segs);
+    serve(q);
+    const mgiInfo &i = g_seen.info;
+    auto *base = static_cast<uint8_t *>(i.rqt_data) - MGI_HDR_LEN; // the request as served
+    auto at = [&](void *p) { return static_cast<uint8_t *>(p) - base; };
+    EXPECT_EQ(at(i.uiInfo), 312 + 8);
+    EXPECT_EQ(at(i.condition), 312 + 10 + 8);
+    EXPECT_EQ(i.condition_len, 3);
+    EXPECT_EQ(i.condition_subtype, 0x31u);
+    EXPECT_EQ(at(i.mgidata), 312 + 10 + 11 + 9 + 11 + 8);
+    EXPECT_EQ(i.mgidata_len, 2);
+    EXPECT_EQ(i.mgidata_subtype, 0x33u);
+    EXPECT_EQ(i.udcdata_len, 5);
+    EXPECT_EQ(i.udcdata_subtype, 0x34u);
+    EXPECT_EQ(i.querydata_len, 1);
+    // The later cookie overwrites the earlier.
+    EXPECT_EQ(i.cookie_len, 4);
+    EXPECT_EQ(i.cookie_subtype, 0x36u);
+    EXPECT_EQ(static_cast<uint8_t *>(i.cookie)[0], 4);
+}
+
+TEST_F(Serve, PayloadFormsByNextseg) {
+    Bytes rec = mgmt_test::mgi_record_message(0, {1, 2, 3, 4});
+    std::copy_n(request({M | 1}).begin() + 88, 40, rec.begin() + 88);
+    serve(rec);
+    EXPECT_EQ(g_seen.info.mgidata, g_seen.info.rqt_data); // a plain record, length 0
+    EXPECT_EQ(g_seen.info.mgidata_len, 0);
+    for (uint8_t first : {128, 139}) {
+        Bytes q = request({M | 1}, 0, {{MGI_SEG_RULEDATA, {1}, 0}});
+        q[MGI_OFF_NEXTSEG] = first;
+        serve(q);
+        EXPECT_EQ(g_seen.info.mgidata, nullptr) << int(first);
+    }
+}
+
+// ---------------------------------------------------------------- handler order
+
+std::vector<std::string> g_calls;
+int idx_a(mgiInfo *) { return g_calls.push_back("index a"), 0; }
+int idx_b(mgiInfo *) { return g_calls.push_back("index b"), 0; }
+int idx_c(mgiInfo *i) {
+    g_calls.push_back("index c");
+    if (i->rqt_type == 99) set_decode_errcode(i, -7);
+    return 0;
+}
+int data_c(mgiInfo *) { return g_calls.push_back("data c"), 0; }
+int enc_c(mgiInfo *) { return g_calls.push_back("encode c"), 0; }
+int err_c(mgiInfo *i) { return g_calls.push_back("err " + std::to_string(i->decodeErr)), 0; }
+
+TEST_F(Serve, IndexDecodersRunFromTheRootAndAnErrorStopsTheRest) {
+    add_entity({}, M | 0x10, APP_ENTITY_INDEXED, idx_a, nullptr, nullptr, nullptr);
+    add_entity({M | 0x10}, M | 0x11, 0, idx_b, nullptr, nullptr, nullptr); // kind 0: its decodeIndex never runs
+    add_entity({M | 0x10, M | 0x11}, M | 0x12, APP_ENTITY_INDEXED, idx_c, err_c, data_c, enc_c);
+    g_calls.clear();
+    serve(request({M | 0x10, M | 0x11, M | 0x12}));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"index a", "index c", "data c", "encode c"}));
+
+    g_calls.clear();
+    serve(request({M | 0x10, M | 0x11, M | 0x12}, 99));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"index a", "index c", "err -7"}));
+
+    // A one-word target runs no decodeIndex, not even its own.
+    g_calls.clear();
+    add_entity({}, M | 0x13, APP_ENTITY_INDEXED, idx_a, nullptr, data_c, enc_c);
+    serve(request({M | 0x13}));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"data c", "encode c"}));
+}
+
+TEST_F(Serve, TenWordTargetVisitsNineLevels) {
+    std::vector<uint32_t> path;
+    for (uint32_t level = 1; level <= 10; ++level) {
+        add_entity(path, M | (0x100 + level), APP_ENTITY_INDEXED, idx_a, nullptr,
+                   level == 10 ? data_c : nullptr, level == 10 ? enc_c : nullptr);
+        path.push_back(M | (0x100 + level));
+    }
+    g_calls.clear();
+    Response r = serve(request(path));
+    EXPECT_EQ(g_calls.size(), 9u + 2u);
+    EXPECT_EQ(g_calls[8], "index a");
+    EXPECT_EQ(g_calls[9], "data c");
+    EXPECT_EQ(0, std::memcmp(&r.bytes[88], &request(path)[88], 40)); // all ten words echoed
+}
+
+// ---------------------------------------------------------------- error roads
+
+int fail_with_text(mgiInfo *i) {
+    mgi_sprintf_err(i, "role %s does not exist", "r9");
+    return 0;
+}
+int err_to_text(mgiInfo *i) {
+    g_calls.push_back("errHandle " + std::to_string(i->decodeErr) + "/" + std::to_string(i->encodeErr));
+    mgi_sprintf_err(i, "object failed");
+    return 0;
+}
+
+TEST_F(Serve, UnknownPathAnswersWithNoErrorSegment) {
+    CaptureStdout();
+    Response r = serve(request({M | 0x7777}));
+    EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nrequest path does not exist\n"
+                                   "there is sw error, as decodeErr -101 not set but get into error handling!\n");
+    EXPECT_EQ(r.type(), 0);
+    EXPECT_EQ(r.len(), 0);
+    EXPECT_EQ(r.bytes.size(), 312u);
+
+    CaptureStdout();
+    serve(request({M | 1, M | 0x7777})); // a two-word target is looked up once more by the index step
+    EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nrequest path does not exist\n"
+                                   "request path does not exist\n"
+                                   "there is sw error, as decodeErr -101 not set but get into error handling!\n");
+}
+
+TEST_F(Serve, MissingHandlersAndHandlerErrors) {
+    add_entity({}, M | 0x20, 0, nullptr, err_to_text, nullptr, enc_c);      // no decodeData
+    add_entity({}, M | 0x21, 0, nullptr, err_to_text, data_c, nullptr);      // no encodeData
+    add_entity({}, M | 0x22, 0, nullptr, err_to_text, fail_with_text, enc_c); // fails with a text
+    add_entity({}, M | 0x23, 0, nullptr, nullptr, data_c, nullptr);          // no encodeData, no errHandle
+
+    g_calls.clear();
+    Response r = serve(request({M | 0x20}));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"errHandle -101/0"}));
+    EXPECT_EQ(r.type(), MGI_RSP_ERROR);
+    const Seg *e = r.segment(MGI_SEG_ERROR);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(host_i32(e->body, 0), -101);
+    EXPECT_STREQ(reinterpret_cast<const char *>(&e->body[16]), "object failed");
+
+    g_calls.clear();
+    r = serve(request({M | 0x21}));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"data c", "errHandle 0/-100"}));
+    ASSERT_NE(r.segment(MGI_SEG_ERROR), nullptr);
+    EXPECT_EQ(host_i32(r.segment(MGI_SEG_ERROR)->body, 0), -100);
+
+    g_calls.clear();
+    r = serve(request({M | 0x22}));
+    // The handler's segment stands; errHandle's second text doesn't make another.
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"errHandle -1/-1"}));
+    EXPECT_EQ(r.type(), MGI_RSP_ERROR);
+    ASSERT_EQ(r.segments().size(), 1u);
+    EXPECT_EQ(host_i32(r.segments()[0].body, 0), -1);
+    EXPECT_EQ(r.segments()[0].body.size(), 16 + text_body("role r9 does not exist").size());
+    EXPECT_STREQ(reinterpret_cast<const char *>(&r.segments()[0].body[16]), "role r9 does not exist");
+
+    // encodeErr with an entity but no errHandle: nothing is appended, rsptype stays.
+    r = serve(request({M | 0x23}));
+    EXPECT_EQ(r.type(), 0);
+    EXPECT_EQ(r.len(), 0);
+}
+
+// ---------------------------------------------------------------- data bodies
+
+std::vector<uint8_t> g_body;
+uint16_t g_in_place = 0;
+int encode_body(mgiInfo *i) {
+    mgi_init_rsp_message(i);
+    mgi_update_rsp_data(i, g_body.data(), uint16_t(g_body.size()));
+    if (g_in_place) {
+        auto *end = static_cast<uint8_t *>(get_rsp_data(i)) + get_rsp_datalen(i);
+        std::memset(end, 0xAB, g_in_place);
+        mgi_update_rsp_data(i, end, g_in_place);
+    }
+    static uint32_t cookie[2] = {0x11111111, 0x22222222};
+    mgi_set_rsp_cookie(i, cookie, i->rqt_type == 1 ? 0 : 8);
+    set_rsptype(i, i->rqt_type == 2 ? MGI_RSP_PARTIAL : MGI_RSP_FINAL);
+    mgi_final_rsp_message(i);
+    return 0;
+}
+
+TEST_F(Serve, DataBodyThenCookie) {
+    add_entity({}, M | 0x30, 0, nullptr, nullptr, data_c, encode_body);
+    g_body = {1, 2, 3, 4, 5};
+    g_in_place = 0;
+    Response r = serve(request({M | 0x30}));
+    auto segs = r.segments();
+    ASSERT_EQ(segs.size(), 2u);
+    EXPECT_EQ(segs[0].type, MGI_SEG_UDCDATA);
+    EXPECT_EQ(segs[0].body, g_body);
+    EXPECT_EQ(segs[1].type, MGI_SEG_COOKIE);
+    EXPECT_EQ(segs[1].body.size(), 8u);
+    EXPECT_EQ(r.len(), 8 + 5 + 8 + 8);
+    EXPECT_EQ(r.bytes.size(), 312u + r.len());
+    EXPECT_EQ(r.bytes[MGI_OFF_NEXTSEG], MGI_SEG_UDCDATA);
+    EXPECT_EQ(r.bytes[312], MGI_SEG_COOKIE);
+    EXPECT_EQ(r.bytes[312 + 13], MGI_SEG_END);
+
+    // A cookie of length 0 is not sent.
+    r = serve(request({M | 0x30}, 1));
+    ASSERT_EQ(r.segments().size(), 1u);
+    EXPECT_EQ(r.segments()[0].type, MGI_SEG_UDCDATA);
+}
+
+TEST_F(Serve, BodyLimitAppliesToCopiesOnly) {
+    add_entity({}, M | 0x31, 0, nullptr, nullptr, data_c, encode_body);
+    ConsoleCapture cap;
+    g_body.assign(49689, 1); // one byte over what fits behind the header
+    g_in_place = 0;
+    Response r = serve(request({M | 0x31}, 1));
+    EXPECT_EQ(cap.text(), "MGI: response data leng (49689) is incorrect\n");
+    EXPECT_TRUE(r.segments().empty()); // refused: the response goes out without a body
+
+    cap.clear();
+    g_body.assign(49000, 1);
+    g_in_place = 680; // written in place: no limit is applied
+    r = serve(request({M | 0x31}, 1));
+    EXPECT_EQ(cap.text(), "");
+    ASSERT_EQ(r.segments().size(), 1u);
+    EXPECT_EQ(r.segments()[0].body.size(), 49680u);
+}
+
+int body_then_segment(mgiInfo *i) {
+    mgi_init_rsp_message(i);
+    uint8_t data[3] = {7, 8, 9};
+    mgi_update_rsp_data(i, data, 3);
+    // A segment appended after the init: the body is moved behind it at the final call.
+    append_rsp_segment_with_string(i, MGI_SEG_ANSWER, "abcdefgh");
+    set_subtype_after_appendseg(i, 0x4242);
+    mgi_final_rsp_message(i);
+    set_rsptype(i, MGI_RSP_FINAL);
+    return 0;
+}
+
+TEST_F(Serve, BodyMovesBehindASegmentAppendedInBetween) {
+    add_entity({}, M | 0x32, 0, nullptr, nullptr, data_c, body_then_segment);
+    Response r = serve(request({M | 0x32}));
+    auto segs = r.segments();
+    ASSERT_EQ(segs.size(), 2u);
+    EXPECT_EQ(segs[0].type, MGI_SEG_ANSWER);
+    EXPECT_EQ(segs[0].body, text_body("abcdefgh")); // 8 characters: a body of 16
+    EXPECT_EQ(segs[0].subtype, 0x4242u);
+    EXPECT_EQ(segs[1].type, MGI_SEG_UDCDATA);
+    // The body is copied from where it was begun, which the segment in between now covers.
+    EXPECT_EQ(segs[1].body, (Bytes{'a', 'b', 'c'}));
+}
+
+int echo(mgiInfo *i) {
+    if (i->rqt_type == 5) mgi_data_changed(i);
+    accept_preprovisoning_data(i);
+    set_rsptype(i, MGI_RSP_FINAL);
+    return 0;
+}
+
+TEST_F(Serve, PreprovisioningEchoesTheRequestPayload) {
+    add_entity({}, M | 0x33, 0, nullptr, nullptr, data_c, echo);
+    Bytes q = request({M | 0x33}, 0, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}, {MGI_SEG_COOKIE, {4}, 6}});
+    Response r = serve(q);
+    EXPECT_EQ(r.len(), q.size() - 312);
+    EXPECT_TRUE(std::equal(q.begin() + 312, q.end(), r.bytes.begin() + 312));
+    r = serve(request({M | 0x33}, 5, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}}));
+    EXPECT_EQ(r.len(), 0);
+}
+
+// ---------------------------------------------------------------- housekeeping, local flag
+
+int keep_or_not(mgiInfo *i) {
+    auto *ctx = static_cast<condContext *>(i->cond_ctx);
+    if (!ctx->extra) ctx->extra = std::malloc(16);
+    ctx->ctx_word1 = 5;
+    set_rsptype(i, i->rqt_type == 16 ? MGI_RSP_PARTIAL : MGI_RSP_FINAL2);
+    return 0;
+}
+
+TEST_F(Serve, ConditionContextSurvivesOnlyPartialAnswers) {
+    add_entity({}, M | 0x40, 0, nullptr, nullptr, data_c, keep_or_not);
+    free_cond_ctx_by_uiInfo();
+    serve(request({M | 0x40}, 16));
+    EXPECT_NE(gcondCtx.extra, nullptr);
+    EXPECT_EQ(gcondCtx.ctx_word1, 5u);
+    Response r = serve(request({M | 0x40}, 27));
+    EXPECT_EQ(r.type(), MGI_RSP_FINAL2);
+    EXPECT_EQ(gcondCtx.extra, nullptr);
+    EXPECT_EQ(gcondCtx.ctx_word1, 0u);
+}
+
+int fail_index(mgiInfo *i) {
+    g_seen.local_flags = ipcmsg_get_local_flags();
+    set_decode_errcode(i, -3);
+    return 0;
+}
+
+TEST_F(Serve, SourceEightHoldsLocalFlagFourForTheRequest) {
+    Bytes q = request({M | 1});
+    q[MGI_OFF_SRC] = 8;
+    serve(q);
+    EXPECT_EQ(g_seen.local_flags & (1u << 4), 1u << 4);
+    EXPECT_EQ(ipcmsg_get_local_flags() & (1u << 4), 0u);
+
+    add_entity({}, M | 0x41, APP_ENTITY_INDEXED, nullptr, nullptr, nullptr, nullptr);
+    add_entity({M | 0x41}, M | 0x42, APP_ENTITY_INDEXED, fail_index, nullptr, data_c, enc_c);
+    q = request({M | 0x41, M | 0x42});
+    q[MGI_OFF_SRC] = 8;
+    g_seen.local_flags = 0;
+    serve(q);
+    EXPECT_EQ(g_seen.local_flags & (1u << 4), 1u << 4);
+    EXPECT_EQ(ipcmsg_get_local_flags() & (1u << 4), 0u); // cleared on the failing road too
+
+    q[MGI_OFF_SRC] = 9;
+    serve(q);
+    EXPECT_EQ(g_seen.local_flags & (1u << 4), 0u);
+}
+
+// ---------------------------------------------------------------- the length limit
+
+uint16_t g_answer_len;
+int answer_of_len(mgiInfo *i) {
+    std::vector<uint8_t> body(g_answer_len, 0x5A);
+    append_rsp_segment(i, MGI_SEG_ANSWER, body.data(), g_answer_len);
+    set_rsptype(i, MGI_RSP_FINAL);
+    return 0;
+}
+
+TEST_F(Serve, ResponseOfExactlyTheLimitPasses) {
+    add_entity({}, M | 0x50, 0, nullptr, nullptr, data_c, answer_of_len);
+    g_answer_len = uint16_t(MGI_MAX_PAYLOAD - 8);
+    Response r = serve(request({M | 0x50}));
+    EXPECT_EQ(r.bytes.size(), 50000u);
+    ASSERT_EQ(r.segments().size(), 1u);
+    EXPECT_EQ(r.segments()[0].body.size(), size_t(g_answer_len));
+}
+
+using ServeDeathTest = Serve;
+
+TEST_F(ServeDeathTest, ResponseAboveTheLimitEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    add_entity({}, M | 0x51, 0, nullptr, nullptr, data_c, answer_of_len);
+    g_answer_len = uint16_t(MGI_MAX_PAYLOAD - 7);
+    ipc_set_thread_identity(11, 0);
+    EXPECT_DEATH(serve(request({M | 0x51})),
+                 "app:app11 msg_type: 6 returned buf_len: 50001 more than mgi max len: 50000\n");
+    Bytes q = request({M | 0x51});
+    EXPECT_DEATH(
+        {
+            std::vector<uint8_t> rsp(65536);
+            uint32_t len = 65536;
+            handle_ha_sync_mgi_msg(q.data(), 0, nullptr, rsp.data(), &len);
+        },
+        "MGD: returned buf_len: 50001 more than mgi max len: 50000\n");
+    // A response too long for the buffer it is built in is not written past it, and still ends the process.
+    EXPECT_DEATH(serve(request({M | 0x51}), 20000), "returned buf_len: 50001 more than mgi max len: 50000");
+}
+
+TEST_F(Serve, HaSyncRoadServesLikeTheIpcRoad) {
+    Bytes q = request({M | 1}, 0, {{MGI_SEG_COOKIE, {1, 2}, 0}});
+    std::vector<uint8_t> rsp(65536);
+    uint32_t len = 65536;
+    EXPECT_EQ(handle_ha_sync_mgi_msg(q.data(), 0, nullptr, rsp.data(), &len), 0);
+    EXPECT_EQ(len, 312u);
+    EXPECT_EQ(rsp[MGI_OFF_TYPE], MGI_RSP_FINAL);
+    EXPECT_EQ(g_seen.info.cookie_len, 2);
+}
+
+} // namespace
