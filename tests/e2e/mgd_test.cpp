@@ -162,6 +162,32 @@ TEST_F(Manager, OwnerNotRunningAndMalformedRequestsGetErrorAnswers) {
     EXPECT_NE(mgd->output().find("malformed MGI message from app5 (40 bytes): refused"), std::string::npos);
 }
 
+TEST_F(Manager, ServesItsOwnObjectsThroughTheServingSide) {
+    run_as(5, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 1);
+        const char *who = "admin";
+        uint32_t a = 3, b = 4;
+        info.rqt_item[0] = &who;
+        info.rqt_item[1] = &a;
+        info.rqt_item[2] = &b;
+        EXPECT_EQ(final_set_mgmt_trans(&info, nullptr), 0);
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 2);
+        g_calls = 0;
+        EXPECT_EQ(final_get_mgmt_trans(&info, keep_data, nullptr), 0);
+    });
+    EXPECT_EQ(g_calls, 1);
+    ASSERT_EQ(g_data.size(), 40u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(g_data.data()), "admin");
+    uint32_t b;
+    std::memcpy(&b, g_data.data() + 36, 4);
+    EXPECT_EQ(b, 4u);
+    EXPECT_NE(mgd->output().find("mgd: set mgmt_trans (90012) type 1 from app5: served here\n"), std::string::npos)
+        << mgd->output();
+}
+
 TEST_F(Manager, ConfigurationLockOfTheManagementSlot) {
     run_as(5, [&] {
         int locked = -1;

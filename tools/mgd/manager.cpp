@@ -8,6 +8,7 @@
 
 #include "mgmt/catalogue.h"
 #include "mgmt/mgi.h"
+#include "mgmt/mgi_app.h"
 #include "mgmt/mgi_services.h"
 
 namespace mgd {
@@ -69,6 +70,36 @@ int simple_handler(void *ipc, void *head, void *payload, uint32_t len, int32_t *
                                 reply_len, static_cast<ipc_peer_t *>(ipc)->appid);
 }
 
+// The manager's own objects (mgmt_*): what was set is kept and given back to a get.
+std::map<std::vector<uint32_t>, std::vector<uint8_t>> *g_own_records = nullptr;
+
+std::vector<uint32_t> info_target(const mgiInfo *info) {
+    std::vector<uint32_t> t;
+    for (int i = 0; i < MGI_TARGET_WORDS && info->rqt_target[i]; ++i) t.push_back(info->rqt_target[i]);
+    return t;
+}
+
+int own_decode(mgiInfo *info) {
+    // A set through the manager carries its record as the whole payload.
+    uint16_t len = info->mgidata_len ? info->mgidata_len : info->rqt_len;
+    if (info->rqt_no_more && info->mgidata && len) {
+        auto *p = static_cast<uint8_t *>(info->mgidata);
+        (*g_own_records)[info_target(info)].assign(p, p + len);
+    }
+    return 0;
+}
+
+int own_encode(mgiInfo *info) {
+    set_rsptype(info, MGI_RSP_FINAL);
+    if (info->rqt_no_more) return 0;
+    auto it = g_own_records->find(info_target(info));
+    if (it == g_own_records->end() || it->second.empty()) return 0;
+    mgi_init_rsp_message(info);
+    mgi_update_rsp_data(info, it->second.data(), uint16_t(it->second.size()));
+    mgi_final_rsp_message(info);
+    return 0;
+}
+
 } // namespace
 
 Manager::Manager() {
@@ -82,6 +113,15 @@ Manager::Manager() {
 
 void Manager::attach() {
     g_manager = this;
+    g_own_records = &own_records_;
+    // The manager's own objects are served by the library's serving side.
+    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
+        const libmgmt_object *o = libmgmt_object_at(i);
+        if (o->owner != MGD_APPID || o->depth != 1) continue;
+        appEntity *e = app_entity_init(o->path[0], o->index_count ? APP_ENTITY_INDEXED : 0, nullptr, nullptr,
+                                       own_decode, own_encode, nullptr);
+        if (e) app_entity_add(nullptr, e);
+    }
     ipc_register_handler(MGI_IPC_MSG, mgi_handler);
     ipc_register_handler(MGD_MSG_TRANSACTION, transaction_handler);
     for (int m : {MGD_MSG_REQUEST_CONFIG, MGD_MSG_DBG_CONFIG, MGD_MSG_CONFIG_CHANGE_STATUS, MGD_MSG_LOCK_CFG,
@@ -146,6 +186,15 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
     uint32_t owner = owner_of(target);
     uint8_t type = msg[MGI_OFF_TYPE];
     bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && be32(msg + MGI_OFF_OFFSET) == MGI_NO_MORE;
+    if (owner == MGD_APPID && type != MGI_RQT_MGD_GET) {
+        log("%s %s (%s) type %u from app%u: served here", through_mgd ? "set" : "get", object_name(t),
+            path_text(t).c_str(), type, peer->appid);
+        uint8_t head[32] = {};
+        head[4] = 0;
+        head[5] = MGI_IPC_MSG;
+        handle_mgi_msg(peer, head, const_cast<uint8_t *>(msg), len, status, reply, reply_len);
+        return IPC_HANDLER_REPLY;
+    }
     if (through_mgd) {
         log("set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u", object_name(t),
             path_text(t).c_str(), type, peer->appid, msg[MGI_OFF_SRC], msg[MGI_OFF_TRANSACTION_ID],

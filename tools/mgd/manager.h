@@ -48,6 +48,7 @@ class Manager {
     std::map<std::vector<uint32_t>, uint32_t> path_owner_; // exact path -> application
     std::map<uint16_t, Transaction> transactions_;         // per virtual system
     std::map<std::vector<uint32_t>, std::vector<uint8_t>> stored_; // path -> records set through us
+    std::map<std::vector<uint32_t>, std::vector<uint8_t>> own_records_; // the manager's own objects
     uint8_t next_id_ = 1;
     bool config_locked_ = false;
     bool config_changed_ = false;
