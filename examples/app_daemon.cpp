@@ -1,0 +1,375 @@
+// An application daemon that serves a few objects of the management tree over
+// MGI, as application 11 (authentication):
+//
+//   aaa_role               (0xe0002)          a keyed table of roles, several hundred rows by default;
+//                                             a get by key answers one row, a get without key walks the
+//                                             whole table in name order over several partial answers,
+//                                             paged by the common cookie; a type-31 get filters the
+//                                             walk by a regular expression on the name (object id 0)
+//   aaa_role_role_mapping  (0xe0002.0xe0001)  the mappings of one role: a nested child whose parent
+//                                             index (the role) is decoded by the role's decodeIndex
+//   aaa_radius_authorization (0xe0005)        a single-instance object: get answers it, a set-shaped
+//                                             request (a record through the manager) replaces it
+//   aaa_del_lockout        (0xe0012)          an exec: releases a locked-out user
+//   aaa_user_mapping_entity (0xe0018)         registered without encodeData
+//   aaa_connect_control_user (0xe0019)        registered without decodeData
+//
+// Usage: app_daemon [--rows N] [--appid ID]
+// It prints "ready" on standard output once it serves, and stops on SIGTERM or SIGINT.
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "libmgmt.h"
+#include "platform/platform.h"
+
+namespace {
+
+// ---------------------------------------------------------------- data
+
+constexpr uint32_t kRole = 0xe0002;
+constexpr uint32_t kRoleMapping = 0xe0001;
+constexpr uint32_t kRadiusAuth = 0xe0005;
+constexpr uint32_t kDelLockout = 0xe0012;
+constexpr uint32_t kUserMapping = 0xe0018;
+constexpr uint32_t kConnectControl = 0xe0019;
+
+// The record of aaa_role; its index is the first 36 bytes (name, id).
+struct RoleRecord {
+    char name[32];
+    uint32_t id;
+    uint32_t privilege;
+    char description[32];
+};
+static_assert(sizeof(RoleRecord) == 72);
+constexpr size_t kRoleIndexLen = 36;
+
+// The record of aaa_role_role_mapping (index and entity are the same).
+struct RoleMappingRecord {
+    char role[32];
+    char group[128];
+    uint32_t weight;
+};
+static_assert(sizeof(RoleMappingRecord) == 164);
+
+struct RadiusAuthRecord {
+    uint32_t enable;
+    uint32_t timeout;
+};
+
+// The record of aaa_del_lockout.
+struct DelLockoutRecord {
+    char user[64];
+    uint32_t vsys;
+    char server[64];
+    char address[48];
+    uint32_t words[3];
+};
+static_assert(sizeof(DelLockoutRecord) == 192);
+
+// Codes of this daemon's own errors.
+constexpr int32_t kErrNoSuchRole = -11;
+constexpr int32_t kErrNotLockedOut = -12;
+constexpr int32_t kPrivNotLockedOut = 1201;
+constexpr int32_t kErrWalkLost = -13;
+
+std::vector<RoleRecord> g_roles;
+RadiusAuthRecord g_radius = {1, 30};
+std::vector<std::string> g_locked_out = {"alice", "mallory", "trent"};
+
+// Fields of a role by name, for conditions; offsets laid out at start.
+appItem g_role_items[] = {
+    {{"name", "role", nullptr}, APP_ITEM_STRING, 32},
+    {{"id", nullptr}, APP_ITEM_UINT32, 0},
+    {{"privilege", "priv", nullptr}, APP_ITEM_UINT32, 0},
+    {{"description", "desc", nullptr}, APP_ITEM_STRING, 32},
+    {{nullptr}, 0, 0},
+};
+
+// The role that the decodeIndex of aaa_role found for the request in hand.
+const RoleRecord *g_parent_role = nullptr;
+
+std::string field_text(const char *p, size_t n) { return std::string(p, strnlen(p, n)); }
+
+const RoleRecord *find_role(const std::string &name) {
+    for (const RoleRecord &r : g_roles)
+        if (name == r.name) return &r;
+    return nullptr;
+}
+
+// ---------------------------------------------------------------- handlers shared by all entities
+
+// Reports a failure that has no text yet, and closes the response.
+int report_error(mgiInfo *info) {
+    if (info->last_seg_type == MGI_SEG_ERROR) return 0;
+    if (info->err_code == 0)
+        mgi_sprintf_err(info, "object %#x: the request failed (%d)", info->rqt_target[0],
+                        info->encodeErr ? info->encodeErr : info->decodeErr);
+    else
+        default_err_handle(info); // code and text were set by mgi_set_err_info_with_private_ecode
+    mgi_final_rsp_message(info);
+    return 0;
+}
+
+int accept_request(mgiInfo *) { return 0; }
+
+// ---------------------------------------------------------------- aaa_role
+
+// The walk of a table: rows in name order in the condition context's data
+// list, kept across the partial answers of one listing.
+struct WalkState {
+    uint32_t generation;
+    uint32_t rows;
+};
+static_assert(sizeof(WalkState) <= COND_APP_AREA);
+uint32_t g_generation = 0;
+
+WalkState &walk_state(condContext *ctx) { return *reinterpret_cast<WalkState *>(ctx->app_area); }
+
+// Builds the listing: the roles whose name matches the request's expression, sorted by name.
+void build_walk(mgiInfo *info, condContext *ctx) {
+    free_cond_ctx_by_uiInfo();
+    void *regex = mgi_get_match_regex_by_obj_id(info, 0);
+    vk_sorter_init(sizeof(RoleRecord), APP_ITEM_STRING, 0, 0, 32, 0, nullptr, 0);
+    uint32_t n = 0;
+    for (RoleRecord &r : g_roles) {
+        if (mgi_pcre_exec(regex, r.name, int(strlen(r.name))) != 0) continue;
+        vk_sorter_write(&r);
+        ++n;
+    }
+    for (vk_sorter_node *s = vk_sorter_get(); s; s = s->next) {
+        auto *node = static_cast<cond_data_node *>(calloc(1, sizeof(cond_data_node)));
+        if (!node) break;
+        node->row = s->object;
+        *ctx->data_list.last = node;
+        ctx->data_list.last = &node->next;
+    }
+    vk_sorter_free();
+    walk_state(ctx) = {++g_generation, n};
+}
+
+int role_decode_index(mgiInfo *info) {
+    // Runs for requests to the role's children: the role's index record leads the request data.
+    g_parent_role = nullptr;
+    if (!info->mgidata || info->mgidata_len < kRoleIndexLen) {
+        mgi_sprintf_err(info, "no role given");
+        return 0;
+    }
+    std::string name = field_text(static_cast<const char *>(info->mgidata), 32);
+    g_parent_role = find_role(name);
+    if (!g_parent_role) {
+        set_decode_errcode(info, kErrNoSuchRole);
+        mgi_sprintf_err(info, "role %s does not exist", name.c_str());
+    }
+    return 0;
+}
+
+int role_encode(mgiInfo *info) {
+    auto *ctx = static_cast<condContext *>(info->cond_ctx);
+    // A get by key: field 0 (the name) is given.
+    if ((get_rqt_mask1(info) & 1u) && info->mgidata && info->mgidata_len >= kRoleIndexLen) {
+        std::string name = field_text(static_cast<const char *>(info->mgidata), 32);
+        const RoleRecord *r = find_role(name);
+        if (!r) {
+            set_encode_errcode(info, kErrNoSuchRole);
+            mgi_sprintf_err(info, "role %s does not exist", name.c_str());
+            return 0;
+        }
+        mgi_init_rsp_message(info);
+        mgi_update_rsp_data(info, const_cast<RoleRecord *>(r), sizeof *r);
+        set_rsptype(info, MGI_RSP_FINAL);
+        mgi_final_rsp_message(info);
+        return 0;
+    }
+
+    // A walk: the first request has no cookie, the others send back the one of the last answer.
+    uint32_t cookie[6] = {};
+    bool first = !info->cookie || info->cookie_len != sizeof cookie;
+    if (first) {
+        build_walk(info, ctx);
+        cookie[0] = 0;
+        cookie[1] = walk_state(ctx).rows - 1;
+        cookie[2] = walk_state(ctx).generation;
+    } else {
+        std::memcpy(cookie, info->cookie, sizeof cookie);
+        mgi_common_cookie_ntoh(cookie);
+        if (cookie[2] != walk_state(ctx).generation || !ctx->data_list.first) {
+            set_encode_errcode(info, kErrWalkLost);
+            mgi_sprintf_err(info, "the listing was interrupted; start it again");
+            return 0;
+        }
+    }
+    int wanted = walk_state(ctx).rows ? get_rqt_num_by_cookie(cookie) : 0;
+    uint32_t count = std::min<uint32_t>(wanted > 0 ? uint32_t(wanted) : 0, get_mgi_rsp_data_num(sizeof(RoleRecord)));
+    mgi_init_rsp_message(info);
+    cond_data_node *node = ctx->data_list.first;
+    for (uint32_t i = 0; node && i < cookie[0]; ++i) node = node->next;
+    for (uint32_t i = 0; node && i < count; ++i, node = node->next) {
+        auto *end = static_cast<unsigned char *>(get_rsp_data(info)) + get_rsp_datalen(info);
+        std::memcpy(end, node->row, sizeof(RoleRecord)); // built in place
+        mgi_update_rsp_data(info, end, sizeof(RoleRecord));
+    }
+    set_cookie_by_rsp_data(cookie, count, walk_state(ctx).generation);
+    static uint32_t out_cookie[6];
+    if (cookie[0] <= cookie[1] && count > 0) {
+        std::memcpy(out_cookie, cookie, sizeof out_cookie);
+        mgi_common_cookie_hton(out_cookie);
+        mgi_set_rsp_cookie(info, out_cookie, sizeof out_cookie);
+        set_rsptype(info, MGI_RSP_PARTIAL); // the context lives on until the last part
+    } else {
+        set_rsptype(info, MGI_RSP_FINAL);
+    }
+    mgi_final_rsp_message(info);
+    return 0;
+}
+
+// ---------------------------------------------------------------- aaa_role_role_mapping
+
+std::vector<RoleMappingRecord> mappings_of(const RoleRecord &role) {
+    std::vector<RoleMappingRecord> out;
+    for (uint32_t k = 0; k < 1 + role.id % 3; ++k) {
+        RoleMappingRecord m{};
+        strlcpy(m.role, role.name, sizeof m.role);
+        snprintf(m.group, sizeof m.group, "group-%u-%u", role.id, k);
+        m.weight = k + 1;
+        out.push_back(m);
+    }
+    return out;
+}
+
+int role_mapping_encode(mgiInfo *info) {
+    mgi_init_rsp_message(info);
+    for (const RoleMappingRecord &m : mappings_of(*g_parent_role))
+        mgi_update_rsp_data(info, const_cast<RoleMappingRecord *>(&m), sizeof m);
+    set_rsptype(info, MGI_RSP_FINAL);
+    mgi_final_rsp_message(info);
+    return 0;
+}
+
+// ---------------------------------------------------------------- aaa_radius_authorization
+
+int radius_decode(mgiInfo *info) {
+    // A set through the manager carries the record as the whole payload.
+    if (info->rqt_nextseg < 128 && info->mgidata && info->rqt_len >= sizeof(RadiusAuthRecord)) {
+        RadiusAuthRecord r;
+        std::memcpy(&r, info->mgidata, sizeof r);
+        if (r.timeout == 0 || r.timeout > 600) {
+            mgi_set_err_info_with_private_ecode(info, -1, 1301, "timeout %u is outside 1 to 600", r.timeout);
+            return 0;
+        }
+        g_radius = r;
+        mgi_data_changed(info);
+    }
+    return 0;
+}
+
+int radius_encode(mgiInfo *info) {
+    if (info->rqt_nextseg >= 128) {
+        mgi_init_rsp_message(info);
+        mgi_update_rsp_data(info, &g_radius, sizeof g_radius);
+    }
+    set_rsptype(info, MGI_RSP_FINAL);
+    mgi_final_rsp_message(info);
+    return 0;
+}
+
+// ---------------------------------------------------------------- aaa_del_lockout
+
+int del_lockout_decode(mgiInfo *info) {
+    if (!info->mgidata || info->mgidata_len < sizeof(DelLockoutRecord)) {
+        mgi_set_err_info_with_private_ecode(info, kErrNotLockedOut, kPrivNotLockedOut, "no user given");
+        return 0;
+    }
+    std::string user = field_text(static_cast<const char *>(info->mgidata), 64);
+    auto it = std::find(g_locked_out.begin(), g_locked_out.end(), user);
+    if (it == g_locked_out.end()) {
+        mgi_set_err_info_with_private_ecode(info, kErrNotLockedOut, kPrivNotLockedOut, "user %s is not locked out",
+                                            user.c_str());
+        return 0;
+    }
+    g_locked_out.erase(it);
+    return 0;
+}
+
+int del_lockout_encode(mgiInfo *info) {
+    set_rsptype(info, MGI_RSP_FINAL);
+    mgi_final_rsp_message(info);
+    return 0;
+}
+
+// ---------------------------------------------------------------- start
+
+void make_roles(uint32_t rows) {
+    g_roles.resize(rows);
+    for (uint32_t i = 0; i < rows; ++i) {
+        RoleRecord &r = g_roles[i];
+        std::memset(&r, 0, sizeof r);
+        snprintf(r.name, sizeof r.name, "role%u", i + 1);
+        r.id = i + 1;
+        r.privilege = (i * 7) % 16;
+        snprintf(r.description, sizeof r.description, "role number %u", i + 1);
+    }
+    // Kept in no particular order: listings come out sorted by the sorter.
+    std::shuffle(g_roles.begin(), g_roles.end(), std::mt19937(2024));
+}
+
+int register_entities() {
+    set_items_default_offset(g_role_items);
+    if (getOffset(APP_ITEM_KEEP_TYPE, GETOFFSET_LAST_MEMBER) != int32_t(sizeof(RoleRecord))) return -1;
+    struct Reg {
+        std::vector<uint32_t> parent;
+        uint32_t word;
+        uint32_t kind;
+        mgi_app_handler index, err, data, encode;
+        appItem *items;
+    };
+    const Reg regs[] = {
+        {{}, kRole, APP_ENTITY_INDEXED, role_decode_index, report_error, accept_request, role_encode, g_role_items},
+        {{kRole}, kRoleMapping, 0, nullptr, report_error, accept_request, role_mapping_encode, nullptr},
+        {{}, kRadiusAuth, 0, nullptr, report_error, radius_decode, radius_encode, nullptr},
+        {{}, kDelLockout, 0, nullptr, report_error, del_lockout_decode, del_lockout_encode, nullptr},
+        {{}, kUserMapping, 0, nullptr, report_error, accept_request, nullptr, nullptr},
+        {{}, kConnectControl, 0, nullptr, report_error, nullptr, radius_encode, nullptr},
+    };
+    for (const Reg &r : regs) {
+        appEntity *e = app_entity_init(r.word, r.kind, r.index, r.err, r.data, r.encode, r.items);
+        if (!e) return -1;
+        std::vector<uint32_t> path(r.parent);
+        path.push_back(0);
+        if (app_entity_add(path.data(), e) != 0) return -1;
+    }
+    return 0;
+}
+
+void on_signal(int) { ipc_stop(); }
+
+} // namespace
+
+int main(int argc, char **argv) {
+    uint32_t rows = 500, appid = 11;
+    setvbuf(stdout, nullptr, _IOLBF, 0); // the library's lines reach a pipe as they come
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--rows") == 0) rows = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
+        if (std::strcmp(argv[i], "--appid") == 0) appid = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
+    }
+    make_roles(rows);
+    if (register_entities() != 0) {
+        std::fprintf(stderr, "app_daemon: cannot register the entities\n");
+        return 1;
+    }
+    free_cond_ctx_by_uiInfo(); // the condition context's lists start empty
+    if (ipc_register(appid, 0) != 0 || ipc_register_handler(MGI_IPC_MSG, handle_mgi_msg) != 0) {
+        std::fprintf(stderr, "app_daemon: cannot register as application %u\n", appid);
+        return 1;
+    }
+    std::signal(SIGTERM, on_signal);
+    std::signal(SIGINT, on_signal);
+    std::printf("ready\n");
+    std::fflush(stdout);
+    return ipc_serve() == 0 ? 0 : 1;
+}
