@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "mgmt/term.h"
+#include "util/format.h"
 
 static_assert(offsetof(term_line, buf) == 0);
 static_assert(offsetof(term_line, esc_state) == 1024);
@@ -71,38 +72,14 @@ MGMT_API int term_out(const char *fmt, ...) {
         return -1;
     }
     char stack[1024];
-    memset(stack, 0, sizeof stack);
     va_list ap;
     va_start(ap, fmt);
-    int r = vsnprintf(stack, sizeof stack, fmt, ap);
+    mgmt::Formatted f = mgmt::format_growing(stack, sizeof stack, fmt, ap);
     va_end(ap);
-    if (static_cast<unsigned>(r) <= sizeof stack - 1) {
-        put(stack, r);
-        return r;
-    }
-    size_t size = sizeof stack;
-    char *block = nullptr;
-    for (;;) {
-        if (r < 0) {
-            size *= 2;
-        } else {
-            size = static_cast<size_t>(r) + 1;
-        }
-        auto *grown = static_cast<char *>(realloc(block, size));
-        if (grown == nullptr) {
-            return -1;  // the block held so far stays allocated
-        }
-        block = grown;
-        va_start(ap, fmt);
-        r = vsnprintf(block, size, fmt, ap);
-        va_end(ap);
-        if (r >= 0 && static_cast<size_t>(r) < size) {
-            break;
-        }
-    }
-    put(block, r);
-    free(block);
-    return r;
+    if (f.failed) return -1; // the block held so far is not freed
+    put(f.text, f.len);
+    free(f.heap);
+    return f.len;
 }
 
 MGMT_API void term_backward_char(term_line *l) {

@@ -2,6 +2,7 @@
 // back through one cursor.
 
 #include "mgmt/buf_list.h"
+#include "util/format.h"
 
 #include <cstdarg>
 #include <cstdint>
@@ -171,40 +172,18 @@ MGMT_API int buf_list_print(buf_list *list, const char *fmt, ...) {
         return 0;
     }
     char stack[kPrintStackSize];
-    memset(stack, 0, sizeof stack);
     va_list ap;
     va_start(ap, fmt);
-    int r = vsnprintf(stack, sizeof stack, fmt, ap);
+    mgmt::Formatted f = mgmt::format_growing(stack, sizeof stack, fmt, ap);
     va_end(ap);
-    if (static_cast<unsigned>(r) <= kPrintStackSize - 1) {
-        buf_list_write(list, stack, static_cast<uint32_t>(r));
-        return r;
+    if (f.failed) {
+        free(f.heap);
+        console_print("buf list out of memory\n");
+        return 0;
     }
-    size_t size = kPrintStackSize;
-    char *block = nullptr;
-    for (;;) {
-        if (r < 0) {
-            size *= 2;
-        } else {
-            size = static_cast<size_t>(r) + 1;
-        }
-        auto *grown = static_cast<char *>(realloc(block, size));
-        if (grown == nullptr) {
-            free(block);
-            console_print("buf list out of memory\n");
-            return 0;
-        }
-        block = grown;
-        va_start(ap, fmt);
-        r = vsnprintf(block, size, fmt, ap);
-        va_end(ap);
-        if (r >= 0 && static_cast<size_t>(r) < size) {
-            break;
-        }
-    }
-    buf_list_write(list, block, static_cast<uint32_t>(r));
-    free(block);
-    return r;
+    buf_list_write(list, f.text, static_cast<uint32_t>(f.len));
+    free(f.heap);
+    return f.len;
 }
 
 MGMT_API void buf_list_rewind(buf_list *list) {

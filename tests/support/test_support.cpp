@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -161,6 +162,46 @@ std::vector<Received> TestPeer::received() const {
 bool TestPeer::wait_for(size_t n, int ms) const {
     std::unique_lock<std::mutex> lock(mu_);
     return cv_.wait_for(lock, std::chrono::milliseconds(ms), [&] { return received_.size() >= n; });
+}
+
+ChildResult run_in_child(const std::function<int(int out_fd)> &body) {
+    ChildResult r;
+    int fds[2];
+    if (pipe(fds) != 0) return r;
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return r;
+    }
+    if (pid == 0) {
+        close(fds[0]);
+        _exit(body(fds[1]));
+    }
+    close(fds[1]);
+    char buf[256];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) r.output.append(buf, size_t(n));
+    close(fds[0]);
+    int status = 0;
+    if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+        r.exited = true;
+        r.code = WEXITSTATUS(status);
+    }
+    return r;
+}
+
+bool cap_address_space(size_t extra) {
+    long pages = 0;
+    FILE *f = std::fopen("/proc/self/statm", "r");
+    if (!f) return false;
+    bool ok = std::fscanf(f, "%ld", &pages) == 1;
+    std::fclose(f);
+    if (!ok) return false;
+    rlimit lim{};
+    lim.rlim_cur = lim.rlim_max = rlim_t(pages) * rlim_t(getpagesize()) + extra;
+    return setrlimit(RLIMIT_AS, &lim) == 0;
 }
 
 std::string build_path(const std::string &relpath) {

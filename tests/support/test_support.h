@@ -116,6 +116,19 @@ class Daemon {
     std::string log_;
 };
 
+// What a forked child left: whether it exited, its exit code, and what it
+// wrote to the descriptor it was given.
+struct ChildResult {
+    bool exited = false;
+    int code = -1;
+    std::string output;
+};
+// Runs body in a forked child and waits for it; body's result is the exit code.
+ChildResult run_in_child(const std::function<int(int out_fd)> &body);
+// Caps the calling process's address space at its present size plus extra
+// bytes, so that a large allocation fails (for out-of-memory paths, in a child).
+bool cap_address_space(size_t extra);
+
 // Path of a program of this build, below MGMT_TEST_BINARY_DIR.
 std::string build_path(const std::string &relpath);
 

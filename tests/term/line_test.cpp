@@ -2,6 +2,8 @@
 // record it leaves, and a screen model that must keep matching the record.
 
 #include <gtest/gtest.h>
+
+#include "test_support.h"
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -452,41 +454,14 @@ TEST(TermOutput, OutOfMemoryWritesNothing) {
 #ifdef MGMT_UNDER_ASAN
     GTEST_SKIP() << "address space limits do not mix with the sanitizer's shadow memory";
 #else
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    fflush(nullptr);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(fds[0]);
-        dup2(fds[1], 1);
-        long pages = 0;
-        FILE *f = fopen("/proc/self/statm", "r");
-        if (f == nullptr || fscanf(f, "%ld", &pages) != 1) {
-            _exit(2);
-        }
-        fclose(f);
-        rlimit lim{};
-        lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(pages) * static_cast<rlim_t>(getpagesize()) + (16u << 20);
-        if (setrlimit(RLIMIT_AS, &lim) != 0) {
-            _exit(3);
-        }
-        int r = term_out("%*d", 64 << 20, 7);
-        _exit(r == -1 ? 0 : 1);
-    }
-    close(fds[1]);
-    std::string out;
-    char buf[256];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) {
-        out.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "term_out gives -1";
-    EXPECT_EQ(out, "");
+    mgmt_test::ChildResult r = mgmt_test::run_in_child([](int out) {
+        dup2(out, 1);
+        if (!mgmt_test::cap_address_space(16u << 20)) return 3;
+        return term_out("%*d", 64 << 20, 7) == -1 ? 0 : 1;
+    });
+    ASSERT_TRUE(r.exited);
+    EXPECT_EQ(r.code, 0) << "term_out gives -1";
+    EXPECT_EQ(r.output, "");
 #endif
 }
 

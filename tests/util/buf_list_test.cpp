@@ -2,6 +2,8 @@
 // slices and seeks across block boundaries, formatted appends.
 
 #include <gtest/gtest.h>
+
+#include "test_support.h"
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -504,44 +506,18 @@ TEST(BufListPrint, OutOfMemoryStoresNothingAndSaysSo) {
 #ifdef MGMT_UNDER_ASAN
     GTEST_SKIP() << "address space limits do not mix with the sanitizer's shadow memory";
 #else
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(fds[0]);
+    mgmt_test::ChildResult r = mgmt_test::run_in_child([](int out) {
         std::string console;
         console_set_sink(collect, &console);
         ListPtr l = make(64, "kept");
-        long pages = 0;
-        FILE *f = fopen("/proc/self/statm", "r");
-        if (f == nullptr || fscanf(f, "%ld", &pages) != 1) {
-            _exit(2);
-        }
-        fclose(f);
-        rlimit lim{};
-        lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(pages) * static_cast<rlim_t>(getpagesize()) + (16u << 20);
-        if (setrlimit(RLIMIT_AS, &lim) != 0) {
-            _exit(3);
-        }
-        int r = buf_list_print(l.get(), "%*d", 64 << 20, 7);
-        std::string report = std::to_string(r) + "|" + std::to_string(l->total_len) + "|" + console;
-        ssize_t w = write(fds[1], report.data(), report.size());
-        _exit(w == static_cast<ssize_t>(report.size()) ? 0 : 4);
-    }
-    close(fds[1]);
-    std::string report;
-    char buf[256];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) {
-        report.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    ASSERT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(report, "0|4|buf list out of memory\n");
+        if (!mgmt_test::cap_address_space(16u << 20)) return 3;
+        int n = buf_list_print(l.get(), "%*d", 64 << 20, 7);
+        std::string report = std::to_string(n) + "|" + std::to_string(l->total_len) + "|" + console;
+        return write(out, report.data(), report.size()) == static_cast<ssize_t>(report.size()) ? 0 : 4;
+    });
+    ASSERT_TRUE(r.exited);
+    ASSERT_EQ(r.code, 0);
+    EXPECT_EQ(r.output, "0|4|buf list out of memory\n");
 #endif
 }
 
