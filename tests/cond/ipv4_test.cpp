@@ -1,0 +1,34 @@
+// Dotted IPv4 text to a 32-bit value.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "platform/strings.h"
+
+namespace {
+
+TEST(Ipv4Text, WellFormedAddresses) {
+    uint32_t v = 0;
+    EXPECT_EQ(ipv4str_2_uint("192.168.1.10", &v), 0);
+    EXPECT_EQ(v, 0xc0a8010au);
+    EXPECT_EQ(ipv4str_2_uint("0.0.0.0", &v), 0);
+    EXPECT_EQ(v, 0u);
+    EXPECT_EQ(ipv4str_2_uint("255.255.255.255", &v), 0);
+    EXPECT_EQ(v, 0xffffffffu);
+    EXPECT_EQ(ipv4str_2_uint("1.02.003.4", &v), 0);
+    EXPECT_EQ(v, 0x01020304u);
+}
+
+TEST(Ipv4Text, AnythingElseFailsAndLeavesTheValue) {
+    for (const char *bad : {"", "1.2.3", "1.2.3.4.5", "1..2.3", "256.1.1.1", "1.2.3.4 ", " 1.2.3.4", "1.2.3.4.",
+                            "0001.2.3.4", "a.b.c.d", "1.2.3.-4", "1,2,3,4", "1.2.3.4x"}) {
+        uint32_t v = 77;
+        EXPECT_NE(ipv4str_2_uint(bad, &v), 0) << '"' << bad << '"';
+        EXPECT_EQ(v, 77u) << bad;
+    }
+    uint32_t v = 0;
+    EXPECT_NE(ipv4str_2_uint(nullptr, &v), 0);
+    EXPECT_NE(ipv4str_2_uint("1.2.3.4", nullptr), 0);
+}
+
+} // namespace
