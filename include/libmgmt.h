@@ -5,6 +5,7 @@
 #include "mgmt/export.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_app.h"
+#include "mgmt/cond.h"
 #include "mgmt/mgi_services.h"
 #include "mgmt/buf_list.h"
 #include "mgmt/sorter.h"
