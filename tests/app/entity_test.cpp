@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "app_fixture.h"
@@ -17,11 +18,22 @@ namespace {
 int h1(mgiInfo *) { return 0; }
 int h2(mgiInfo *) { return 0; }
 
+// A daemon's tree lives as long as the process; a test's own tree is freed here.
+void free_tree(appEntity *e) {
+    while (e) {
+        appEntity *next = e->next;
+        free_tree(e->children.first);
+        std::free(e);
+        e = next;
+    }
+}
+
 // Runs fn on an empty tree and puts the process's tree back afterwards.
 template <class F> void with_empty_tree(F fn) {
     appEntityList saved = entity_root;
     entity_root = {nullptr, nullptr};
     fn();
+    free_tree(entity_root.first);
     entity_root = saved;
 }
 

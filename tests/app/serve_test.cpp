@@ -27,6 +27,7 @@ struct Seen {
     int ui_language;
     uint32_t local_flags;
     std::vector<std::string> calls;
+    Bytes cookie; // the cookie's body while the request was in service
 };
 Seen g_seen;
 
@@ -37,6 +38,8 @@ void snapshot(mgiInfo *i) {
     g_seen.ip_addr = mgi_get_ip_addr();
     g_seen.ui_language = _ui_language;
     g_seen.local_flags = ipcmsg_get_local_flags();
+    auto *c = static_cast<uint8_t *>(i->cookie);
+    g_seen.cookie = c ? Bytes(c, c + i->cookie_len) : Bytes{};
 }
 
 constexpr uint32_t M = 0x510000; // module of this file's entities
@@ -188,7 +191,7 @@ TEST_F(Serve, SegmentsAreRecordedWithLengthAndSubtype) {
     // The later cookie overwrites the earlier.
     EXPECT_EQ(i.cookie_len, 4);
     EXPECT_EQ(i.cookie_subtype, 0x36u);
-    EXPECT_EQ(static_cast<uint8_t *>(i.cookie)[0], 4);
+    EXPECT_EQ(g_seen.cookie, (Bytes{4, 4, 4, 4}));
 }
 
 TEST_F(Serve, PayloadFormsByNextseg) {
