@@ -523,3 +523,30 @@ TEST_F(Serve, HaSyncRoadServesLikeTheIpcRoad) {
 }
 
 } // namespace
+
+namespace {
+
+// ---------------------------------------------------------------- a request built in a buffer pair
+
+TEST_F(Serve, RequestBuiltInAPairIsServedIntoItsReceiveBuffer) {
+    add_entity({}, M | 0x60, 0, nullptr, err_to_text, fail_with_text, enc_c);
+    mgiBuf *buf = init_mgi_r();
+    ASSERT_NE(buf, nullptr);
+    const uint32_t target[MGI_TARGET_WORDS] = {M | 0x60, 0};
+    init_mgi_exchange_r(buf);
+    prepare_mgi_exchange_direct_r(buf, target, 0, 0, 0, 0, 0);
+    uint8_t cookie[4] = {1, 2, 3, 4};
+    append_rqt_segment_r(buf, MGI_SEG_COOKIE, cookie, sizeof cookie);
+    ASSERT_EQ(libmgmt_serve_mgi_buf(buf), 0);
+    EXPECT_EQ(be16(buf->sbuf + MGI_OFF_LEN), 12); // the appended length went out, as on the direct road
+    EXPECT_EQ(get_mgi_resp_type_r(buf), MGI_RSP_ERROR);
+    EXPECT_EQ(mgi_get_rsp_err_code_r(buf), -1);
+    EXPECT_STREQ(get_errString_r(buf), "role r9 does not exist");
+    EXPECT_EQ(be32(buf->rbuf + MGI_OFF_TARGET), M | 0x60);
+    deinit_mgi_r(buf);
+    EXPECT_EQ(libmgmt_serve_mgi_buf(nullptr), -1);
+    uint32_t len = 0;
+    EXPECT_EQ(libmgmt_serve_request(nullptr, 0, &len, 4, &len), -1);
+}
+
+} // namespace
