@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -171,6 +172,9 @@ std::string popen_substitute = ":";
 std::string access_suffix;
 int access_mode = 0;
 std::vector<std::string> log;
+std::atomic<bool> lock_driver{false};
+std::atomic<uint16_t> lock_driver_id{0};
+LockRecordSeen lock_seen{};
 
 void record(const std::string &line) {
     std::lock_guard<std::mutex> lock(mu);
@@ -229,7 +233,20 @@ void fail_access(const std::string &suffix, int mode_bit) {
     access_mode = mode_bit;
 }
 
+void fake_vsys_lock_driver(bool on, uint16_t locked_id) {
+    lock_driver_id = locked_id;
+    lock_driver = on;
+    std::lock_guard<std::mutex> lock(mu);
+    lock_seen = LockRecordSeen{};
+}
+
+LockRecordSeen vsys_lock_seen() {
+    std::lock_guard<std::mutex> lock(mu);
+    return lock_seen;
+}
+
 void reset() {
+    fake_vsys_lock_driver(false);
     alloc_fail = 0;
     alloc_skip = 0;
     size_fail_count = 0;
@@ -368,4 +385,23 @@ extern "C" __attribute__((visibility("default"))) int access(const char *path, i
         return -1;
     }
     return real(path, mode);
+}
+
+extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
+    using fn_t = int (*)(int, unsigned long, ...);
+    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "ioctl"));
+    va_list ap;
+    va_start(ap, request);
+    void *arg = va_arg(ap, void *);
+    va_end(ap);
+    if (devtest::hooks::lock_driver && request == 7) {
+        auto *rec = static_cast<uint16_t *>(arg);
+        {
+            std::lock_guard<std::mutex> lock(devtest::hooks::mu);
+            devtest::hooks::lock_seen = {rec[0], rec[1], devtest::hooks::lock_seen.calls + 1};
+        }
+        rec[1] = rec[0] == devtest::hooks::lock_driver_id ? 1 : 0;
+        return 0;
+    }
+    return real(fd, request, arg);
 }

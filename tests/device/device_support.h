@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -108,6 +110,14 @@ enum class PopenMode { run, record, fail };
 void set_popen(PopenMode mode, const std::string &substitute = ":");
 // access(): fail with EACCES for paths ending in `suffix` when asked for `mode_bit`.
 void fail_access(const std::string &suffix, int mode_bit);
+// ioctl(): while set, request 7 acts as the vsys lock driver: `locked` becomes 1 for the given
+// id and 0 for any other, and the record the library handed over is kept for the test.
+void fake_vsys_lock_driver(bool on, uint16_t locked_id = 0);
+struct LockRecordSeen {
+    uint16_t vsys_id, locked;
+    int calls;
+};
+LockRecordSeen vsys_lock_seen();
 void reset();
 
 // Everything recorded by system, popen and the platform's run capture, in order:

@@ -1,0 +1,278 @@
+// Device probes against a prepared device tree and test peers: the child monitor's process id,
+// storage health, the device identity, the vsys lock entry, and the short exchanges with the
+// manager (messages 602, 611, 836) and application 0 (message 880).
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "device_support.h"
+#include "mgmt/device.h"
+#include "test_support.h"
+
+using namespace mgmt_test;
+using namespace devtest;
+
+namespace {
+
+Bytes host_words(std::initializer_list<uint32_t> words) {
+    Bytes b;
+    for (uint32_t w : words) {
+        uint8_t raw[4];
+        std::memcpy(raw, &w, 4);
+        b.insert(b.end(), raw, raw + 4);
+    }
+    return b;
+}
+
+class Probes : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        make_dirs(root.path("/tmp"));
+        make_dirs(root.path("/flash/conlog"));
+    }
+    void TearDown() override {
+        hooks::reset();
+        unsetenv("MGMT_PLATFORM");
+    }
+    void monitord(const std::string &text) { write_file(root.path(MGMT_CHILD_MONITORD_PID_FILE), text); }
+    Sysroot root;
+};
+
+TEST_F(Probes, ChildMonitorPidIsDigitsAloneWithoutLineEnd) {
+    EXPECT_EQ(get_child_monitord_pid(), -1) << "no file";
+    const struct {
+        const char *text;
+        int want;
+    } cases[] = {{"1234", 1234},         {"1234\n", -1},       {"", -1},  {"12a4", -1}, {" 12", -1},
+                 {"-12", -1},            {"0", 0},             {"0000000000123456", 12345}};
+    for (const auto &c : cases) {
+        monitord(c.text);
+        EXPECT_EQ(get_child_monitord_pid(), c.want) << "'" << c.text << "'";
+    }
+}
+
+// The watched process is remembered for the life of the process: this is the first storage
+// question of the program.
+TEST_F(Probes, StorageWatchesTheRememberedProcess) {
+    EXPECT_EQ(vk_is_storage_available(0), -1) << "nothing remembered and no child monitor";
+    monitord(std::to_string(getpid()));
+    hooks::set_popen(hooks::PopenMode::record, "cat /proc/$PPID/status | grep State");
+    EXPECT_EQ(vk_is_storage_available(0), 0) << "running, and no console log: fine";
+    EXPECT_EQ(vk_is_storage_available(-5), 0);
+    const pid_t other = getppid();
+    EXPECT_EQ(vk_is_storage_available(other), 0);
+    EXPECT_EQ(vk_is_storage_available(0), 0);
+    const std::string mine = "popen r: cat /proc/" + std::to_string(getpid()) + "/status | grep State";
+    const std::string theirs = "popen r: cat /proc/" + std::to_string(other) + "/status | grep State";
+    EXPECT_EQ(hooks::recorded(), (std::vector<std::string>{mine, mine, theirs, theirs}));
+}
+
+TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {
+    EXPECT_EQ(vk_is_storage_available(getpid()), 0);
+    write_file(root.path(MGMT_CONSOLE_LOG_FILE), "log\n");
+    EXPECT_EQ(vk_is_storage_available(getpid()), 0) << "a writable console log";
+    hooks::fail_access(MGMT_CONSOLE_LOG_FILE, W_OK);
+    EXPECT_EQ(vk_is_storage_available(getpid()), 2);
+
+    // In disk sleep at all three tries: 1; clear at a try, the console log decides.
+    hooks::set_popen(hooks::PopenMode::record, "printf 'State:\\tD (disk sleep)\\n'");
+    EXPECT_EQ(vk_is_storage_available(getpid()), 1);
+    EXPECT_EQ(hooks::recorded().size(), 3u);
+    hooks::clear_recorded();
+    const std::string flag = root.dir() + "/tries";
+    hooks::set_popen(hooks::PopenMode::record, "echo . >> " + flag + "; if [ $(wc -l < " + flag +
+                                                   ") -lt 3 ]; then printf 'State:\\tD (disk sleep)\\n'; "
+                                                   "else printf 'State:\\tS (sleeping)\\n'; fi");
+    EXPECT_EQ(vk_is_storage_available(getpid()), 2) << "clear at the third try";
+    EXPECT_EQ(hooks::recorded().size(), 3u);
+
+    hooks::set_popen(hooks::PopenMode::fail);
+    EXPECT_EQ(vk_is_storage_available(getpid()), -1);
+}
+
+TEST_F(Probes, StorageOfAProcessThatIsGoneCannotBeTold) {
+    pid_t gone = fork();
+    ASSERT_GE(gone, 0);
+    if (gone == 0) _exit(0);
+    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+    hooks::set_popen(hooks::PopenMode::record, "cat /proc/" + std::to_string(gone) + "/status 2>/dev/null | grep State");
+    EXPECT_EQ(vk_is_storage_available(gone), -1);
+    EXPECT_EQ(hooks::recorded().size(), 3u) << "three tries";
+}
+
+TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {
+    const char *none = get_device_uuid();
+    ASSERT_NE(none, nullptr);
+    EXPECT_STREQ(none, "");
+    make_dirs(root.path("/flash"));
+    write_file(root.path(MGMT_DEVICE_UUID_FILE), "  5f1e-77aa trailing words\n");
+    EXPECT_STREQ(get_device_uuid(), "5f1e-77aa");
+    write_file(root.path(MGMT_DEVICE_UUID_FILE), "second");
+    EXPECT_STREQ(get_device_uuid(), "second");
+    write_file(root.path(MGMT_DEVICE_UUID_FILE), "\n \n");
+    EXPECT_STREQ(get_device_uuid(), "");
+    write_file(root.path(MGMT_DEVICE_UUID_FILE), std::string(300, 'u'));
+    EXPECT_EQ(std::string(get_device_uuid()), std::string(127, 'u')) << "as much as the buffer holds";
+}
+
+TEST_F(Probes, VsysLockEntry) {
+    ConsoleCapture console;
+    LogCapture log;
+    vsys_lock_rec rec{3, 9};
+    EXPECT_EQ(libmgmt_procfs_vsys_lock_status_ioctl(7, &rec), -1);
+    EXPECT_EQ(console.text(), "pid " + std::to_string(getpid()) +
+                                  ", cmd 7, Open /proc/mgd_vsys_lock/mgd_vsys_lock_status failed : No such file "
+                                  "or directory\n");
+    EXPECT_EQ(libmgmt_is_vsys_locked(3), 0);
+
+    // An entry that is no driver: the request fails, and the answer is "not locked".
+    console.clear();
+    make_dirs(root.path("/proc"));
+    write_file(root.path(MGMT_VSYS_LOCK_PROC), "");
+    int locked = -1, rc = 0;
+    run_as(44, [&] {
+        rc = libmgmt_procfs_vsys_lock_status_ioctl(7, &rec);
+        locked = libmgmt_is_vsys_locked(3);
+    });
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(locked, 0);
+    EXPECT_EQ(console.text(), "");
+    EXPECT_EQ(log.text(), "[app44/0]: ioctl mgd_vsys_lock_status cmd 7 failed, ret -1\n"
+                          "[app44/0]: ioctl mgd_vsys_lock_status cmd 7 failed, ret -1\n");
+
+    hooks::fake_vsys_lock_driver(true, 3);
+    EXPECT_EQ(libmgmt_is_vsys_locked(3), 1);
+    EXPECT_EQ(hooks::vsys_lock_seen().vsys_id, 3);
+    EXPECT_EQ(hooks::vsys_lock_seen().locked, 0) << "handed over with locked 0";
+    EXPECT_EQ(libmgmt_is_vsys_locked(4), 0);
+    EXPECT_EQ(hooks::vsys_lock_seen().calls, 2);
+}
+
+// ---------------------------------------------------------------- exchanges
+
+TEST_F(Probes, CapabilityChecksumAsksWithTwoAndReadsOneWord) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(602, [](const Received &) { return std::vector<Answer>{{host_words({0xc0ffee11}), 0, true}}; });
+    uint32_t crc = 0;
+    EXPECT_EQ(get_dynamic_cap_crc32(&crc), 0);
+    EXPECT_EQ(crc, 0xc0ffee11u);
+    ASSERT_TRUE(mgd.wait_for(1));
+    EXPECT_EQ(mgd.received()[0].bytes, host_words({2}));
+    EXPECT_EQ(mgd.received()[0].kind, uint32_t(IPC_KIND_REQUEST));
+    for (int skip : {0, 1}) {
+        hooks::fail_ipcmsg_alloc(1, skip);
+        EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1);
+    }
+    EXPECT_FALSE(mgd.wait_for(2, 100));
+}
+
+TEST_F(Probes, CapabilityChecksumFailures) {
+    uint32_t crc = 5;
+    EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1) << "no manager";
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(602, [](const Received &) { return std::vector<Answer>{{host_words({1}), -1, true}}; });
+    EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1);
+    EXPECT_EQ(crc, 5u);
+}
+
+TEST_F(Probes, SessionCutReadsThreeWordsAndIgnoresTheStatus) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(611, [](const Received &) { return std::vector<Answer>{{host_words({7, 8, 9}), -4, true}}; });
+    uint32_t words[3] = {};
+    EXPECT_EQ(get_session_cut(words), 0);
+    EXPECT_EQ(words[0], 7u);
+    EXPECT_EQ(words[1], 8u);
+    EXPECT_EQ(words[2], 9u);
+    ASSERT_TRUE(mgd.wait_for(1));
+    EXPECT_EQ(mgd.received()[0].bytes.size(), 12u);
+}
+
+TEST_F(Probes, SessionCutFailuresAreTold) {
+    uint32_t words[3] = {1, 2, 3};
+    StdoutCapture out;
+    EXPECT_EQ(get_session_cut(words), -1);
+    hooks::fail_ipcmsg_alloc(1);
+    EXPECT_EQ(get_session_cut(words), -1);
+    EXPECT_EQ(out.text(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
+    EXPECT_EQ(words[0], 1u);
+}
+
+TEST_F(Probes, NetworkManagerTimeoutIsASignedCompare) {
+    int32_t limit = 0, passed = 0;
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(836, [&](const Received &) {
+        return std::vector<Answer>{{host_words({0xffffffff, uint32_t(limit), uint32_t(passed)}), 0, true}};
+    });
+    const struct {
+        int32_t limit, passed;
+        int want;
+    } cases[] = {{30, 29, 0}, {30, 30, 1}, {30, 31, 1}, {-1, 0, 1}, {0, -1, 0}};
+    for (const auto &c : cases) {
+        limit = c.limit;
+        passed = c.passed;
+        EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), c.want) << c.limit << " " << c.passed;
+    }
+    ASSERT_TRUE(mgd.wait_for(1));
+    EXPECT_EQ(mgd.received()[0].bytes, host_words({1, 0, 0}));
+
+    // On an SD-WAN platform only; there a failed check counts as timed out.
+    limit = 30;
+    passed = 31;
+    EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 0);
+    EXPECT_EQ(mgd.received().size(), std::size(cases)) << "not asked off the platform";
+    setenv("MGMT_PLATFORM", "mq500_sdwan", 1);
+    EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 1);
+    passed = 1;
+    EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 0);
+}
+
+TEST_F(Probes, NetworkManagerFailures) {
+    ConsoleCapture console;
+    setenv("MGMT_PLATFORM", "mq500_sdwan", 1);
+    EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
+    EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 1);
+    {
+        TestPeer mgd(MGD_APPID);
+        mgd.handle(836, [](const Received &) { return std::vector<Answer>{{host_words({0, 9, 0}), -1, true}}; });
+        EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
+    }
+    const std::string failed = "LIBMGMT: Get network manager timeout failed!\n";
+    EXPECT_EQ(console.text(), failed + failed + failed);
+    console.clear();
+    for (int skip : {0, 1}) {
+        hooks::fail_ipcmsg_alloc(1, skip);
+        EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
+    }
+    EXPECT_EQ(console.text(), "LIBMGMT: Can`t not malloc memory!\nLIBMGMT: Can`t not malloc memory!\n");
+}
+
+TEST_F(Probes, AvailabilityIsTheByteAtOffset44OfAFullReply) {
+    Bytes reply(64, 0);
+    int32_t status = 0;
+    TestPeer app0(0);
+    app0.handle(880, [&](const Received &) { return std::vector<Answer>{{reply, status, true}}; });
+    reply[44] = 1;
+    EXPECT_EQ(vk_get_avai_status_para(), 1);
+    ASSERT_TRUE(app0.wait_for(1));
+    EXPECT_EQ(app0.received()[0].bytes, Bytes(12, 0));
+    reply[44] = 2;
+    EXPECT_EQ(vk_get_avai_status_para(), 0);
+    reply.assign(63, 1);
+    EXPECT_EQ(vk_get_avai_status_para(), -1) << "a short reply";
+    reply.assign(64, 1);
+    status = -1;
+    EXPECT_EQ(vk_get_avai_status_para(), -1);
+    status = 0;
+    for (int skip : {0, 1}) {
+        hooks::fail_ipcmsg_alloc(1, skip);
+        EXPECT_EQ(vk_get_avai_status_para(), -1);
+    }
+    EXPECT_EQ(app0.received().size(), 4u);
+}
+
+TEST(ProbesAlone, AvailabilityWithoutApplicationZero) { EXPECT_EQ(vk_get_avai_status_para(), -1); }
+
+} // namespace
