@@ -72,7 +72,8 @@ MGMT_API int save_configuration(uint16_t vsys_id, const char *item1, const char 
                                 mgi_direct_callback callback, void *record);
 /* Zips path into "<path without suffix>.zip", removes the source and puts the archive name in path. */
 MGMT_API int libmgmt_compress_file(char *path, char *err, int errlen);
-MGMT_API int libmgmt_import_configuration(uint16_t vsys_id, const char *file, const char *requester_text,
+/* For all virtual systems the file is compressed first, and file then names the archive. */
+MGMT_API int libmgmt_import_configuration(uint16_t vsys_id, char *file, const char *requester_text,
                                           const char *origin_text, int32_t reboot, char *err, int32_t errlen);
 MGMT_API int libmgmt_import_single_vsys_configuration(uint16_t vsys_id, const char *file,
                                                       const char *requester_text, const char *origin_text,

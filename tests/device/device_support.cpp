@@ -173,6 +173,7 @@ std::string access_suffix;
 int access_mode = 0;
 std::vector<std::string> log;
 std::atomic<bool> lock_driver{false};
+std::atomic<bool> no_localtime{false};
 std::atomic<uint16_t> lock_driver_id{0};
 LockRecordSeen lock_seen{};
 
@@ -245,7 +246,10 @@ LockRecordSeen vsys_lock_seen() {
     return lock_seen;
 }
 
+void localtime_fails(bool on) { no_localtime = on; }
+
 void reset() {
+    no_localtime = false;
     fake_vsys_lock_driver(false);
     alloc_fail = 0;
     alloc_skip = 0;
@@ -404,4 +408,11 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned lon
         return 0;
     }
     return real(fd, request, arg);
+}
+
+extern "C" __attribute__((visibility("default"))) struct tm *vk_localtime(const time_t *t, struct tm *out) {
+    using fn_t = struct tm *(*)(const time_t *, struct tm *);
+    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "vk_localtime"));
+    if (devtest::hooks::no_localtime) return nullptr;
+    return real(t, out);
 }

@@ -118,6 +118,8 @@ struct LockRecordSeen {
     int calls;
 };
 LockRecordSeen vsys_lock_seen();
+// vk_localtime(): gives null while set.
+void localtime_fails(bool on);
 void reset();
 
 // Everything recorded by system, popen and the platform's run capture, in order:

@@ -1,0 +1,426 @@
+// Configuration save, import and compression against a test manager bound as application 2:
+// the save request, the import request of message 61, the two phases of the all-vsys import, the
+// zip step through a test zipper in the device tree, the reboot after an import, and the texts.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ctime>
+
+#include "device_support.h"
+#include "mgmt/catalogue.h"
+#include "mgmt/device.h"
+#include "test_support.h"
+
+using namespace mgmt_test;
+using namespace devtest;
+
+namespace {
+
+constexpr uint32_t kFrontEnd = 5;
+
+// Records its arguments; copies the source to the archive unless told to fail.
+const char *kZipper = R"(#!/bin/sh
+printf '%s\n' "$*" >> "$ZIP_TEST_LOG"
+[ -n "$ZIP_TEST_FAIL" ] && exit 1
+cp "$3" "$2"
+)";
+
+uint32_t hdr32(const Bytes &m, size_t off) { return be32(&m[off]); }
+
+// The record segment (133) of a request on the direct road.
+Bytes record_of(const Bytes &m) {
+    uint8_t next = m[MGI_OFF_NEXTSEG];
+    size_t at = MGI_HDR_LEN;
+    while (next != MGI_SEG_END && at + MGI_SEGHDR_LEN <= m.size()) {
+        const uint16_t len = be16(&m[at + 2]);
+        if (m[at + 1] == MGI_SEG_RULEDATA)
+            return Bytes(m.begin() + long(at + MGI_SEGHDR_LEN), m.begin() + long(at + MGI_SEGHDR_LEN + len));
+        next = m[at];
+        at += MGI_SEGHDR_LEN + len;
+    }
+    return {};
+}
+
+std::string text_at(const Bytes &b, size_t off, size_t len) {
+    const char *p = reinterpret_cast<const char *>(b.data() + off);
+    return std::string(p, strnlen(p, len));
+}
+
+uint32_t host32(const Bytes &b, size_t off) {
+    uint32_t v;
+    std::memcpy(&v, &b[off], 4);
+    return v;
+}
+
+std::vector<Answer> final_answer(const std::string &data = "") {
+    return {{mgi_message(MGI_RSP_FINAL, {Seg{MGI_SEG_UDCDATA, bytes_of(data)}}), 0, true}};
+}
+
+std::vector<Answer> error_answer(int32_t code, const std::string &text) {
+    mgiErrBody body{code, 0, 0, 0};
+    Bytes b(reinterpret_cast<uint8_t *>(&body), reinterpret_cast<uint8_t *>(&body) + sizeof body);
+    Bytes t = bytes_of(text);
+    t.resize((t.size() / 8 + 1) * 8, 0);
+    b.insert(b.end(), t.begin(), t.end());
+    return {{mgi_message(MGI_RSP_ERROR, {Seg{MGI_SEG_ERROR, b}}), 0, true}};
+}
+
+class Config : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        make_dirs(root.path("/usr/local/sbin"));
+        write_file(root.path(MGMT_ZIP_PATH), kZipper, 0755);
+        zip_log = root.dir() + "/zip.log";
+        setenv("ZIP_TEST_LOG", zip_log.c_str(), 1);
+        unsetenv("ZIP_TEST_FAIL");
+        conf = root.dir() + "/running.conf";
+        write_file(conf, "set hostname a\n");
+    }
+    void TearDown() override {
+        hooks::reset();
+        unsetenv("ZIP_TEST_LOG");
+        unsetenv("ZIP_TEST_FAIL");
+        unsetenv("MGMT_REBOOT_CMD");
+    }
+    Sysroot root;
+    std::string zip_log, conf;
+};
+
+// ---------------------------------------------------------------- save
+
+int save_cb(void *data, uint32_t *len, void *, uint32_t *, void *, uint32_t *, void *user) {
+    static_cast<std::string *>(user)->assign(static_cast<char *>(data), *len);
+    return 0;
+}
+
+TEST_F(Config, SaveAsksTheManagerWithItemsOneToSix) {
+    const libmgmt_object *o = libmgmt_object_find("mgmt_save_config_grp");
+    ASSERT_NE(o, nullptr);
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGI_IPC_MSG, [](const Received &) { return final_answer("saved"); });
+    std::string answer;
+    int rc = -9, rc_one = -9;
+    run_as(kFrontEnd, [&] {
+        rc = save_configuration(MGMT_VSYS_ALL, "admin", "/flash/config/startup.conf", "web", "10.0.0.1", "tag", 77,
+                                2, save_cb, &answer);
+        rc_one = save_configuration(3, "a", "b", "c", "d", "e", 1, 1, nullptr, nullptr);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(rc_one, 0);
+    EXPECT_EQ(answer, "saved");
+    ASSERT_TRUE(mgd.wait_for(2));
+    const auto got = mgd.received();
+    const Bytes &m = got[0].bytes;
+    EXPECT_EQ(m[MGI_OFF_TYPE], 24);
+    EXPECT_EQ(m[MGI_OFF_LANGUAGE], 2);
+    EXPECT_EQ(hdr32(m, MGI_OFF_TARGET), 0x90002u);
+    EXPECT_EQ(be16(&m[MGI_OFF_VSYSID]), 0xfffe);
+    EXPECT_EQ(hdr32(m, MGI_OFF_MASK1), 0x7eu) << "items 1 to 6, item 0 does not travel";
+    EXPECT_EQ(hdr32(m, MGI_OFF_MGI_FLAG) & 3u, 3u) << "not a local entity";
+    const Bytes rec = record_of(m);
+    ASSERT_EQ(rec.size(), size_t(o->entity_len));
+    EXPECT_EQ(text_at(rec, 0, 32), "");
+    EXPECT_EQ(text_at(rec, 32, 64), "admin");
+    EXPECT_EQ(text_at(rec, 96, 256), "/flash/config/startup.conf");
+    EXPECT_EQ(text_at(rec, 352, 32), "web");
+    EXPECT_EQ(text_at(rec, 384, 16), "10.0.0.1");
+    EXPECT_EQ(text_at(rec, 400, 32), "tag");
+    EXPECT_EQ(host32(rec, 432), 77u);
+    EXPECT_EQ(got[1].bytes[MGI_OFF_LANGUAGE], 1);
+    EXPECT_NE(be16(&got[1].bytes[MGI_OFF_VSYSID]), 0xfffe) << "any other id leaves the default";
+    EXPECT_NE(be16(&got[1].bytes[MGI_OFF_VSYSID]), 3);
+}
+
+TEST_F(Config, SaveWithoutManagerIsTheStubsFailure) {
+    int rc = 0;
+    run_as(kFrontEnd, [&] { rc = save_configuration(0, "a", "b", "c", "d", "e", 0, 0, nullptr, nullptr); });
+    EXPECT_LT(rc, 0);
+}
+
+// ---------------------------------------------------------------- compression
+
+TEST_F(Config, CompressionCutsTheLastSuffixAndRemovesTheSource) {
+    const struct {
+        std::string name, archive;
+    } cases[] = {
+        {"/running.conf", "/running.zip"},
+        {"/config", "/config.zip"},
+        {"/backup.tar.gz", "/backup.tar.zip"},
+        {"/dir.d/config", "/dir.zip"},
+    };
+    make_dirs(root.dir() + "/dir.d");
+    for (const auto &c : cases) {
+        const std::string source = root.dir() + c.name, archive = root.dir() + c.archive;
+        write_file(source, "content of " + c.name);
+        char path[128] = {};
+        strlcpy(path, source.c_str(), sizeof path);
+        char err[64] = "untouched";
+        EXPECT_EQ(libmgmt_compress_file(path, err, sizeof err), 0) << c.name;
+        EXPECT_EQ(std::string(path), archive);
+        EXPECT_STREQ(err, "untouched");
+        EXPECT_FALSE(exists(source));
+        EXPECT_EQ(read_file(archive), "content of " + c.name);
+    }
+    EXPECT_EQ(read_file(zip_log), "-j " + root.dir() + "/running.zip " + root.dir() + "/running.conf\n-j " +
+                                      root.dir() + "/config.zip " + root.dir() + "/config\n-j " + root.dir() +
+                                      "/backup.tar.zip " + root.dir() + "/backup.tar.gz\n-j " + root.dir() +
+                                      "/dir.zip " + root.dir() + "/dir.d/config\n");
+
+    // The program and its whole argument vector.
+    hooks::capture_runs(0);
+    char path[128] = "/nowhere/x.cfg";
+    char err[64] = "";
+    EXPECT_EQ(libmgmt_compress_file(path, err, sizeof err), 0);
+    EXPECT_EQ(hooks::recorded(), std::vector<std::string>{
+                                     "run /usr/local/sbin/vk_zip: /usr/local/sbin/vk_zip -j /nowhere/x.zip /nowhere/x.cfg"});
+}
+
+TEST_F(Config, FailedCompressionLosesTheSourceToo) {
+    char path[128] = {};
+    strlcpy(path, conf.c_str(), sizeof path);
+    char err[64] = "";
+    setenv("ZIP_TEST_FAIL", "1", 1);
+    EXPECT_EQ(libmgmt_compress_file(path, err, sizeof err), -1);
+    EXPECT_STREQ(err, "Error: Failed to execute zip\n");
+    EXPECT_EQ(std::string(path), conf);
+    EXPECT_FALSE(exists(conf));
+
+    write_file(conf, "again");
+    std::remove(root.path(MGMT_ZIP_PATH).c_str());
+    char small[8] = "";
+    EXPECT_EQ(libmgmt_compress_file(path, small, sizeof small), -1) << "no zipper on the device";
+    EXPECT_STREQ(small, "Error: ");
+    EXPECT_FALSE(exists(conf));
+}
+
+// ---------------------------------------------------------------- one virtual system
+
+TEST_F(Config, SingleImportSendsMessage61WithItsRecord) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGMT_IMPORT_RQT_MSG, [](const Received &) { return std::vector<Answer>{{Bytes(1348, 0), 0, true}}; });
+    char err[64] = "";
+    const std::string long_name = "/flash/" + std::string(200, 'n');
+    const time_t before = time(nullptr);
+    int rc = -9;
+    run_as(kFrontEnd, [&] {
+        rc = libmgmt_import_single_vsys_configuration(7, long_name.c_str(), std::string(40, 'r').c_str(),
+                                                      "from-the-web-ui-x", err, sizeof err);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_STREQ(err, "");
+    ASSERT_TRUE(mgd.wait_for(1));
+    const Received r = mgd.received()[0];
+    EXPECT_EQ(r.kind, uint32_t(IPC_KIND_REQUEST));
+    const Bytes &b = r.bytes;
+    ASSERT_EQ(b.size(), 1348u);
+    EXPECT_EQ(host32(b, 0), 1u);
+    EXPECT_EQ(host32(b, 4), 1u);
+    uint16_t vsys;
+    std::memcpy(&vsys, &b[8], 2);
+    EXPECT_EQ(vsys, 7);
+    EXPECT_EQ(text_at(b, 12, 128), long_name.substr(0, 127));
+    EXPECT_EQ(text_at(b, 1264, 32), std::string(31, 'r'));
+    EXPECT_EQ(text_at(b, 1296, 16), "from-the-web-ui");
+    EXPECT_EQ(host32(b, 1344), 1u);
+    const std::string when = text_at(b, 1312, 32);
+    struct tm t {};
+    ASSERT_EQ(when.size(), 19u) << when;
+    ASSERT_NE(strptime(when.c_str(), "%Y-%m-%d %H:%M:%S", &t), nullptr) << when;
+    t.tm_isdst = -1;
+    const time_t sent = mktime(&t);
+    EXPECT_LE(std::abs(double(sent - before)), 2.0) << when << " is local time";
+}
+
+TEST_F(Config, SingleImportWithoutLocalTimeLeavesTheTimeEmpty) {
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGMT_IMPORT_RQT_MSG, [](const Received &) { return std::vector<Answer>{{Bytes(1348, 0), 0, true}}; });
+    hooks::localtime_fails(true);
+    char err[64] = "";
+    EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "o", err, sizeof err), 0);
+    ASSERT_TRUE(mgd.wait_for(1));
+    EXPECT_EQ(text_at(mgd.received()[0].bytes, 1312, 32), "");
+}
+
+TEST_F(Config, SingleImportFailureCarriesTheManagersReason) {
+    ConsoleCapture console;
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGMT_IMPORT_RQT_MSG, [](const Received &) {
+        Bytes reply(1348, 0);
+        const std::string reason = "configuration file is corrupt";
+        std::memcpy(&reply[16], reason.data(), reason.size());
+        return std::vector<Answer>{{reply, -1, true}};
+    });
+    char err[16] = "";
+    EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "web", err, sizeof err), -1);
+    EXPECT_STREQ(err, "configuration f") << "within the buffer's size";
+    EXPECT_EQ(console.text(), "failed to import config from web, reason:configuration file is corrupt\n");
+}
+
+TEST_F(Config, SingleImportWithoutManagerOrMemory) {
+    ConsoleCapture console;
+    char err[32] = "old";
+    EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "cli", err, sizeof err), -1);
+    EXPECT_STREQ(err, "");
+    EXPECT_EQ(console.text(), "failed to import config from cli, reason:\n");
+    console.clear();
+    strlcpy(err, "old", sizeof err);
+    for (int skip : {0, 1}) {
+        hooks::fail_ipcmsg_alloc(1, skip);
+        EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "cli", err, sizeof err), -1);
+    }
+    EXPECT_EQ(console.text(), "libmgmt: ipc malloc failed\nlibmgmt: ipc malloc failed\n");
+    EXPECT_STREQ(err, "old") << "the allocation failure only goes to the console";
+}
+
+// ---------------------------------------------------------------- the import entry
+
+TEST_F(Config, ImportOfAMissingFileStillAsksTheManager) {
+    int32_t status = 0;
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGMT_IMPORT_RQT_MSG, [&](const Received &) {
+        Bytes reply(1348, 0);
+        std::memcpy(&reply[16], "no such file", 12);
+        return std::vector<Answer>{{reply, status, true}};
+    });
+    char missing[128] = "/flash/none.conf";
+    char err[64] = "";
+    EXPECT_EQ(libmgmt_import_configuration(2, missing, "r", "o", 0, err, sizeof err), 0);
+    EXPECT_STREQ(err, "Error: import file not exist\n") << "told, but the manager's answer counts";
+    status = -1;
+    EXPECT_EQ(libmgmt_import_configuration(2, missing, "r", "o", 0, err, sizeof err), -1);
+    EXPECT_STREQ(err, "no such file");
+    EXPECT_TRUE(mgd.wait_for(2));
+    EXPECT_EQ(libmgmt_import_configuration(2, missing, "r", "o", 0, nullptr, 10), -1);
+    EXPECT_FALSE(mgd.wait_for(3, 100)) << "nothing is sent without an error buffer";
+}
+
+TEST_F(Config, RebootOnlyAfterASuccessfulImportWithTheFlag) {
+    const std::string marker = root.dir() + "/rebooted";
+    setenv("MGMT_REBOOT_CMD", ("echo reboot >> " + marker).c_str(), 1);
+    ConsoleCapture console;
+    int32_t status = 0;
+    TestPeer mgd(MGD_APPID);
+    mgd.handle(MGMT_IMPORT_RQT_MSG,
+               [&](const Received &) { return std::vector<Answer>{{Bytes(1348, 0), status, true}}; });
+    char file[128] = {};
+    strlcpy(file, conf.c_str(), sizeof file);
+    char err[64] = "";
+    EXPECT_EQ(libmgmt_import_configuration(1, file, "r", "o", 0, err, sizeof err), 0);
+    EXPECT_FALSE(exists(marker));
+    status = -1;
+    EXPECT_EQ(libmgmt_import_configuration(1, file, "r", "o", 1, err, sizeof err), -1);
+    EXPECT_FALSE(exists(marker));
+    status = 0;
+    EXPECT_EQ(libmgmt_import_configuration(1, file, "r", "o", 1, err, sizeof err), 0);
+    EXPECT_EQ(read_file(marker), "reboot\n");
+    EXPECT_EQ(console.text(), "failed to import config from o, reason:\n"
+                              "success to import configuration, system reboot now\n");
+}
+
+// ---------------------------------------------------------------- all virtual systems
+
+struct Phase {
+    uint8_t type = 0;
+    uint32_t target = 0;
+    uint32_t phase = 0;
+    std::string file, requester, origin;
+};
+
+Phase phase_of(const Bytes &m) {
+    Phase p;
+    p.type = m[MGI_OFF_TYPE];
+    p.target = be32(&m[MGI_OFF_TARGET]);
+    const Bytes rec = record_of(m);
+    if (rec.size() < 341) return p;
+    p.phase = host32(rec, 0);
+    p.file = text_at(rec, 4, 257);
+    p.requester = text_at(rec, 261, 64);
+    p.origin = text_at(rec, 325, 16);
+    return p;
+}
+
+class AllVsys : public Config {
+  protected:
+    void SetUp() override {
+        Config::SetUp();
+        strlcpy(file, conf.c_str(), sizeof file);
+        mgd.handle(MGI_IPC_MSG, [this](const Received &) {
+            std::lock_guard<std::mutex> lock(mu);
+            const size_t n = calls++;
+            return n < answers.size() ? answers[n] : final_answer();
+        });
+    }
+    int import(int32_t errlen = 64) {
+        int rc = -9;
+        run_as(kFrontEnd, [&] { rc = libmgmt_import_configuration(MGMT_VSYS_ALL, file, "admin", "web", 0, err, errlen); });
+        return rc;
+    }
+    std::vector<Phase> phases() {
+        std::vector<Phase> out;
+        for (const Received &r : mgd.received())
+            out.push_back(phase_of(r.bytes));
+        return out;
+    }
+    TestPeer mgd{MGD_APPID};
+    std::mutex mu;
+    size_t calls = 0;
+    std::vector<std::vector<Answer>> answers;
+    char file[128] = {};
+    char err[64] = "";
+};
+
+TEST_F(AllVsys, TwoPhasesOfTheManagementObjectAfterZipping) {
+    EXPECT_EQ(import(), 0);
+    const std::string archive = root.dir() + "/running.zip";
+    EXPECT_EQ(std::string(file), archive) << "the caller's name now names the archive";
+    EXPECT_TRUE(exists(archive));
+    EXPECT_FALSE(exists(conf));
+    const auto p = phases();
+    ASSERT_EQ(p.size(), 2u);
+    EXPECT_EQ(p[0].type, 32);
+    EXPECT_EQ(p[0].target, 0x9000cu);
+    EXPECT_EQ(p[0].phase, 1u);
+    EXPECT_EQ(p[0].file, archive);
+    EXPECT_EQ(p[0].requester, "admin");
+    EXPECT_EQ(p[0].origin, "web");
+    EXPECT_EQ(p[1].type, 32);
+    EXPECT_EQ(p[1].phase, 2u);
+    EXPECT_EQ(p[1].file, "") << "phase is the only item of the second step";
+    EXPECT_EQ(hdr32(mgd.received()[1].bytes, MGI_OFF_MASK1), 1u);
+    EXPECT_STREQ(err, "");
+}
+
+TEST_F(AllVsys, FirstPhaseRefusalStopsWithTheWholeText) {
+    answers = {error_answer(-12, "archive is not valid")};
+    EXPECT_EQ(import(), -1);
+    EXPECT_STREQ(err, "archive is not valid");
+    EXPECT_EQ(phases().size(), 1u);
+    calls = 0;
+    write_file(conf, "x");
+    strlcpy(file, conf.c_str(), sizeof file);
+    EXPECT_EQ(import(8), -1);
+    EXPECT_STREQ(err, "archive") << "within the buffer's size";
+}
+
+TEST_F(AllVsys, SecondPhaseRefusalDropsTheLastCharacter) {
+    answers = {final_answer(), error_answer(-3, "disk full")};
+    EXPECT_EQ(import(), -1);
+    EXPECT_STREQ(err, "disk ful");
+    EXPECT_EQ(phases().size(), 2u);
+}
+
+TEST_F(AllVsys, FailedZipSendsNothing) {
+    setenv("ZIP_TEST_FAIL", "1", 1);
+    EXPECT_EQ(import(), -1);
+    EXPECT_STREQ(err, "Error: Failed to execute zip\n");
+    EXPECT_FALSE(mgd.wait_for(1, 100));
+}
+
+TEST_F(Config, StartWithDefaultConfigIsAMarkerFile) {
+    EXPECT_EQ(libmgmt_is_start_with_default_config(), 0);
+    make_dirs(root.path("/tmp"));
+    write_file(root.path(MGMT_START_STATIC_CONFIG_FILE), "");
+    EXPECT_EQ(libmgmt_is_start_with_default_config(), 1);
+}
+
+} // namespace
