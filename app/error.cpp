@@ -7,6 +7,7 @@
 
 #include "app/app_internal.h"
 #include "mgmt/mgi_app.h"
+#include "platform/questions.h"
 #include "platform/platform.h"
 
 using mgmt::app::rsp_fits;
@@ -29,22 +30,7 @@ size_t put_padded(mgiInfo *info, unsigned char *p, const char *text) {
     return len;
 }
 
-// Whether the platform is an ADC platform: the platform library's answer when
-// it has the question, else the MGMT_PLATFORM word list.
-extern "C" int vk_is_adc_platform(void) __attribute__((weak));
-
-bool adc_platform() {
-    if (vk_is_adc_platform) return vk_is_adc_platform() != 0;
-    const char *words = std::getenv("MGMT_PLATFORM");
-    if (!words) return false;
-    for (const char *p = words; *p;) {
-        size_t n = std::strcspn(p, ",");
-        if (n == 3 && std::strncmp(p, "adc", 3) == 0) return true;
-        p += n;
-        if (*p == ',') ++p;
-    }
-    return false;
-}
+bool adc_platform() { return vk_is_adc_platform() != 0; }
 
 } // namespace
 

@@ -115,17 +115,18 @@ MGMT_API void destruct_cond_context(condContext *ctx) {
     if (!ctx) return;
     ctx->ctx_word0 = 0;
     if (ctx->words[0]) {
-        // The words of the expression in hand run up to the first empty slot;
-        // a slot behind it that still holds what the last release freed is
-        // left alone, since that word is gone already.
-        bool in_expression = true;
+        // The upper slots keep what an earlier release freed there, and a later,
+        // shorter expression leaves them in place. Such a slot (it still holds
+        // the very pointer the last release freed in it) is not freed again,
+        // and no pointer is freed twice in one release. The parser marks the
+        // slots it fills as new.
+        char *freed_now[COND_WORDS];
+        int nfreed = 0;
         for (int i = 0; i < COND_WORDS; ++i) {
             char *w = ctx->words[i];
-            if (!w) {
-                in_expression = false;
-                continue;
-            }
-            if (!in_expression && w == ctx->released_words[i]) continue;
+            if (!w || w == ctx->released_words[i]) continue;
+            if (std::find(freed_now, freed_now + nfreed, w) != freed_now + nfreed) continue;
+            freed_now[nfreed++] = w;
             ctx->released_words[i] = w;
             std::free(w);
         }

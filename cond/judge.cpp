@@ -149,7 +149,10 @@ MGMT_API int retrieve_postJudge_stdExpr(const uint32_t *path, const char *expres
             std::free(copy);
             return COND_ERR_WORDS;
         }
-        words[n++] = strdup(word);
+        words[n] = strdup(word);
+        // A slot the parser fills holds a new word, whatever an earlier release left there.
+        if (words == gcondCtx.words) gcondCtx.released_words[n] = nullptr;
+        ++n;
         // Each step starts over at the copy's start, and so hands back its first word.
         word = strtok_r(copy, " ", &save);
     }

@@ -600,3 +600,28 @@ TEST(Release, ListsRunEmpty) {
 }
 
 } // namespace
+
+namespace {
+
+// Two conditions in a row in the process's context: a long one, then a short
+// one that leaves the long one's upper slots in place. Each release frees what
+// its parse made, and no word twice (the sanitizer build would stop here).
+TEST(Release, ShorterConditionAfterALongOneFreesEachWordOnce) {
+    free_cond_ctx_by_uiInfo();
+    EXPECT_EQ(retrieve_postJudge_stdExpr(nullptr, "speed gt 3", gcondCtx.words, gcondCtx.connectors,
+                                         &gcondCtx.expr_list),
+              -1987);
+    char *old_upper = gcondCtx.words[31];
+    ASSERT_NE(old_upper, nullptr);
+    free_cond_ctx_by_uiInfo();
+    EXPECT_EQ(gcondCtx.words[0], nullptr);
+    EXPECT_EQ(gcondCtx.words[31], old_upper); // upper slots keep what they held
+    EXPECT_EQ(retrieve_postJudge_stdExpr(nullptr, "and x", gcondCtx.words, gcondCtx.connectors,
+                                         &gcondCtx.expr_list),
+              -1988);
+    EXPECT_STREQ(gcondCtx.words[3], "and");
+    free_cond_ctx_by_uiInfo(); // frees the four new words only
+    free_cond_ctx_by_uiInfo(); // nothing left: words[0] is empty
+}
+
+} // namespace
