@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +45,7 @@ void put_be_hdr(void *buf, uint32_t kind, uint32_t code, uint32_t arg) {
 
 int vk_trap_send(uint32_t trap_kind, uint32_t trap_code, const void *payload, uint32_t len, uint32_t trap_arg) {
     if (len != 0 && !payload && trap_kind != kTrapKindUnchecked) return -1;
+    if (len > UINT32_MAX - kHdr) return -1; // no message of that size can be made
     auto *msg = static_cast<unsigned char *>(ipcmsg_alloc(len + kHdr));
     if (!msg) {
         puts("TRAP: cannot alloc");
@@ -152,6 +154,7 @@ MGMT_API int vk_trap_buf_write(const void *record, uint32_t len) {
 
 MGMT_API int vk_tm_trap(uint32_t trap_kind, uint32_t trap_code, const void *payload, uint32_t len) {
     if (vk_tm_status != 1) return 0;
+    if (len > UINT32_MAX - sizeof(vk_tm_trap_hdr)) return -1; // no message of that size can be made
     const uint32_t size = len + sizeof(vk_tm_trap_hdr);
     auto *msg = static_cast<unsigned char *>(ipcmsg_alloc(size));
     if (!msg) return -1;

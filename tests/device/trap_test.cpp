@@ -114,6 +114,7 @@ TEST_F(Traps, IpcRoadRefusesAMissingPayloadExceptForKind12) {
     TestPeer receiver(VK_TRAP_APPID);
     receiver.handle(VK_TRAP_MSG, no_answer);
     EXPECT_EQ(vk_trap(5, nullptr, 4, 0), -1);
+    EXPECT_EQ(vk_private_trap(5, "x", -1, 0), -1) << "no record of that size can be made";
     EXPECT_EQ(vk_private_trap(5, nullptr, 4, 0), -1);
     EXPECT_EQ(vk_trap(12, nullptr, 4, 9), 0);
     ASSERT_TRUE(receiver.wait_for(1));
