@@ -5,7 +5,8 @@
 //                                             a get by key answers one row, a get without key walks the
 //                                             whole table in name order over several partial answers,
 //                                             paged by the common cookie; a type-31 get filters the
-//                                             walk by a regular expression on the name (object id 0)
+//                                             walk by a regular expression on the name (object id 0);
+//                                             a condition in the request is parsed against the items
 //   aaa_role_role_mapping  (0xe0002.0xe0001)  the mappings of one role: a nested child whose parent
 //                                             index (the role) is decoded by the role's decodeIndex
 //   aaa_radius_authorization (0xe0005)        a single-instance object: get answers it, a set-shaped
@@ -192,6 +193,23 @@ int role_encode(mgiInfo *info) {
     bool first = !info->cookie || info->cookie_len != sizeof cookie;
     if (first) {
         build_walk(info, ctx);
+        // A condition of the request is parsed against the role's items. The
+        // parser takes the text's first word at every step, so a text always
+        // meets the word limit (or, starting with a connector, the connector
+        // limit): the daemon reports that code to the requester.
+        if (info->condition && info->condition_len) {
+            char text[256];
+            size_t n = std::min<size_t>(info->condition_len, sizeof text - 1);
+            std::memcpy(text, info->condition, n);
+            text[n] = '\0';
+            int rc = retrieve_postJudge_stdExpr(info->rqt_target, text, ctx->words, ctx->connectors,
+                                                &ctx->expr_list);
+            if (rc != 0) {
+                set_encode_errcode(info, rc);
+                mgi_sprintf_err(info, "condition \"%s\" refused (%d)", text, rc);
+                return 0;
+            }
+        }
         cookie[0] = 0;
         cookie[1] = walk_state(ctx).rows - 1;
         cookie[2] = walk_state(ctx).generation;
