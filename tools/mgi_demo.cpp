@@ -1,191 +1,231 @@
-// mgi_demo: one MGI conversation between two processes over the platform IPC.
-//
-//   mgi_demo serve   an application (id 11) that answers a paged table of rows
-//                    and a set that comes through it as the manager (id 2)
-//   mgi_demo ask     a front end (id 5) that sets a value through the manager
-//                    and reads the table straight from the application
-//
-// Both sides print what they see. Run `serve` first, in the same MGMT_IPC_DIR.
+// mgi_demo: a front end (application 5) that shows the system at work against
+// the reference manager (mgd, application 2) and the example application
+// daemon (application 11), both running in the same runtime directory.
+// scripts/demo starts the daemons, runs this program and stops them.
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 #include "libmgmt.h"
 #include "platform/platform.h"
 
 namespace {
 
-constexpr uint32_t kApp = 11;
-constexpr uint32_t kRows = 10;
-constexpr uint32_t kRowsPerPage = 4;
-const uint32_t kTarget[10] = {0xe0002, 0}; // a table of roles
-
-struct Row {
-    char name[32];
-    uint32_t priv;
+struct Radius {
+    uint32_t enable;
+    uint32_t timeout;
 };
-static_assert(sizeof(Row) == 36);
+struct Role { // the record of aaa_role
+    char name[32];
+    uint32_t id;
+    uint32_t privilege;
+    char description[32];
+};
+static_assert(sizeof(Role) == 72);
 
-void put16(unsigned char *p, uint16_t v) {
-    p[0] = uint8_t(v >> 8);
-    p[1] = uint8_t(v);
-}
-uint16_t get16(const unsigned char *p) { return uint16_t(p[0] << 8 | p[1]); }
+// What the direct road handed over, part by part. The callback's last argument
+// is the stub's caller record, which a get of type 31 fills with the packed
+// record and its masks, so the parts are kept here and not behind it.
+struct Parts {
+    std::vector<std::vector<uint8_t>> data;
+};
+Parts *g_parts = nullptr;
 
-// Appends one segment to a response under construction; returns the new end.
-unsigned char *add_segment(unsigned char *msg, unsigned char *&link, unsigned char *at, uint8_t type,
-                           const void *body, uint16_t len) {
-    append_segment(link, at, type, body, len);
-    link = at;
-    unsigned char *end = at + 8 + len;
-    put16(msg + MGI_OFF_LEN, uint16_t(end - msg - MGI_HDR_LEN));
-    return end;
-}
-
-// The application's answer to a get: rows from the cookie's first index on.
-int serve_get(void *, void *, void *payload, uint32_t len, int32_t *status, void *reply, uint32_t *reply_len) {
-    auto *rq = static_cast<unsigned char *>(payload);
-    auto *rs = static_cast<unsigned char *>(reply);
-    if (len < MGI_HDR_LEN) {
-        *status = -1;
-        return IPC_HANDLER_REPLY;
-    }
-    // Find the cookie the front end sent back, if any.
-    uint32_t first = 0;
-    unsigned char *seg = rq + MGI_HDR_LEN;
-    for (uint8_t t = rq[MGI_OFF_NEXTSEG]; t != MGI_SEG_END && t > 128 && seg + 8 <= rq + len;) {
-        uint16_t n = get16(seg + 2);
-        if (t == MGI_SEG_COOKIE && n >= 24) {
-            uint32_t cookie[6];
-            std::memcpy(cookie, seg + 8, sizeof cookie);
-            mgi_common_cookie_ntoh(cookie);
-            first = cookie[0];
-        }
-        t = seg[0];
-        seg += 8 + n;
-    }
-    std::memcpy(rs, rq, MGI_HDR_LEN); // the answer echoes the request's header
-    uint32_t last = first + kRowsPerPage < kRows ? first + kRowsPerPage : kRows;
-    rs[MGI_OFF_TYPE] = rq[MGI_OFF_TYPE] == MGI_RQT_CLOSE ? MGI_RSP_FINAL : (last < kRows ? MGI_RSP_PARTIAL : MGI_RSP_FINAL);
-    rs[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-    put16(rs + MGI_OFF_LEN, 0);
-    unsigned char *link = rs + MGI_OFF_NEXTSEG;
-    unsigned char *end = rs + MGI_HDR_LEN;
-    if (rq[MGI_OFF_TYPE] != MGI_RQT_CLOSE) {
-        Row rows[kRowsPerPage] = {};
-        for (uint32_t i = first; i < last; ++i) {
-            std::snprintf(rows[i - first].name, sizeof rows[0].name, "role-%02u", i);
-            rows[i - first].priv = i % 3;
-        }
-        end = add_segment(rs, link, end, MGI_SEG_UDCDATA, rows, uint16_t((last - first) * sizeof(Row)));
-        if (last < kRows) {
-            uint32_t cookie[6] = {last, kRows - 1, 0, 0, 0, 0};
-            mgi_common_cookie_hton(cookie);
-            end = add_segment(rs, link, end, MGI_SEG_COOKIE, cookie, sizeof cookie);
-        }
-    }
-    std::printf("[app 11] get: rows %u..%u of %u, answer type %u\n", first, last - 1, kRows, rs[MGI_OFF_TYPE]);
-    std::fflush(stdout);
-    *reply_len = uint32_t(end - rs);
-    return IPC_HANDLER_REPLY;
-}
-
-// As manager: takes a set's record and answers final.
-int serve_set(void *ipc, void *, void *payload, uint32_t len, int32_t *, void *, uint32_t *) {
-    auto *rq = static_cast<unsigned char *>(payload);
-    if (len < MGI_HDR_LEN + sizeof(Row)) return IPC_HANDLER_NOREPLY;
-    Row row;
-    std::memcpy(&row, rq + MGI_HDR_LEN, sizeof row);
-    row.name[sizeof row.name - 1] = '\0';
-    std::printf("[mgd] set from app %u (src %u): name=\"%s\" priv=%u mask1=%#x\n",
-                static_cast<ipc_peer_t *>(ipc)->appid, rq[MGI_OFF_SRC], row.name, row.priv,
-                unsigned(rq[152] << 24 | rq[153] << 16 | rq[154] << 8 | rq[155]));
-    std::fflush(stdout);
-    unsigned char answer[MGI_HDR_LEN];
-    std::memcpy(answer, rq, MGI_HDR_LEN);
-    answer[MGI_OFF_TYPE] = MGI_RSP_FINAL;
-    put16(answer + MGI_OFF_LEN, 0);
-    ipc_send_to_peer(static_cast<ipc_peer_t *>(ipc), MGI_IPC_MSG, answer, sizeof answer, 0);
-    return IPC_HANDLER_NOREPLY;
-}
-
-volatile std::sig_atomic_t stop_requested = 0;
-void on_term(int) { stop_requested = 1; }
-
-int serve() {
-    ipc_endpoint_t *mgd = ipc_endpoint_open(MGD_APPID, 0, nullptr);
-    if (ipc_register(kApp, 0) != 0 || !mgd) {
-        std::fprintf(stderr, "mgi_demo: cannot bind in %s\n", ipc_runtime_dir());
-        return 1;
-    }
-    ipc_register_handler(MGI_IPC_MSG, serve_get);
-    ipc_endpoint_handler(mgd, MGI_IPC_MSG, serve_set);
-    std::signal(SIGTERM, on_term);
-    std::signal(SIGINT, on_term);
-    std::printf("[app 11] serving in %s\n", ipc_runtime_dir());
-    std::fflush(stdout);
-    // The manager's endpoint is served from the same loop, one message at a time.
-    while (!stop_requested) {
-        if (ipc_dispatch_one(20) < 0 && !stop_requested) break;
-        if (ipc_endpoint_dispatch(mgd, 0) < 0 && !stop_requested) break;
-    }
-    std::printf("[app 11] stopped\n");
-    ipc_endpoint_close(mgd);
+int collect(void *data, uint32_t *len, void *, uint32_t *, void *, uint32_t *, void *) {
+    auto *p = static_cast<uint8_t *>(data);
+    if (g_parts) g_parts->data.emplace_back(p, p + (data ? *len : 0));
     return 0;
 }
 
-int print_rows(void *data, uint32_t *len, void *err, uint32_t *, void *cookie, uint32_t *cookie_len, void *) {
-    if (err) std::printf("[app 5] error: %s\n", static_cast<char *>(err) + 16);
-    for (uint32_t off = 0; data && off + sizeof(Row) <= *len; off += sizeof(Row)) {
-        Row r;
-        std::memcpy(&r, static_cast<char *>(data) + off, sizeof r);
-        std::printf("[app 5]   %-10s priv %u\n", r.name, r.priv);
-    }
-    std::printf("[app 5]   (%s)\n", cookie && *cookie_len ? "more follows: cookie sent back" : "last part");
-    return 0;
+// Runs a get or exec stub with the parts collected into `parts`.
+template <class Fn> int collecting(Parts &parts, Fn &&call) {
+    g_parts = &parts;
+    int rc = call();
+    g_parts = nullptr;
+    return rc;
 }
 
-int ask() {
-    ipc_init(5, 0);
-    set_mgi_user("admin", 15);
-    set_mgi_ip_addr("192.0.2.10");
+std::vector<Role> roles_of(const Parts &parts) {
+    std::vector<Role> out;
+    for (const auto &d : parts.data)
+        for (size_t at = 0; at + sizeof(Role) <= d.size(); at += sizeof(Role)) {
+            Role r;
+            std::memcpy(&r, d.data() + at, sizeof r);
+            r.name[sizeof r.name - 1] = '\0';
+            out.push_back(r);
+        }
+    return out;
+}
 
-    mgiInfo info;
+void say_error(const mgiInfo &info, const char *who) {
+    const char *text = get_errString_r(info.mgi_buf);
+    std::printf("   %s: code %d, private code %d: \"%s\"\n", who, mgi_get_rsp_err_code_r(info.mgi_buf),
+                mgi_get_rsp_private_err_code_r(info.mgi_buf), text ? text : "(no text)");
+}
+
+int set_radius(mgiInfo &info, uint32_t enable, uint32_t timeout) {
     init_mgi_info(&info);
     mgi_set_rqt_type(&info, 1);
-    init_mgi_exchange_r(info.mgi_buf);
-    Row row = {};
-    std::strcpy(row.name, "auditor");
-    row.priv = 2;
-    prepare_mgi_exchange_r(info.mgi_buf, kTarget, 0, 1, sizeof row, 0, 0, 0x3, 0, 0, 0, 0, 0, &row);
-    std::printf("[app 5] set role \"auditor\" through the manager\n");
-    int rc = make_mgi_exchange_with_context(&info, nullptr, sizeof row);
-    std::printf("[app 5] set result %d\n", rc);
+    info.rqt_item[0] = &enable;
+    info.rqt_item[1] = &timeout;
+    return final_set_aaa_radius_authorization(&info, nullptr);
+}
 
+Radius get_radius() {
+    mgiInfo info;
+    init_mgi_info(&info);
+    Parts parts;
+    Radius r{};
+    if (collecting(parts, [&] { return final_get_aaa_radius_authorization(&info, collect, nullptr); }) == 0 &&
+        !parts.data.empty() &&
+        parts.data[0].size() >= sizeof r)
+        std::memcpy(&r, parts.data[0].data(), sizeof r);
+    return r;
+}
+
+void step(int n, const char *what) { std::printf("\n%d. %s\n", n, what); }
+
+void set_through_manager() {
+    step(1, "Set through the manager: RADIUS authorization timeout, read back from its application");
+    std::printf("   timeout now: %u s\n", get_radius().timeout);
+    mgiInfo info;
+    int rc = set_radius(info, 1, 45);
+    std::printf("   final_set_aaa_radius_authorization(timeout 45) through mgd: result %d\n", rc);
+    std::printf("   timeout now: %u s (asked straight from application 11)\n", get_radius().timeout);
+}
+
+void paged_get() {
+    step(2, "Paged get: the whole table of roles, straight from application 11");
+    mgiInfo info;
     init_mgi_info(&info);
     mgi_set_rqt_type(&info, 2);
-    prepare_mgi_exchange_direct_r(info.mgi_buf, kTarget, 2, 0, 0, 0, 0);
-    mgi_final_rqt_message(&info);
-    std::printf("[app 5] get the role table from application %u\n", kApp);
-    rc = make_mgi_exchange_direct_with_context(&info, kApp, print_rows, nullptr);
-    std::printf("[app 5] get result %d\n", rc);
+    Parts parts;
+    int rc = collecting(parts, [&] { return final_get_aaa_role(&info, collect, nullptr); });
+    std::vector<Role> roles = roles_of(parts);
+    std::printf("   final_get_aaa_role: result %d, %zu roles in %zu answers of", rc, roles.size(), parts.data.size());
+    for (const auto &d : parts.data) std::printf(" %zu", d.size() / sizeof(Role));
+    std::printf(" rows (the front end sent each cookie back)\n");
+    if (roles.size() >= 3)
+        std::printf("   in name order: %s, %s, %s ... %s\n", roles[0].name, roles[1].name, roles[2].name,
+                    roles.back().name);
+}
 
+void filtered_query() {
+    step(3, "Filtered query (type 31): roles whose name matches ^role1[0-9]$");
+    std::string pattern = "^role1[0-9]$";
+    std::vector<uint8_t> body(sizeof(mgiMatchHdr) + pattern.size() + 1, 0);
+    auto *hdr = reinterpret_cast<mgiMatchHdr *>(body.data());
+    hdr->mask[0] = 1;                // object 0, the name
+    hdr->type[0] = MGI_MATCH_REGEX;  // is matched by a regular expression
+    hdr->pattern_len = int32_t(pattern.size() + 1);
+    std::memcpy(body.data() + sizeof(mgiMatchHdr), pattern.c_str(), pattern.size() + 1);
+    mgiInfo info;
     init_mgi_info(&info);
-    prepare_mgi_exchange_direct_r(info.mgi_buf, kTarget, 2, 0, 0, 0, 0);
-    std::printf("[app 5] get from application 77, which is not running\n");
-    rc = make_mgi_exchange_direct_with_context(&info, 77, print_rows, nullptr);
-    std::printf("[app 5] get result %d\n", rc);
-    return 0;
+    mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
+    mgi_set_rqt_udcdata(&info, body.data(), uint16_t(body.size()));
+    Parts parts;
+    uint32_t masks[3] = {}, xmasks[3] = {};
+    mgi_match_get_record match = {nullptr, masks, xmasks};
+    int rc = collecting(parts, [&] { return final_get_aaa_role(&info, collect, &match); });
+    std::vector<Role> roles = roles_of(parts);
+    std::printf("   final_get_aaa_role: result %d, %zu roles:", rc, roles.size());
+    for (const Role &r : roles) std::printf(" %s", r.name);
+    std::printf("\n");
+
+    std::printf("   the same table with the condition \"privilege gt 10\":\n");
+    char cond[] = "privilege gt 10";
+    init_mgi_info(&info);
+    mgi_set_rqt_type(&info, 2);
+    mgi_set_rqt_condition(&info, cond, sizeof cond - 1);
+    rc = final_get_aaa_role(&info, nullptr, nullptr);
+    std::printf("   final_get_aaa_role: result %d, answer type %u\n", rc, get_mgi_resp_type_r(info.mgi_buf));
+    say_error(info, "the application's condition parser refused it");
+}
+
+void exec_action() {
+    step(4, "Exec: release the locked-out user \"alice\"");
+    const char *user = "alice";
+    for (int round = 0; round < 2; ++round) {
+        mgiInfo info;
+        init_mgi_info(&info);
+        info.rqt_item[0] = &user;
+        int rc = final_exec_aaa_del_lockout(&info, nullptr, nullptr);
+        std::printf("   final_exec_aaa_del_lockout: result %d, answer type %u\n", rc,
+                    get_mgi_resp_type_r(info.mgi_buf));
+        if (get_mgi_resp_type_r(info.mgi_buf) == MGI_RSP_ERROR) say_error(info, "and again");
+    }
+}
+
+void transaction() {
+    step(5, "Transaction on virtual system 0");
+    int rc = get_mgi_transaction_lock("admin", 0);
+    std::printf("   take the lock as \"admin\": result %d, transaction id %u\n", rc, get_mgi_transaction_id());
+    mgiInfo info;
+    rc = set_radius(info, 1, 60);
+    std::printf("   set timeout 60 s inside it: result %d, header byte 3 carried %u\n", rc,
+                info.mgi_buf->sbuf[MGI_OFF_TRANSACTION_ID]);
+    std::fflush(stdout);
+    pid_t child = fork();
+    if (child == 0) {
+        // Another front end, a process of its own.
+        ipc_close();
+        ipc_init(46, 0);
+        set_mgi_transaction_id(0);
+        int other = get_mgi_transaction_lock("operator", 0);
+        std::printf("   another front end (application 46) asks for the lock: result %d (refused)\n", other);
+        std::fflush(stdout);
+        _exit(0);
+    }
+    if (child > 0) waitpid(child, nullptr, 0);
+    int state = -1;
+    get_mgi_transaction_state(&state, 0);
+    std::printf("   state: %s\n", state == 1 ? "a transaction is open" : "none open");
+    rc = release_mgi_transaction_lock("admin", 0);
+    std::printf("   release: result %d, transaction id now %u\n", rc, get_mgi_transaction_id());
+}
+
+void errors() {
+    step(6, "Errors");
+    mgiInfo info;
+    int rc = set_radius(info, 1, 0);
+    std::printf("   set timeout 0 s through mgd: result %d\n", rc);
+    say_error(info, "application 11 answered");
+    const libmgmt_object *o = libmgmt_object_find("admind_utmp");
+    if (o && o->set) {
+        init_mgi_info(&info);
+        mgi_set_rqt_type(&info, 1);
+        rc = o->set(&info, nullptr);
+        std::printf("   set %s, owned by application %u, which is not running: result %d\n", o->name, o->owner, rc);
+        say_error(info, "mgd answered");
+    }
+    init_mgi_info(&info);
+    rc = final_get_aaa_user_mapping_entity(&info, nullptr, nullptr);
+    std::printf("   get aaa_user_mapping_entity, which application 11 serves without an encoder: result %d\n", rc);
+    say_error(info, "application 11 answered");
 }
 
 } // namespace
 
-int main(int argc, char **argv) {
-    if (argc == 2 && std::strcmp(argv[1], "serve") == 0) return serve();
-    if (argc == 2 && std::strcmp(argv[1], "ask") == 0) return ask();
-    std::fprintf(stderr, "usage: mgi_demo serve|ask\n");
-    return 2;
+int main(int argc, char **) {
+    if (argc != 1) {
+        std::fprintf(stderr, "usage: mgi_demo (run by scripts/demo, with mgd and app_daemon serving)\n");
+        return 2;
+    }
+    ipc_init(5, 0);
+    set_mgi_user("admin", 15);
+    set_mgi_ip_addr("192.0.2.10");
+    std::printf("A front end (application 5) talks to mgd (application 2) and app_daemon (application 11).\n");
+    set_through_manager();
+    paged_get();
+    filtered_query();
+    exec_action();
+    transaction();
+    errors();
+    thread_free_mgi();
+    return 0;
 }
