@@ -109,6 +109,21 @@ void BM_SetThroughMgd(benchmark::State &state) {
 }
 BENCHMARK(BM_SetThroughMgd)->UseRealTime();
 
+// The platform alone: the same sizes through ipcmsg_send_and_recv, without MGI.
+void BM_PlatformRoundTrip(benchmark::State &state) {
+    Server app(12, answer_direct);
+    ipc_set_thread_identity(5, 0);
+    static unsigned char req[MGI_HDR_LEN + 8 + kRecord] = {};
+    static unsigned char rsp[MGI_MAX_LEN];
+    for (auto _ : state) {
+        int32_t status = 0;
+        uint32_t cap = sizeof rsp;
+        if (ipcmsg_send_and_recv(12, 0, MGI_IPC_MSG, req, sizeof req, &status, rsp, &cap, 0) != 0)
+            state.SkipWithError("failed");
+    }
+}
+BENCHMARK(BM_PlatformRoundTrip)->UseRealTime();
+
 // The floor: the same bytes over a bare pair of bound Unix datagram sockets.
 void BM_RawUnixDatagramRoundTrip(benchmark::State &state) {
     std::string dir = runtime_dir();
