@@ -3,6 +3,7 @@
  * platform's language words.
  */
 #include "platform/platform.h"
+#include "ipc_internal.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -26,6 +27,11 @@ pthread_mutex_t g_sink_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 console_sink_fn g_sink = nullptr;
 void *g_sink_ctx = nullptr;
 
+
+} // namespace
+
+namespace plat {
+
 void write_all(int fd, const char *p, size_t n) {
     while (n) {
         ssize_t w = write(fd, p, n);
@@ -36,7 +42,7 @@ void write_all(int fd, const char *p, size_t n) {
     }
 }
 
-} // namespace
+} // namespace plat
 
 extern "C" {
 
@@ -71,7 +77,7 @@ void console_print(const char *fmt, ...) {
     } else {
         const char *path = getenv("MGMT_CONSOLE");
         int fd = path && *path ? open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644) : -1;
-        write_all(fd >= 0 ? fd : STDERR_FILENO, text, (size_t)n);
+        plat::write_all(fd >= 0 ? fd : STDERR_FILENO, text, (size_t)n);
         if (fd >= 0) close(fd);
     }
     pthread_mutex_unlock(&g_sink_lock);

@@ -3,6 +3,7 @@
  * reboot, local time, the device log, the boot console, translation and device paths.
  */
 #include "platform/device.h"
+#include "ipc_internal.h"
 
 #include <cerrno>
 #include <climits>
@@ -72,15 +73,6 @@ std::string vformat(const char *fmt, va_list ap) {
     return out;
 }
 
-void write_all(int fd, const char *p, size_t n) {
-    while (n) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return;
-        p += w;
-        n -= (size_t)w;
-    }
-}
 
 /* ---------------------------------------------------------------- programs */
 
@@ -313,7 +305,7 @@ void boot_print(const char *fmt, ...) {
     std::string path = env_or_empty("MGMT_BOOT_CONSOLE");
     if (path.empty()) path = env_or_empty("MGMT_CONSOLE");
     int fd = path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
-    write_all(fd >= 0 ? fd : STDERR_FILENO, text.data(), text.size());
+    plat::write_all(fd >= 0 ? fd : STDERR_FILENO, text.data(), text.size());
     if (fd >= 0) close(fd);
     g_boot_sink.release();
 }

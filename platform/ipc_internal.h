@@ -59,6 +59,9 @@ int send_frame(int fd, const sockaddr_un *sa, socklen_t salen, uint16_t msg, uin
  */
 int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms);
 
+/* Writes all n bytes to fd, going on after interruptions; stops quietly on an error. */
+void write_all(int fd, const char *p, size_t n);
+
 /* Milliseconds on the monotonic clock. */
 long long now_ms();
 
