@@ -7,20 +7,22 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "mgmt/value.h"
 #include "platform/netif.h"
+#include "test_support.h"
 
 namespace {
 
 struct Fd {
-    int fd;
+    int fd = -1;
+    Fd() = default;
     explicit Fd(int f) : fd(f) {}
     ~Fd() {
         if (fd >= 0) {
@@ -29,15 +31,13 @@ struct Fd {
     }
 };
 
-TEST(InterfaceVr, LoopbackBelongsToNoVrf) {
+TEST(InterfaceVr, LoopbackAndUnknownInterfaces) {
     uint32_t slot = 77;
     EXPECT_EQ(vk_get_if_vr("lo", &slot), 0);
     EXPECT_EQ(slot, 0u) << "filled with 0 when the interface has no VRF";
     EXPECT_EQ(get_vrid_from_ifindex(if_nametoindex("lo")), 0);
-}
 
-TEST(InterfaceVr, UnknownInterfacesAndIndexes) {
-    uint32_t slot = 77;
+    slot = 77;
     EXPECT_NE(vk_get_if_vr("no-such-if0", &slot), 0);
     EXPECT_EQ(slot, 77u) << "left alone when unknown";
     EXPECT_NE(vk_get_if_vr(nullptr, &slot), 0);
@@ -46,32 +46,49 @@ TEST(InterfaceVr, UnknownInterfacesAndIndexes) {
     EXPECT_EQ(get_vrid_from_ifindex(0x7ffffff0u), 0);
 }
 
-TEST(SocketInterface, TcpOverLoopbackUsesLo) {
-    const uint32_t lo = if_nametoindex("lo");
-    ASSERT_NE(lo, 0u);
-    Fd listener(socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_GE(listener.fd, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(listener.fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(listener.fd, 1), 0);
-    socklen_t alen = sizeof addr;
-    ASSERT_EQ(getsockname(listener.fd, reinterpret_cast<sockaddr *>(&addr), &alen), 0);
-
-    Fd client(socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_GE(client.fd, 0);
-    EXPECT_EQ(get_tcp_sock_if_index(client.fd), 0u) << "not bound yet";
-    ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    Fd server(accept(listener.fd, nullptr, nullptr));
-    ASSERT_GE(server.fd, 0);
-
-    EXPECT_EQ(get_tcp_sock_if_index(client.fd), lo);
-    EXPECT_EQ(get_tcp_sock_if_index(server.fd), lo);
-    EXPECT_EQ(get_vrid_from_sock(server.fd), 0);
+// Connects over the loopback address of the family; false when it has none.
+bool connect_loopback(int family, Fd &listener, Fd &client, Fd &server) {
+    sockaddr_storage addr{};
+    socklen_t alen = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    addr.ss_family = static_cast<sa_family_t>(family);
+    if (family == AF_INET) {
+        reinterpret_cast<sockaddr_in *>(&addr)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    } else {
+        reinterpret_cast<sockaddr_in6 *>(&addr)->sin6_addr = in6addr_loopback;
+    }
+    auto *sa = reinterpret_cast<sockaddr *>(&addr);
+    listener.fd = socket(family, SOCK_STREAM, 0);
+    if (listener.fd < 0 || bind(listener.fd, sa, alen) != 0 || listen(listener.fd, 1) != 0 ||
+        getsockname(listener.fd, sa, &alen) != 0) {
+        return false;
+    }
+    client.fd = socket(family, SOCK_STREAM, 0);
+    if (connect(client.fd, sa, alen) != 0) {
+        return false;
+    }
+    server.fd = accept(listener.fd, nullptr, nullptr);
+    return server.fd >= 0;
 }
 
-TEST(SocketInterface, NotASocketOrWildcard) {
+TEST(SocketInterface, TcpOverLoopbackUsesLo) {
+    const uint32_t lo = if_nametoindex("lo");
+    for (int family : {AF_INET, AF_INET6}) {
+        Fd listener, client, server;
+        if (!connect_loopback(family, listener, client, server)) {
+            EXPECT_EQ(family, AF_INET6) << "IPv4 loopback must work";
+            continue;
+        }
+        EXPECT_EQ(get_tcp_sock_if_index(client.fd), lo) << "family " << family;
+        EXPECT_EQ(get_tcp_sock_if_index(server.fd), lo) << "family " << family;
+        EXPECT_EQ(get_vrid_from_sock(server.fd), 0);
+    }
+
+    Fd any(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in wildcard{};
+    wildcard.sin_family = AF_INET;
+    ASSERT_EQ(bind(any.fd, reinterpret_cast<sockaddr *>(&wildcard), sizeof wildcard), 0);
+    EXPECT_EQ(get_tcp_sock_if_index(any.fd), 0u) << "the wildcard address names no interface";
+
     int p[2];
     ASSERT_EQ(pipe(p), 0);
     EXPECT_EQ(get_tcp_sock_if_index(p[0]), 0u);
@@ -80,117 +97,61 @@ TEST(SocketInterface, NotASocketOrWildcard) {
     EXPECT_EQ(get_tcp_sock_if_index(-1), 0u);
     EXPECT_EQ(get_vrid_from_sock(-1), 0);
 
-    Fd any(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    ASSERT_EQ(bind(any.fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    EXPECT_EQ(get_tcp_sock_if_index(any.fd), 0u);
+    Fd bound(socket(AF_INET, SOCK_STREAM, 0));
+    if (setsockopt(bound.fd, SOL_SOCKET, SO_BINDTODEVICE, "lo", 3) == 0) {
+        EXPECT_EQ(get_tcp_sock_if_index(bound.fd), lo) << "a bound device wins";
+    }
 }
 
-TEST(SocketInterface, BoundDeviceWins) {
-    Fd s(socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_GE(s.fd, 0);
-    if (setsockopt(s.fd, SOL_SOCKET, SO_BINDTODEVICE, "lo", 3) != 0) {
-        GTEST_SKIP() << "binding to a device needs CAP_NET_RAW";
-    }
-    EXPECT_EQ(get_tcp_sock_if_index(s.fd), if_nametoindex("lo"));
-}
-
-TEST(SocketInterface, Ipv6LoopbackUsesLo) {
-    Fd listener(socket(AF_INET6, SOCK_STREAM, 0));
-    if (listener.fd < 0) {
-        GTEST_SKIP() << "no IPv6";
-    }
-    sockaddr_in6 addr{};
-    addr.sin6_family = AF_INET6;
-    addr.sin6_addr = in6addr_loopback;
-    if (bind(listener.fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        GTEST_SKIP() << "no IPv6 loopback address";
-    }
-    ASSERT_EQ(listen(listener.fd, 1), 0);
-    socklen_t alen = sizeof addr;
-    ASSERT_EQ(getsockname(listener.fd, reinterpret_cast<sockaddr *>(&addr), &alen), 0);
-    Fd client(socket(AF_INET6, SOCK_STREAM, 0));
-    ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    EXPECT_EQ(get_tcp_sock_if_index(client.fd), if_nametoindex("lo"));
-}
-
-// Runs body in a child with a network namespace of its own; its exit code
-// comes back: 0 pass, 1 fail, 2 the namespace or the ip tool is not available.
-template <typename Body>
-int in_private_netns(Body body) {
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
+// Runs the ip commands and then check in a child with a network namespace of
+// its own: 0 pass, 1 fail, 2 the namespace, the ip tool or a device kind is
+// not available.
+int in_private_netns(const std::vector<std::string> &setup, const std::function<bool()> &check) {
+    mgmt_test::ChildResult r = mgmt_test::run_in_child([&](int) {
         if (unshare(CLONE_NEWNET) != 0) {
-            _exit(2);
+            return 2;
         }
-        _exit(body());
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return 1;
-    }
-    return WEXITSTATUS(status);
+        for (const std::string &cmd : setup) {
+            if (system((cmd + " >/dev/null 2>&1").c_str()) != 0) {
+                return 2;
+            }
+        }
+        return check() ? 0 : 1;
+    });
+    return r.exited ? r.code : 1;
 }
 
-bool run(const std::string &cmd) {
-    return system((cmd + " >/dev/null 2>&1").c_str()) == 0;
+uint32_t vr_of(const char *name) {
+    uint32_t slot = 99;
+    return vk_get_if_vr(name, &slot) == 0 ? slot : 99;
 }
 
 TEST(InterfaceVr, PortOfABridgeHasNoVrf) {
-    int rc = in_private_netns([] {
-        if (!run("ip link add mgt-br0 type bridge") || !run("ip link add mgt-v0 type veth peer name mgt-v1") ||
-            !run("ip link set mgt-v0 master mgt-br0")) {
-            return 2;
-        }
-        uint32_t slot = 99;
-        if (vk_get_if_vr("mgt-v0", &slot) != 0 || slot != 0) {
-            fprintf(stderr, "bridge port: slot %u\n", slot);
-            return 1;
-        }
-        slot = 99;
-        if (vk_get_if_vr("mgt-v1", &slot) != 0 || slot != 0) {
-            return 1;
-        }
-        return get_vrid_from_ifindex(if_nametoindex("mgt-v0")) == 0 ? 0 : 1;
-    });
+    int rc = in_private_netns({"ip link add mgt-br0 type bridge", "ip link add mgt-v0 type veth peer name mgt-v1",
+                               "ip link set mgt-v0 master mgt-br0"},
+                              [] {
+                                  return vr_of("mgt-v0") == 0 && vr_of("mgt-v1") == 0 &&
+                                         get_vrid_from_ifindex(if_nametoindex("mgt-v0")) == 0;
+                              });
     if (rc == 2) {
         GTEST_SKIP() << "no private network namespace with bridges here";
     }
     EXPECT_EQ(rc, 0);
 }
 
-TEST(InterfaceVr, VrfPortAnswersTheVrfTable) {
-    int rc = in_private_netns([] {
-        if (!run("ip link add mgt-blue type vrf table 42") || !run("ip link add mgt-red type vrf table 0x12345") ||
-            !run("ip link add mgt-v0 type veth peer name mgt-v1") || !run("ip link set mgt-v0 master mgt-blue") ||
-            !run("ip link set mgt-v1 master mgt-red")) {
-            return 2;
-        }
-        uint32_t slot = 0;
-        if (vk_get_if_vr("mgt-v0", &slot) != 0 || slot != 42) {
-            fprintf(stderr, "port of blue: slot %u\n", slot);
-            return 1;
-        }
-        slot = 0;
-        if (vk_get_if_vr("mgt-blue", &slot) != 0 || slot != 42) {
-            fprintf(stderr, "blue itself: slot %u\n", slot);
-            return 1;
-        }
-        if (get_vrid_from_ifindex(if_nametoindex("mgt-v0")) != 42) {
-            return 1;
-        }
-        // The id is the low 16 bits of the table.
-        if (get_vrid_from_ifindex(if_nametoindex("mgt-v1")) != 0x2345) {
-            return 1;
-        }
-        return 0;
-    });
+TEST(InterfaceVr, VrfPortAnswersTheLow16BitsOfTheVrfTable) {
+    int rc = in_private_netns({"ip link add mgt-blue type vrf table 42", "ip link add mgt-red type vrf table 0x12345",
+                               "ip link add mgt-v0 type veth peer name mgt-v1", "ip link set mgt-v0 master mgt-blue",
+                               "ip link set mgt-v1 master mgt-red"},
+                              [] {
+                                  return vr_of("mgt-v0") == 42 && vr_of("mgt-blue") == 42 &&
+                                         get_vrid_from_ifindex(if_nametoindex("mgt-v0")) == 42 &&
+                                         get_vrid_from_ifindex(if_nametoindex("mgt-v1")) == 0x2345;
+                              });
     if (rc == 2) {
         GTEST_SKIP() << "this kernel has no VRF devices (or no private network namespace)";
     }
     EXPECT_EQ(rc, 0);
 }
 
-}  // namespace
+} // namespace
