@@ -19,19 +19,23 @@ using testing::internal::GetCapturedStdout;
 
 namespace {
 
-// What a handler saw while the request was in service.
+constexpr uint32_t M = 0x510000; // module of this file's entities
+
+// What the handlers saw while the request was in service.
 struct Seen {
     mgiInfo info;
     int config_mode;
     std::string admin_user, ip_addr;
     int ui_language;
     uint32_t local_flags;
+    Bytes cookie;
     std::vector<std::string> calls;
-    Bytes cookie; // the cookie's body while the request was in service
 };
 Seen g_seen;
 
-void snapshot(mgiInfo *i) {
+void call(const std::string &what) { g_seen.calls.push_back(what); }
+
+int record_data(mgiInfo *i) {
     g_seen.info = *i;
     g_seen.config_mode = _config_mode;
     g_seen.admin_user = mgi_get_admin_user();
@@ -40,30 +44,34 @@ void snapshot(mgiInfo *i) {
     g_seen.local_flags = ipcmsg_get_local_flags();
     auto *c = static_cast<uint8_t *>(i->cookie);
     g_seen.cookie = c ? Bytes(c, c + i->cookie_len) : Bytes{};
-}
-
-constexpr uint32_t M = 0x510000; // module of this file's entities
-
-int record_data(mgiInfo *i) {
-    snapshot(i);
-    g_seen.calls.push_back("data");
+    call("data");
     return 0;
 }
-int record_encode(mgiInfo *i) {
-    g_seen.calls.push_back("encode");
+int final_answer(mgiInfo *i) {
+    call("encode");
     set_rsptype(i, MGI_RSP_FINAL);
     return 0;
 }
-int record_err(mgiInfo *i) {
-    g_seen.calls.push_back("err " + std::to_string(i->decodeErr) + "/" + std::to_string(i->encodeErr));
+int index_a(mgiInfo *) { return call("index a"), 0; }
+int index_b(mgiInfo *) { return call("index b"), 0; }
+int index_c(mgiInfo *i) {
+    call("index c");
+    if (i->rqt_type == 99) set_decode_errcode(i, -7);
+    return 0;
+}
+int err_to_text(mgiInfo *i) {
+    call("errHandle " + std::to_string(i->decodeErr) + "/" + std::to_string(i->encodeErr));
+    mgi_sprintf_err(i, "object failed");
+    return 0;
+}
+int fail_with_text(mgiInfo *i) {
+    mgi_sprintf_err(i, "role %s does not exist", "r9");
     return 0;
 }
 
 class Serve : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        add_entity({}, M | 1, 0, nullptr, record_err, record_data, record_encode);
-    }
+    static void SetUpTestSuite() { add_entity({}, M | 1, 0, nullptr, nullptr, record_data, final_answer); }
     void SetUp() override { g_seen = Seen{}; }
 };
 
@@ -109,7 +117,6 @@ TEST_F(Serve, HeaderFieldsReachTheContextAndTheResponseHeader) {
     EXPECT_STREQ(i.rqt_ip_addr, "10.1.2.3");
     EXPECT_EQ(g_seen.ip_addr, "10.1.2.3");
     EXPECT_EQ(i.rqt_target[0], M | 1);
-    EXPECT_EQ(i.rqt_target[1], 0u);
     EXPECT_EQ(i.rqt_type, 77);
     EXPECT_EQ(i.rqt_nextseg, MGI_SEG_COOKIE);
     EXPECT_EQ(i.rqt_len, 11);
@@ -128,14 +135,13 @@ TEST_F(Serve, HeaderFieldsReachTheContextAndTheResponseHeader) {
     EXPECT_STREQ(i.fernlook_type, "probe");
     EXPECT_EQ(i.rsp_data_type, 0x55u);
     EXPECT_EQ(i.cond_ctx, &gcondCtx);
-    EXPECT_EQ(i.rsp_len, 0u);
 
-    // The response header.
+    // The response header; a handler that appends nothing leaves the request's nextseg in byte 128.
     ASSERT_EQ(r.bytes.size(), 312u);
     EXPECT_EQ(r.type(), MGI_RSP_FINAL);
     EXPECT_EQ(r.len(), 0);
     EXPECT_EQ(0, std::memcmp(&r.bytes[88], &q[88], 40));
-    EXPECT_EQ(r.bytes[MGI_OFF_NEXTSEG], MGI_SEG_COOKIE); // nothing appended: the request's nextseg stays
+    EXPECT_EQ(r.bytes[MGI_OFF_NEXTSEG], MGI_SEG_COOKIE);
     EXPECT_EQ(be32(&r.bytes[MGI_OFF_OFFSET]), 0xFFFFFFFFu);
     EXPECT_EQ(be32(&r.bytes[MGI_OFF_RSP_AUX]), 0u);
     EXPECT_EQ(be16(&r.bytes[MGI_OFF_RQT_AUX]), 0xabcd);
@@ -161,20 +167,18 @@ TEST_F(Serve, LanguageComesFromTheSystemForSomeSourcesAndForZero) {
         q[MGI_OFF_LANGUAGE] = src == 0 ? 0 : 9;
         serve(q);
         EXPECT_EQ(g_seen.ui_language, src == 1 ? 9 : 42) << int(src);
-        EXPECT_EQ(g_seen.info.rqt_language, src == 0 ? 0 : 9);
     }
     _system_language = saved;
 }
 
-TEST_F(Serve, SegmentsAreRecordedWithLengthAndSubtype) {
+TEST_F(Serve, SegmentsAreRecordedAndPayloadFormsFollowNextseg) {
     std::vector<Seg> segs = {
         {MGI_SEG_UIINFO, {9, 9}, 1},        {MGI_SEG_CONDITION, {1, 2, 3}, 0x31},
         {MGI_SEG_COOKIE, {4}, 0x32},        {136, {0, 0, 0}, 7},
         {MGI_SEG_RULEDATA, {5, 6}, 0x33},   {MGI_SEG_UDCDATA, {7, 7, 7, 7, 7}, 0x34},
         {MGI_SEG_QUERYDATA, {8}, 0x35},     {MGI_SEG_COOKIE, {4, 4, 4, 4}, 0x36},
     };
-    Bytes q = request({M | 1}, 0, segs);
-    serve(q);
+    serve(request({M | 1}, 0, segs));
     const mgiInfo &i = g_seen.info;
     auto *base = static_cast<uint8_t *>(i.rqt_data) - MGI_HDR_LEN; // the request as served
     auto at = [&](void *p) { return static_cast<uint8_t *>(p) - base; };
@@ -192,13 +196,12 @@ TEST_F(Serve, SegmentsAreRecordedWithLengthAndSubtype) {
     EXPECT_EQ(i.cookie_len, 4);
     EXPECT_EQ(i.cookie_subtype, 0x36u);
     EXPECT_EQ(g_seen.cookie, (Bytes{4, 4, 4, 4}));
-}
 
-TEST_F(Serve, PayloadFormsByNextseg) {
+    // A plain record (nextseg below 128) is the mgidata, with length 0; nextseg 128 or 139 walks nothing.
     Bytes rec = mgmt_test::mgi_record_message(0, {1, 2, 3, 4});
     std::copy_n(request({M | 1}).begin() + 88, 40, rec.begin() + 88);
     serve(rec);
-    EXPECT_EQ(g_seen.info.mgidata, g_seen.info.rqt_data); // a plain record, length 0
+    EXPECT_EQ(g_seen.info.mgidata, g_seen.info.rqt_data);
     EXPECT_EQ(g_seen.info.mgidata_len, 0);
     for (uint8_t first : {128, 139}) {
         Bytes q = request({M | 1}, 0, {{MGI_SEG_RULEDATA, {1}, 0}});
@@ -208,64 +211,39 @@ TEST_F(Serve, PayloadFormsByNextseg) {
     }
 }
 
-// ---------------------------------------------------------------- handler order
-
-std::vector<std::string> g_calls;
-int idx_a(mgiInfo *) { return g_calls.push_back("index a"), 0; }
-int idx_b(mgiInfo *) { return g_calls.push_back("index b"), 0; }
-int idx_c(mgiInfo *i) {
-    g_calls.push_back("index c");
-    if (i->rqt_type == 99) set_decode_errcode(i, -7);
-    return 0;
-}
-int data_c(mgiInfo *) { return g_calls.push_back("data c"), 0; }
-int enc_c(mgiInfo *) { return g_calls.push_back("encode c"), 0; }
-int err_c(mgiInfo *i) { return g_calls.push_back("err " + std::to_string(i->decodeErr)), 0; }
-
 TEST_F(Serve, IndexDecodersRunFromTheRootAndAnErrorStopsTheRest) {
-    add_entity({}, M | 0x10, APP_ENTITY_INDEXED, idx_a, nullptr, nullptr, nullptr);
-    add_entity({M | 0x10}, M | 0x11, 0, idx_b, nullptr, nullptr, nullptr); // kind 0: its decodeIndex never runs
-    add_entity({M | 0x10, M | 0x11}, M | 0x12, APP_ENTITY_INDEXED, idx_c, err_c, data_c, enc_c);
-    g_calls.clear();
-    serve(request({M | 0x10, M | 0x11, M | 0x12}));
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"index a", "index c", "data c", "encode c"}));
+    add_entity({}, M | 0x10, APP_ENTITY_INDEXED, index_a, nullptr, nullptr, nullptr);
+    add_entity({M | 0x10}, M | 0x11, 0, index_b, nullptr, nullptr, nullptr); // kind 0: its decodeIndex never runs
+    add_entity({M | 0x10, M | 0x11}, M | 0x12, APP_ENTITY_INDEXED, index_c, err_to_text, record_data, final_answer);
+    add_entity({}, M | 0x13, APP_ENTITY_INDEXED, index_a, nullptr, record_data, final_answer);
+    const struct {
+        std::vector<uint32_t> target;
+        uint8_t type;
+        std::vector<std::string> calls;
+    } cases[] = {
+        {{M | 0x10, M | 0x11, M | 0x12}, 0, {"index a", "index c", "data", "encode"}},
+        {{M | 0x10, M | 0x11, M | 0x12}, 99, {"index a", "index c", "errHandle -7/0"}},
+        {{M | 0x13}, 0, {"data", "encode"}}, // a one-word target runs no decodeIndex, not even its own
+    };
+    for (const auto &c : cases) {
+        g_seen.calls.clear();
+        serve(request(c.target, c.type));
+        EXPECT_EQ(g_seen.calls, c.calls) << c.target.size() << " words, type " << int(c.type);
+    }
 
-    g_calls.clear();
-    serve(request({M | 0x10, M | 0x11, M | 0x12}, 99));
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"index a", "index c", "err -7"}));
-
-    // A one-word target runs no decodeIndex, not even its own.
-    g_calls.clear();
-    add_entity({}, M | 0x13, APP_ENTITY_INDEXED, idx_a, nullptr, data_c, enc_c);
-    serve(request({M | 0x13}));
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"data c", "encode c"}));
-}
-
-TEST_F(Serve, TenWordTargetVisitsNineLevels) {
+    // A ten-word target: the tenth word never reaches the index decoders, and all ten are echoed.
     std::vector<uint32_t> path;
     for (uint32_t level = 1; level <= 10; ++level) {
-        add_entity(path, M | (0x100 + level), APP_ENTITY_INDEXED, idx_a, nullptr,
-                   level == 10 ? data_c : nullptr, level == 10 ? enc_c : nullptr);
+        add_entity(path, M | (0x100 + level), APP_ENTITY_INDEXED, index_a, nullptr,
+                   level == 10 ? record_data : nullptr, level == 10 ? final_answer : nullptr);
         path.push_back(M | (0x100 + level));
     }
-    g_calls.clear();
+    g_seen.calls.clear();
     Response r = serve(request(path));
-    EXPECT_EQ(g_calls.size(), 9u + 2u);
-    EXPECT_EQ(g_calls[8], "index a");
-    EXPECT_EQ(g_calls[9], "data c");
-    EXPECT_EQ(0, std::memcmp(&r.bytes[88], &request(path)[88], 40)); // all ten words echoed
-}
-
-// ---------------------------------------------------------------- error roads
-
-int fail_with_text(mgiInfo *i) {
-    mgi_sprintf_err(i, "role %s does not exist", "r9");
-    return 0;
-}
-int err_to_text(mgiInfo *i) {
-    g_calls.push_back("errHandle " + std::to_string(i->decodeErr) + "/" + std::to_string(i->encodeErr));
-    mgi_sprintf_err(i, "object failed");
-    return 0;
+    std::vector<std::string> want(9, "index a");
+    want.insert(want.end(), {"data", "encode"});
+    EXPECT_EQ(g_seen.calls, want);
+    EXPECT_EQ(0, std::memcmp(&r.bytes[88], &request(path)[88], 40));
 }
 
 TEST_F(Serve, UnknownPathAnswersWithNoErrorSegment) {
@@ -274,7 +252,6 @@ TEST_F(Serve, UnknownPathAnswersWithNoErrorSegment) {
     EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nrequest path does not exist\n"
                                    "there is sw error, as decodeErr -101 not set but get into error handling!\n");
     EXPECT_EQ(r.type(), 0);
-    EXPECT_EQ(r.len(), 0);
     EXPECT_EQ(r.bytes.size(), 312u);
 
     CaptureStdout();
@@ -285,45 +262,42 @@ TEST_F(Serve, UnknownPathAnswersWithNoErrorSegment) {
 }
 
 TEST_F(Serve, MissingHandlersAndHandlerErrors) {
-    add_entity({}, M | 0x20, 0, nullptr, err_to_text, nullptr, enc_c);      // no decodeData
-    add_entity({}, M | 0x21, 0, nullptr, err_to_text, data_c, nullptr);      // no encodeData
-    add_entity({}, M | 0x22, 0, nullptr, err_to_text, fail_with_text, enc_c); // fails with a text
-    add_entity({}, M | 0x23, 0, nullptr, nullptr, data_c, nullptr);          // no encodeData, no errHandle
-
-    g_calls.clear();
-    Response r = serve(request({M | 0x20}));
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"errHandle -101/0"}));
-    EXPECT_EQ(r.type(), MGI_RSP_ERROR);
-    const Seg *e = r.segment(MGI_SEG_ERROR);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(host_i32(e->body, 0), -101);
-    EXPECT_STREQ(reinterpret_cast<const char *>(&e->body[16]), "object failed");
-
-    g_calls.clear();
-    r = serve(request({M | 0x21}));
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"data c", "errHandle 0/-100"}));
-    ASSERT_NE(r.segment(MGI_SEG_ERROR), nullptr);
-    EXPECT_EQ(host_i32(r.segment(MGI_SEG_ERROR)->body, 0), -100);
-
-    g_calls.clear();
-    r = serve(request({M | 0x22}));
-    // The handler's segment stands; errHandle's second text doesn't make another.
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"errHandle -1/-1"}));
-    EXPECT_EQ(r.type(), MGI_RSP_ERROR);
-    ASSERT_EQ(r.segments().size(), 1u);
-    EXPECT_EQ(host_i32(r.segments()[0].body, 0), -1);
-    EXPECT_EQ(r.segments()[0].body.size(), 16 + text_body("role r9 does not exist").size());
-    EXPECT_STREQ(reinterpret_cast<const char *>(&r.segments()[0].body[16]), "role r9 does not exist");
-
+    add_entity({}, M | 0x20, 0, nullptr, err_to_text, nullptr, final_answer);   // no decodeData
+    add_entity({}, M | 0x21, 0, nullptr, err_to_text, record_data, nullptr);    // no encodeData
+    add_entity({}, M | 0x22, 0, nullptr, err_to_text, fail_with_text, nullptr); // fails with a text
+    add_entity({}, M | 0x23, 0, nullptr, nullptr, record_data, nullptr);        // no encodeData, no errHandle
+    const struct {
+        uint32_t word;
+        std::vector<std::string> calls;
+        int code;
+        const char *text;
+    } cases[] = {
+        {M | 0x20, {"errHandle -101/0"}, -101, "object failed"},
+        {M | 0x21, {"data", "errHandle 0/-100"}, -100, "object failed"},
+        // The handler's segment stands; errHandle's second text doesn't make another.
+        {M | 0x22, {"errHandle -1/-1"}, -1, "role r9 does not exist"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        g_seen.calls.clear();
+        Response r = serve(request({c.word}));
+        EXPECT_EQ(g_seen.calls, c.calls);
+        EXPECT_EQ(r.type(), MGI_RSP_ERROR);
+        ASSERT_EQ(r.segments().size(), 1u);
+        const Seg e = r.segments()[0];
+        EXPECT_EQ(e.type, MGI_SEG_ERROR);
+        EXPECT_EQ(host_i32(e.body, 0), c.code);
+        EXPECT_EQ(Bytes(e.body.begin() + 16, e.body.end()), text_body(c.text));
+    }
     // encodeErr with an entity but no errHandle: nothing is appended, rsptype stays.
-    r = serve(request({M | 0x23}));
+    Response r = serve(request({M | 0x23}));
     EXPECT_EQ(r.type(), 0);
     EXPECT_EQ(r.len(), 0);
 }
 
 // ---------------------------------------------------------------- data bodies
 
-std::vector<uint8_t> g_body;
+Bytes g_body;
 uint16_t g_in_place = 0;
 int encode_body(mgiInfo *i) {
     mgi_init_rsp_message(i);
@@ -335,13 +309,13 @@ int encode_body(mgiInfo *i) {
     }
     static uint32_t cookie[2] = {0x11111111, 0x22222222};
     mgi_set_rsp_cookie(i, cookie, i->rqt_type == 1 ? 0 : 8);
-    set_rsptype(i, i->rqt_type == 2 ? MGI_RSP_PARTIAL : MGI_RSP_FINAL);
+    set_rsptype(i, MGI_RSP_FINAL);
     mgi_final_rsp_message(i);
     return 0;
 }
 
-TEST_F(Serve, DataBodyThenCookie) {
-    add_entity({}, M | 0x30, 0, nullptr, nullptr, data_c, encode_body);
+TEST_F(Serve, DataBodyThenCookieAndTheBodyLimit) {
+    add_entity({}, M | 0x30, 0, nullptr, nullptr, record_data, encode_body);
     g_body = {1, 2, 3, 4, 5};
     g_in_place = 0;
     Response r = serve(request({M | 0x30}));
@@ -361,21 +335,18 @@ TEST_F(Serve, DataBodyThenCookie) {
     r = serve(request({M | 0x30}, 1));
     ASSERT_EQ(r.segments().size(), 1u);
     EXPECT_EQ(r.segments()[0].type, MGI_SEG_UDCDATA);
-}
 
-TEST_F(Serve, BodyLimitAppliesToCopiesOnly) {
-    add_entity({}, M | 0x31, 0, nullptr, nullptr, data_c, encode_body);
+    // A copy one byte over what fits behind the header is refused: the response goes out without a body.
     ConsoleCapture cap;
-    g_body.assign(49689, 1); // one byte over what fits behind the header
-    g_in_place = 0;
-    Response r = serve(request({M | 0x31}, 1));
+    g_body.assign(49689, 1);
+    r = serve(request({M | 0x30}, 1));
     EXPECT_EQ(cap.text(), "MGI: response data leng (49689) is incorrect\n");
-    EXPECT_TRUE(r.segments().empty()); // refused: the response goes out without a body
-
+    EXPECT_TRUE(r.segments().empty());
+    // Data written in place at the body's end takes no limit check.
     cap.clear();
     g_body.assign(49000, 1);
-    g_in_place = 680; // written in place: no limit is applied
-    r = serve(request({M | 0x31}, 1));
+    g_in_place = 680;
+    r = serve(request({M | 0x30}, 1));
     EXPECT_EQ(cap.text(), "");
     ASSERT_EQ(r.segments().size(), 1u);
     EXPECT_EQ(r.segments()[0].body.size(), 49680u);
@@ -394,9 +365,8 @@ int body_then_segment(mgiInfo *i) {
 }
 
 TEST_F(Serve, BodyMovesBehindASegmentAppendedInBetween) {
-    add_entity({}, M | 0x32, 0, nullptr, nullptr, data_c, body_then_segment);
-    Response r = serve(request({M | 0x32}));
-    auto segs = r.segments();
+    add_entity({}, M | 0x32, 0, nullptr, nullptr, record_data, body_then_segment);
+    auto segs = serve(request({M | 0x32})).segments();
     ASSERT_EQ(segs.size(), 2u);
     EXPECT_EQ(segs[0].type, MGI_SEG_ANSWER);
     EXPECT_EQ(segs[0].body, text_body("abcdefgh")); // 8 characters: a body of 16
@@ -413,14 +383,13 @@ int echo(mgiInfo *i) {
     return 0;
 }
 
-TEST_F(Serve, PreprovisioningEchoesTheRequestPayload) {
-    add_entity({}, M | 0x33, 0, nullptr, nullptr, data_c, echo);
+TEST_F(Serve, PreprovisioningEchoesTheRequestPayloadUnlessDataChanged) {
+    add_entity({}, M | 0x33, 0, nullptr, nullptr, record_data, echo);
     Bytes q = request({M | 0x33}, 0, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}, {MGI_SEG_COOKIE, {4}, 6}});
     Response r = serve(q);
     EXPECT_EQ(r.len(), q.size() - 312);
     EXPECT_TRUE(std::equal(q.begin() + 312, q.end(), r.bytes.begin() + 312));
-    r = serve(request({M | 0x33}, 5, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}}));
-    EXPECT_EQ(r.len(), 0);
+    EXPECT_EQ(serve(request({M | 0x33}, 5, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}})).len(), 0);
 }
 
 // ---------------------------------------------------------------- housekeeping, local flag
@@ -434,13 +403,12 @@ int keep_or_not(mgiInfo *i) {
 }
 
 TEST_F(Serve, ConditionContextSurvivesOnlyPartialAnswers) {
-    add_entity({}, M | 0x40, 0, nullptr, nullptr, data_c, keep_or_not);
+    add_entity({}, M | 0x40, 0, nullptr, nullptr, record_data, keep_or_not);
     free_cond_ctx_by_uiInfo();
     serve(request({M | 0x40}, 16));
     EXPECT_NE(gcondCtx.extra, nullptr);
     EXPECT_EQ(gcondCtx.ctx_word1, 5u);
-    Response r = serve(request({M | 0x40}, 27));
-    EXPECT_EQ(r.type(), MGI_RSP_FINAL2);
+    EXPECT_EQ(serve(request({M | 0x40}, 27)).type(), MGI_RSP_FINAL2);
     EXPECT_EQ(gcondCtx.extra, nullptr);
     EXPECT_EQ(gcondCtx.ctx_word1, 0u);
 }
@@ -452,24 +420,25 @@ int fail_index(mgiInfo *i) {
 }
 
 TEST_F(Serve, SourceEightHoldsLocalFlagFourForTheRequest) {
-    Bytes q = request({M | 1});
-    q[MGI_OFF_SRC] = 8;
-    serve(q);
-    EXPECT_EQ(g_seen.local_flags & (1u << 4), 1u << 4);
-    EXPECT_EQ(ipcmsg_get_local_flags() & (1u << 4), 0u);
-
     add_entity({}, M | 0x41, APP_ENTITY_INDEXED, nullptr, nullptr, nullptr, nullptr);
-    add_entity({M | 0x41}, M | 0x42, APP_ENTITY_INDEXED, fail_index, nullptr, data_c, enc_c);
-    q = request({M | 0x41, M | 0x42});
-    q[MGI_OFF_SRC] = 8;
-    g_seen.local_flags = 0;
-    serve(q);
-    EXPECT_EQ(g_seen.local_flags & (1u << 4), 1u << 4);
-    EXPECT_EQ(ipcmsg_get_local_flags() & (1u << 4), 0u); // cleared on the failing road too
-
-    q[MGI_OFF_SRC] = 9;
-    serve(q);
-    EXPECT_EQ(g_seen.local_flags & (1u << 4), 0u);
+    add_entity({M | 0x41}, M | 0x42, APP_ENTITY_INDEXED, fail_index, nullptr, record_data, final_answer);
+    const struct {
+        std::vector<uint32_t> target;
+        uint8_t src;
+        uint32_t flag;
+    } cases[] = {
+        {{M | 1}, 8, 1u << 4},
+        {{M | 0x41, M | 0x42}, 8, 1u << 4}, // a failing decodeIndex: the flag is still cleared afterwards
+        {{M | 0x41, M | 0x42}, 9, 0},
+    };
+    for (const auto &c : cases) {
+        Bytes q = request(c.target);
+        q[MGI_OFF_SRC] = c.src;
+        g_seen.local_flags = 0;
+        serve(q);
+        EXPECT_EQ(g_seen.local_flags & (1u << 4), c.flag) << c.target.size() << " words, source " << int(c.src);
+        EXPECT_EQ(ipcmsg_get_local_flags() & (1u << 4), 0u);
+    }
 }
 
 // ---------------------------------------------------------------- the length limit
@@ -482,20 +451,28 @@ int answer_of_len(mgiInfo *i) {
     return 0;
 }
 
-TEST_F(Serve, ResponseOfExactlyTheLimitPasses) {
-    add_entity({}, M | 0x50, 0, nullptr, nullptr, data_c, answer_of_len);
+TEST_F(Serve, ResponseOfExactlyTheLimitPassesOnBothRoads) {
+    add_entity({}, M | 0x50, 0, nullptr, nullptr, record_data, answer_of_len);
     g_answer_len = uint16_t(MGI_MAX_PAYLOAD - 8);
     Response r = serve(request({M | 0x50}));
     EXPECT_EQ(r.bytes.size(), 50000u);
     ASSERT_EQ(r.segments().size(), 1u);
     EXPECT_EQ(r.segments()[0].body.size(), size_t(g_answer_len));
+
+    Bytes q = request({M | 0x50}, 0, {{MGI_SEG_COOKIE, {1, 2}, 0}});
+    std::vector<uint8_t> rsp(65536);
+    uint32_t len = 65536;
+    EXPECT_EQ(handle_ha_sync_mgi_msg(q.data(), 0, nullptr, rsp.data(), &len), 0);
+    EXPECT_EQ(len, 50000u);
+    EXPECT_EQ(rsp[MGI_OFF_TYPE], MGI_RSP_FINAL);
+    EXPECT_EQ(g_seen.info.cookie_len, 2);
 }
 
 using ServeDeathTest = Serve;
 
 TEST_F(ServeDeathTest, ResponseAboveTheLimitEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    add_entity({}, M | 0x51, 0, nullptr, nullptr, data_c, answer_of_len);
+    add_entity({}, M | 0x51, 0, nullptr, nullptr, record_data, answer_of_len);
     g_answer_len = uint16_t(MGI_MAX_PAYLOAD - 7);
     ipc_set_thread_identity(11, 0);
     EXPECT_DEATH(serve(request({M | 0x51})),
@@ -512,24 +489,8 @@ TEST_F(ServeDeathTest, ResponseAboveTheLimitEndsTheProcess) {
     EXPECT_DEATH(serve(request({M | 0x51}), 20000), "returned buf_len: 50001 more than mgi max len: 50000");
 }
 
-TEST_F(Serve, HaSyncRoadServesLikeTheIpcRoad) {
-    Bytes q = request({M | 1}, 0, {{MGI_SEG_COOKIE, {1, 2}, 0}});
-    std::vector<uint8_t> rsp(65536);
-    uint32_t len = 65536;
-    EXPECT_EQ(handle_ha_sync_mgi_msg(q.data(), 0, nullptr, rsp.data(), &len), 0);
-    EXPECT_EQ(len, 312u);
-    EXPECT_EQ(rsp[MGI_OFF_TYPE], MGI_RSP_FINAL);
-    EXPECT_EQ(g_seen.info.cookie_len, 2);
-}
-
-} // namespace
-
-namespace {
-
-// ---------------------------------------------------------------- a request built in a buffer pair
-
 TEST_F(Serve, RequestBuiltInAPairIsServedIntoItsReceiveBuffer) {
-    add_entity({}, M | 0x60, 0, nullptr, err_to_text, fail_with_text, enc_c);
+    add_entity({}, M | 0x60, 0, nullptr, err_to_text, fail_with_text, final_answer);
     mgiBuf *buf = init_mgi_r();
     ASSERT_NE(buf, nullptr);
     const uint32_t target[MGI_TARGET_WORDS] = {M | 0x60, 0};

@@ -5,16 +5,11 @@
 // back with the response readers.
 #include <gtest/gtest.h>
 
-#include <climits>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <poll.h>
+#include <functional>
+#include <memory>
 #include <set>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "mgmt/objects.h"
@@ -28,15 +23,6 @@ constexpr uint32_t kFrontEnd = 5;
 constexpr size_t kRoleLen = 72;
 constexpr size_t kMappingLen = 164;
 constexpr uint32_t kRows = 500;
-
-std::string daemon_path() {
-    if (const char *dir = std::getenv("MGMT_TEST_BINARY_DIR")) return std::string(dir) + "/examples/app_daemon";
-    char exe[PATH_MAX] = {};
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    std::string p(exe, n > 0 ? size_t(n) : 0);
-    for (int up = 0; up < 2; ++up) p = p.substr(0, p.rfind('/'));
-    return p + "/examples/app_daemon";
-}
 
 // What the direct callback saw, one entry per answer.
 struct Answers {
@@ -65,96 +51,56 @@ std::vector<std::string> names_of(const Answers &a, size_t stride, size_t name_a
 
 // The last response, as the response readers give it.
 struct LastResponse {
+    int rc;
     uint8_t type;
     int code, private_code;
     std::string text;
     bool has_text;
     Bytes header;
 };
-LastResponse read_last(mgiInfo &info) {
-    LastResponse r;
-    r.type = get_mgi_resp_type_r(info.mgi_buf);
-    r.code = mgi_get_rsp_err_code_r(info.mgi_buf);
-    r.private_code = mgi_get_rsp_private_err_code_r(info.mgi_buf);
-    const char *t = get_errString_r(info.mgi_buf);
-    r.has_text = t != nullptr;
-    r.text = t ? t : "";
-    r.header.assign(info.mgi_buf->rbuf, info.mgi_buf->rbuf + MGI_HDR_LEN);
+
+using Stub = int (*)(mgiInfo *, mgi_direct_callback, void *);
+
+// One request of the front end through a stub, with the key in item slot 0 if
+// given; prepare may set more of the request.
+LastResponse ask(Stub stub, const char *key = nullptr, const std::function<void(mgiInfo &)> &prepare = {}) {
+    LastResponse r{};
+    run_as(kFrontEnd, [&] {
+        mgiInfo info;
+        init_mgi_info(&info);
+        if (key) info.rqt_item[0] = &key;
+        if (prepare) prepare(info);
+        r.rc = stub(&info, collect, nullptr);
+        r.type = get_mgi_resp_type_r(info.mgi_buf);
+        r.code = mgi_get_rsp_err_code_r(info.mgi_buf);
+        r.private_code = mgi_get_rsp_private_err_code_r(info.mgi_buf);
+        const char *t = get_errString_r(info.mgi_buf);
+        r.has_text = t != nullptr;
+        r.text = t ? t : "";
+        r.header.assign(info.mgi_buf->rbuf, info.mgi_buf->rbuf + MGI_HDR_LEN);
+    });
     return r;
 }
 
 class ServeDaemon : public ::testing::Test {
   protected:
-    static pid_t pid_;
-    static int out_fd_;
-
     static void SetUpTestSuite() {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        std::string path = daemon_path();
-        pid_ = fork();
-        ASSERT_GE(pid_, 0);
-        if (pid_ == 0) {
-            dup2(fds[1], 1);
-            close(fds[0]);
-            close(fds[1]);
-            std::string rows = std::to_string(kRows);
-            execl(path.c_str(), path.c_str(), "--rows", rows.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        out_fd_ = fds[0];
-        fcntl(out_fd_, F_SETFL, O_NONBLOCK);
-        ASSERT_NE(read_output(10000).find("ready\n"), std::string::npos) << "the daemon didn't start: " << path;
+        daemon_ = std::make_unique<Daemon>("examples/app_daemon", std::vector<std::string>{"--rows", "500"}, 11);
+        ASSERT_TRUE(daemon_->ok()) << daemon_->output();
     }
     static void TearDownTestSuite() {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            int status = 0;
-            waitpid(pid_, &status, 0);
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "daemon status " << status;
-        }
-        if (out_fd_ >= 0) close(out_fd_);
-    }
-    // What the daemon printed within ms (reading stops at the first quiet 200 ms once something came).
-    static std::string read_output(int ms) {
-        std::string out;
-        for (int waited = 0; waited < ms;) {
-            pollfd p{out_fd_, POLLIN, 0};
-            int step = out.empty() ? 100 : 200;
-            if (poll(&p, 1, step) <= 0) {
-                if (!out.empty()) break;
-                waited += step;
-                continue;
-            }
-            char buf[4096];
-            ssize_t n = read(out_fd_, buf, sizeof buf);
-            if (n <= 0) break;
-            out.append(buf, size_t(n));
-        }
-        return out;
-    }
-    // Drops what the daemon printed so far.
-    static void drain() {
-        char buf[4096];
-        while (read(out_fd_, buf, sizeof buf) > 0) {
-        }
+        EXPECT_EQ(daemon_->stop(), 0);
+        daemon_.reset();
     }
     void SetUp() override { g_answers = Answers{}; }
+    static std::unique_ptr<Daemon> daemon_;
 };
-pid_t ServeDaemon::pid_ = -1;
-int ServeDaemon::out_fd_ = -1;
+std::unique_ptr<Daemon> ServeDaemon::daemon_;
 
 TEST_F(ServeDaemon, WholeTableComesInOrderOverSeveralPartialAnswers) {
-    int rc = -1;
-    Bytes first_cookie;
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        rc = final_get_aaa_role(&info, collect, nullptr);
-        EXPECT_EQ(get_mgi_resp_type_r(info.mgi_buf), MGI_RSP_FINAL);
-    });
-    ASSERT_EQ(rc, 0);
+    LastResponse last = ask(final_get_aaa_role);
+    ASSERT_EQ(last.rc, 0);
+    EXPECT_EQ(last.type, MGI_RSP_FINAL);
     // 194 records of 72 bytes fit in one answer: 500 rows take three.
     ASSERT_EQ(g_answers.data.size(), 3u);
     EXPECT_EQ(g_answers.data[0].size(), 194 * kRoleLen);
@@ -162,8 +108,7 @@ TEST_F(ServeDaemon, WholeTableComesInOrderOverSeveralPartialAnswers) {
     EXPECT_TRUE(g_answers.cookie[2].empty());
     std::vector<std::string> names = names_of(g_answers, kRoleLen);
     ASSERT_EQ(names.size(), kRows);
-    std::set<std::string> distinct(names.begin(), names.end());
-    EXPECT_EQ(distinct.size(), kRows);
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), kRows);
     for (uint32_t i = 0; i < kRows; ++i) ASSERT_EQ(names[i], "role" + std::to_string(i + 1)) << i;
     // The cookie of the first part, big-endian: next index 194, last 499.
     uint32_t c[6];
@@ -174,15 +119,8 @@ TEST_F(ServeDaemon, WholeTableComesInOrderOverSeveralPartialAnswers) {
 }
 
 TEST_F(ServeDaemon, OneRowByKey) {
-    LastResponse last;
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        const char *name = "role123";
-        info.rqt_item[0] = &name;
-        ASSERT_EQ(final_get_aaa_role(&info, collect, nullptr), 0);
-        last = read_last(info);
-    });
+    LastResponse last = ask(final_get_aaa_role, "role123");
+    ASSERT_EQ(last.rc, 0);
     ASSERT_EQ(g_answers.data.size(), 1u);
     ASSERT_EQ(g_answers.data[0].size(), kRoleLen);
     const Bytes &row = g_answers.data[0];
@@ -204,34 +142,27 @@ TEST_F(ServeDaemon, OneRowByKey) {
 TEST_F(ServeDaemon, MatchExpressionFiltersTheWalk) {
     std::string pattern = "^role1[0-9]$";
     Bytes body(140 + pattern.size() + 1, 0);
-    uint32_t mask[3] = {1, 0, 0};
-    std::memcpy(body.data(), mask, sizeof mask);
-    body[12] = 10; // object id 0, the name: a regular expression
+    uint32_t mask = 1; // object id 0, the name, in host order
+    std::memcpy(body.data(), &mask, 4);
+    body[12] = 10; // its match type: a regular expression
     int32_t len = int32_t(pattern.size() + 1);
     std::memcpy(&body[132], &len, 4);
     std::memcpy(&body[140], pattern.c_str(), pattern.size() + 1);
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
-        mgi_set_rqt_udcdata(&info, body.data(), uint16_t(body.size()));
-        ASSERT_EQ(final_get_aaa_role(&info, collect, nullptr), 0);
-    });
+    ASSERT_EQ(ask(final_get_aaa_role, nullptr,
+                  [&](mgiInfo &info) {
+                      mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
+                      mgi_set_rqt_udcdata(&info, body.data(), uint16_t(body.size()));
+                  })
+                  .rc,
+              0);
     std::vector<std::string> want;
     for (int i = 10; i <= 19; ++i) want.push_back("role" + std::to_string(i));
     EXPECT_EQ(names_of(g_answers, kRoleLen), want);
 }
 
-TEST_F(ServeDaemon, NestedChildUnderItsParentsKey) {
-    LastResponse last;
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        const char *role = "role5";
-        info.rqt_item[0] = &role;
-        ASSERT_EQ(final_get_aaa_role_role_mapping(&info, collect, nullptr), 0);
-        last = read_last(info);
-    });
+TEST_F(ServeDaemon, NestedChildUnderItsParentsKeyAndSingleInstance) {
+    LastResponse last = ask(final_get_aaa_role_role_mapping, "role5");
+    ASSERT_EQ(last.rc, 0);
     ASSERT_EQ(g_answers.data.size(), 1u);
     EXPECT_EQ(names_of(g_answers, kMappingLen, 32),
               (std::vector<std::string>{"group-5-0", "group-5-1", "group-5-2"}));
@@ -239,25 +170,13 @@ TEST_F(ServeDaemon, NestedChildUnderItsParentsKey) {
     EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET + 4]), 0xe0001u);
 
     // A parent that doesn't exist fails in the parent's index decoder.
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        const char *role = "nosuch";
-        info.rqt_item[0] = &role;
-        ASSERT_EQ(final_get_aaa_role_role_mapping(&info, collect, nullptr), 0);
-        last = read_last(info);
-    });
+    last = ask(final_get_aaa_role_role_mapping, "nosuch");
     EXPECT_EQ(last.type, MGI_RSP_ERROR);
     EXPECT_EQ(last.code, -11);
     EXPECT_EQ(last.text, "role nosuch does not exist");
-}
 
-TEST_F(ServeDaemon, SingleInstanceObject) {
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        ASSERT_EQ(final_get_aaa_radius_authorization(&info, collect, nullptr), 0);
-    });
+    g_answers = Answers{};
+    ASSERT_EQ(ask(final_get_aaa_radius_authorization).rc, 0);
     ASSERT_EQ(g_answers.data.size(), 1u);
     ASSERT_EQ(g_answers.data[0].size(), 8u);
     uint32_t v[2];
@@ -267,19 +186,8 @@ TEST_F(ServeDaemon, SingleInstanceObject) {
 }
 
 TEST_F(ServeDaemon, ExecAndItsErrorWithPrivateCode) {
-    LastResponse first, second;
-    run_as(kFrontEnd, [&] {
-        const char *user = "alice";
-        mgiInfo info;
-        init_mgi_info(&info);
-        info.rqt_item[0] = &user;
-        ASSERT_EQ(final_exec_aaa_del_lockout(&info, collect, nullptr), 0);
-        first = read_last(info);
-        init_mgi_info(&info);
-        info.rqt_item[0] = &user;
-        ASSERT_EQ(final_exec_aaa_del_lockout(&info, collect, nullptr), 0);
-        second = read_last(info);
-    });
+    LastResponse first = ask(final_exec_aaa_del_lockout, "alice");
+    LastResponse second = ask(final_exec_aaa_del_lockout, "alice");
     EXPECT_EQ(first.type, MGI_RSP_FINAL);
     EXPECT_EQ(first.code, 0);
     EXPECT_FALSE(first.has_text);
@@ -293,41 +201,34 @@ TEST_F(ServeDaemon, ExecAndItsErrorWithPrivateCode) {
 }
 
 TEST_F(ServeDaemon, ErrorRoads) {
-    drain();
-    LastResponse unknown, no_decode, no_encode, with_text;
-    run_as(kFrontEnd, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        ASSERT_EQ(final_get_aaa_dynamic_cap(&info, collect, nullptr), 0); // served by nobody's entity
-        unknown = read_last(info);
-        init_mgi_info(&info);
-        ASSERT_EQ(final_get_aaa_connect_control_user(&info, collect, nullptr), 0);
-        no_decode = read_last(info);
-        init_mgi_info(&info);
-        ASSERT_EQ(final_get_aaa_user_mapping_entity(&info, collect, nullptr), 0);
-        no_encode = read_last(info);
-        init_mgi_info(&info);
-        const char *name = "role9999";
-        info.rqt_item[0] = &name;
-        ASSERT_EQ(final_get_aaa_role(&info, collect, nullptr), 0);
-        with_text = read_last(info);
-    });
+    size_t printed = daemon_->output().size();
     // An unknown path: no handler runs, the answer has no error segment and type 0.
+    LastResponse unknown = ask(final_get_aaa_dynamic_cap); // served by nobody's entity
+    EXPECT_EQ(unknown.rc, 0);
     EXPECT_EQ(unknown.type, 0);
     EXPECT_EQ(unknown.code, 0);
     EXPECT_FALSE(unknown.has_text);
-    EXPECT_EQ(read_output(3000), "request path does not exist\nrequest path does not exist\n"
-                                 "there is sw error, as decodeErr -101 not set but get into error handling!\n");
+    EXPECT_EQ(daemon_->output().substr(printed),
+              "request path does not exist\nrequest path does not exist\n"
+              "there is sw error, as decodeErr -101 not set but get into error handling!\n");
 
-    EXPECT_EQ(no_decode.type, MGI_RSP_ERROR);
-    EXPECT_EQ(no_decode.code, -101);
-    EXPECT_EQ(no_decode.text, "object 0xe0019: the request failed (-101)");
-    EXPECT_EQ(no_encode.type, MGI_RSP_ERROR);
-    EXPECT_EQ(no_encode.code, -100);
-    EXPECT_EQ(no_encode.text, "object 0xe0018: the request failed (-100)");
-    EXPECT_EQ(with_text.type, MGI_RSP_ERROR);
-    EXPECT_EQ(with_text.code, -11);
-    EXPECT_EQ(with_text.text, "role role9999 does not exist");
+    const struct {
+        Stub stub;
+        const char *key;
+        int code;
+        const char *text;
+    } roads[] = {
+        {final_get_aaa_connect_control_user, nullptr, -101, "object 0xe0019: the request failed (-101)"},
+        {final_get_aaa_user_mapping_entity, nullptr, -100, "object 0xe0018: the request failed (-100)"},
+        {final_get_aaa_role, "role9999", -11, "role role9999 does not exist"},
+    };
+    for (const auto &road : roads) {
+        LastResponse r = ask(road.stub, road.key);
+        EXPECT_EQ(r.rc, 0) << road.text;
+        EXPECT_EQ(r.type, MGI_RSP_ERROR) << road.text;
+        EXPECT_EQ(r.code, road.code) << road.text;
+        EXPECT_EQ(r.text, road.text);
+    }
 }
 
 } // namespace
