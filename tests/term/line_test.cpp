@@ -2,11 +2,7 @@
 // record it leaves, and a screen model that must keep matching the record.
 
 #include <gtest/gtest.h>
-
-#include "test_support.h"
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,6 +13,7 @@
 #include <vector>
 
 #include "mgmt/term.h"
+#include "test_support.h"
 
 namespace {
 
@@ -50,19 +47,33 @@ term_line line_of(const std::string &text, int32_t cursor) {
     return l;
 }
 
-std::string text_of(const term_line &l) {
-    return std::string(l.buf, static_cast<size_t>(l.len));
-}
+std::string text_of(const term_line &l) { return std::string(l.buf, static_cast<size_t>(l.len)); }
 
-std::string bs(int n) {
-    return std::string(static_cast<size_t>(n), '\b');
-}
+std::string bs(int n) { return std::string(static_cast<size_t>(n), '\b'); }
 
 // Bytes behind len are zero after kills and deletes.
 void expect_zero_tail(const term_line &l, int32_t upto) {
     for (int32_t i = l.len; i < upto; ++i) {
         EXPECT_EQ(l.buf[i], 0) << "byte " << i;
     }
+}
+
+using Op = std::function<void(term_line *)>;
+
+Op with_key(void (*op)(term_line *, uint8_t), uint8_t key) {
+    return [op, key](term_line *l) { op(l, key); };
+}
+
+Op inserting(uint8_t key) {
+    return [key](term_line *l) { term_insert(l, key); };
+}
+
+std::string pattern(size_t n) {
+    std::string s(n, ' ');
+    for (size_t i = 0; i < n; ++i) {
+        s[i] = static_cast<char>('a' + i % 26);
+    }
+    return s;
 }
 
 TEST(TermOutput, WriteAndFormattedOutput) {
@@ -79,147 +90,108 @@ TEST(TermOutput, WriteAndFormattedOutput) {
     }
 }
 
-TEST(TermMoves, CharacterMovesBackspaceOrRepaint) {
-    term_line l = line_of("abc", 3);
-    EXPECT_EQ(captured([&] { term_forward_char(&l); }), "") << "nothing at the end";
-    EXPECT_EQ(captured([&] { term_backward_char(&l); }), "\b");
-    EXPECT_EQ(l.cursor, 2);
-    EXPECT_EQ(captured([&] { term_begin_of_line(&l); }), "\b\b");
-    EXPECT_EQ(l.cursor, 0);
-    EXPECT_EQ(captured([&] { term_backward_char(&l); }), "") << "nothing at 0";
-    EXPECT_EQ(captured([&] { term_forward_char(&l); }), "a") << "moving right repaints the cell";
-    int r = 0;
-    EXPECT_EQ(captured([&] { r = term_end_of_line(&l); }), "bc");
-    EXPECT_EQ(r, 3);
-    EXPECT_EQ(l.cursor, 3);
-    EXPECT_EQ(text_of(l), "abc");
-}
-
-TEST(TermMoves, WordMoves) {
-    term_line l = line_of("ab cd", 5);
-    EXPECT_EQ(captured([&] { term_backward_word(&l); }), bs(2));
-    EXPECT_EQ(l.cursor, 3) << "on the c";
-    EXPECT_EQ(captured([&] { term_backward_word(&l); }), bs(3));
-    EXPECT_EQ(l.cursor, 0) << "on the a";
-    EXPECT_EQ(captured([&] { term_backward_word(&l); }), "");
-
-    EXPECT_EQ(captured([&] { term_forward_word(&l); }), "ab ");
-    EXPECT_EQ(l.cursor, 3) << "on the c";
-    EXPECT_EQ(captured([&] { term_forward_word(&l); }), "cd");
-    EXPECT_EQ(l.cursor, 5);
-    EXPECT_EQ(captured([&] { term_forward_word(&l); }), "");
-
-    term_line gap = line_of("ab   cd  ", 2);
-    EXPECT_EQ(captured([&] { term_forward_word(&gap); }), "   ") << "from a space: over the spaces only";
-    EXPECT_EQ(gap.cursor, 5);
-    gap.cursor = 9;
-    EXPECT_EQ(captured([&] { term_backward_word(&gap); }), bs(4)) << "over trailing spaces, then the word";
-    EXPECT_EQ(gap.cursor, 5);
-
-    term_line lead = line_of("  ab", 2);
-    EXPECT_EQ(captured([&] { term_backward_word(&lead); }), bs(2));
-    EXPECT_EQ(lead.cursor, 0);
-}
-
-TEST(TermDelete, DeleteUnderAndLeftOfTheCursor) {
-    term_line l = line_of("abcd", 1);
-    EXPECT_EQ(captured([&] { term_delete_char(&l); }), "cd " + bs(3));
-    EXPECT_EQ(text_of(l), "acd");
-    EXPECT_EQ(l.cursor, 1);
-    expect_zero_tail(l, 8);
-
-    EXPECT_EQ(captured([&] { term_backward_delete_char(&l); }), "\bcd " + bs(3));
-    EXPECT_EQ(text_of(l), "cd");
-    EXPECT_EQ(l.cursor, 0);
-    EXPECT_EQ(captured([&] { term_backward_delete_char(&l); }), "") << "nothing at 0";
-    EXPECT_EQ(text_of(l), "cd");
-
-    l.cursor = 2;
-    EXPECT_EQ(captured([&] { term_delete_char(&l); }), "") << "nothing at the end";
-    EXPECT_EQ(captured([&] { term_backward_delete_char(&l); }), "\b \b");
-    EXPECT_EQ(text_of(l), "c");
-    expect_zero_tail(l, 8);
-}
-
-TEST(TermKill, ForwardKillWordLeavesTheSpacesBehindTheWord) {
-    term_line l = line_of("ab  cd", 0);
-    std::string out = captured([&] { term_forward_kill_word(&l); });
-    EXPECT_EQ(out, "b  cd " + bs(6) + "  cd " + bs(5));
-    EXPECT_EQ(text_of(l), "  cd");
-    EXPECT_EQ(l.cursor, 0) << "on the first space";
-    captured([&] { term_forward_kill_word(&l); });
-    EXPECT_EQ(text_of(l), "") << "from a space: the spaces, then the word";
-    expect_zero_tail(l, 8);
-
-    term_line mid = line_of("hello world", 2);
-    captured([&] { term_forward_kill_word(&mid); });
-    EXPECT_EQ(text_of(mid), "he world");
-    EXPECT_EQ(mid.cursor, 2);
-    mid.cursor = mid.len;
-    EXPECT_EQ(captured([&] { term_forward_kill_word(&mid); }), "");
-}
-
-TEST(TermKill, BackwardKillWord) {
-    term_line l = line_of("one two  ", 9);
-    std::string out = captured([&] { term_backward_kill_word(&l); });
-    std::string one = "\b \b";
-    EXPECT_EQ(out, one + one + one + one + one);
-    EXPECT_EQ(text_of(l), "one ");
-    EXPECT_EQ(l.cursor, 4);
-
-    term_line inner = line_of("one two", 5);
-    EXPECT_EQ(captured([&] { term_backward_kill_word(&inner); }), "\bwo " + bs(3)) << "only the t left of the cursor";
-    EXPECT_EQ(text_of(inner), "one wo");
-    EXPECT_EQ(inner.cursor, 4);
-    expect_zero_tail(inner, 10);
-}
-
-TEST(TermKill, KillLineAndWholeLine) {
-    term_line l = line_of("abcdef", 2);
-    EXPECT_EQ(captured([&] { term_kill_line(&l); }), "    " + bs(4));
-    EXPECT_EQ(text_of(l), "ab");
-    EXPECT_EQ(l.cursor, 2);
-    expect_zero_tail(l, 8);
-    EXPECT_EQ(captured([&] { term_kill_line(&l); }), "") << "nothing with the cursor at the end";
-
-    term_line w = line_of("abc", 2);
-    EXPECT_EQ(captured([&] { term_kill_whole_line(&w); }), bs(2) + "   " + bs(3));
-    EXPECT_EQ(w.len, 0);
-    EXPECT_EQ(w.cursor, 0);
-    expect_zero_tail(w, 8);
-}
-
-TEST(TermInsert, InsertRepaintsTheTailAndComesBack) {
-    term_line l = line_of("", 0);
-    int r = 0;
-    EXPECT_EQ(captured([&] { r = term_insert(&l, 'a'); }), "a");
-    EXPECT_EQ(r, 1);
-    EXPECT_EQ(captured([&] { r = term_insert(&l, 'c'); }), "c");
-    l.cursor = 1;
-    EXPECT_EQ(captured([&] { r = term_insert(&l, 'b'); }), "bc\b");
-    EXPECT_EQ(r, 2);
-    EXPECT_EQ(text_of(l), "abc");
-    l.cursor = 0;
-    EXPECT_EQ(captured([&] { term_insert(&l, '>'); }), ">abc" + bs(3));
-    EXPECT_EQ(text_of(l), ">abc");
-    EXPECT_EQ(l.cursor, 1);
-}
-
-std::string pattern(size_t n) {
-    std::string s(n, ' ');
-    for (size_t i = 0; i < n; ++i) {
-        s[i] = static_cast<char>('a' + i % 26);
+TEST(TermEdit, EachOperationPutsOutExactlyWhatTheRecordChanged) {
+    struct Case {
+        const char *what;
+        Op op;
+        std::string text;
+        int32_t cursor;
+        std::string out;
+        std::string after;
+        int32_t cursor_after;
+    };
+    const std::string rub = "\b \b";
+    const Case cases[] = {
+        {"forward char at the end", term_forward_char, "abc", 3, "", "abc", 3},
+        {"forward char repaints the cell", term_forward_char, "abc", 0, "a", "abc", 1},
+        {"backward char", term_backward_char, "abc", 3, "\b", "abc", 2},
+        {"backward char at 0", term_backward_char, "abc", 0, "", "abc", 0},
+        {"begin of line", term_begin_of_line, "abc", 2, bs(2), "abc", 0},
+        {"end of line", term_end_of_line, "abc", 1, "bc", "abc", 3},
+        {"backward word to the c", term_backward_word, "ab cd", 5, bs(2), "ab cd", 3},
+        {"backward word to the a", term_backward_word, "ab cd", 3, bs(3), "ab cd", 0},
+        {"backward word at 0", term_backward_word, "ab cd", 0, "", "ab cd", 0},
+        {"backward word over trailing spaces", term_backward_word, "ab   cd  ", 9, bs(4), "ab   cd  ", 5},
+        {"backward word over leading spaces", term_backward_word, "  ab", 2, bs(2), "  ab", 0},
+        {"forward word to the c", term_forward_word, "ab cd", 0, "ab ", "ab cd", 3},
+        {"forward word to the end", term_forward_word, "ab cd", 3, "cd", "ab cd", 5},
+        {"forward word at the end", term_forward_word, "ab cd", 5, "", "ab cd", 5},
+        {"forward word from a space: the spaces only", term_forward_word, "ab   cd  ", 2, "   ", "ab   cd  ", 5},
+        {"delete char", term_delete_char, "abcd", 1, "cd " + bs(3), "acd", 1},
+        {"delete char at the end", term_delete_char, "cd", 2, "", "cd", 2},
+        {"backward delete", term_backward_delete_char, "acd", 1, "\bcd " + bs(3), "cd", 0},
+        {"backward delete at 0", term_backward_delete_char, "cd", 0, "", "cd", 0},
+        {"backward delete of the last", term_backward_delete_char, "cd", 2, rub, "c", 1},
+        {"forward kill word leaves the spaces", term_forward_kill_word, "ab  cd", 0, "b  cd " + bs(6) + "  cd " + bs(5),
+         "  cd", 0},
+        {"forward kill word from a space", term_forward_kill_word, "  cd", 0,
+         " cd " + bs(4) + "cd " + bs(3) + "d " + bs(2) + " " + bs(1), "", 0},
+        {"forward kill word inside a word", term_forward_kill_word, "hello world", 2,
+         "lo world " + bs(9) + "o world " + bs(8) + " world " + bs(7), "he world", 2},
+        {"forward kill word at the end", term_forward_kill_word, "he world", 8, "", "he world", 8},
+        {"backward kill word", term_backward_kill_word, "one two  ", 9, rub + rub + rub + rub + rub, "one ", 4},
+        {"backward kill word, t only", term_backward_kill_word, "one two", 5, "\bwo " + bs(3), "one wo", 4},
+        {"kill line", term_kill_line, "abcdef", 2, "    " + bs(4), "ab", 2},
+        {"kill line at the end", term_kill_line, "ab", 2, "", "ab", 2},
+        {"kill whole line", term_kill_whole_line, "abc", 2, bs(2) + "   " + bs(3), "", 0},
+        {"redraw", term_redraw_line, "hello", 2, "hello", "hello", 5},
+        {"insert into nothing", inserting('a'), "", 0, "a", "a", 1},
+        {"insert inside", inserting('b'), "ac", 1, "bc\b", "abc", 2},
+        {"insert at 0", inserting('>'), "abc", 0, ">abc" + bs(3), ">abc", 1},
+        {"overwrite", with_key(term_insert_overtwrite, 'X'), "abc", 1, "X", "aXc", 2},
+        {"overwrite at the end extends", with_key(term_insert_overtwrite, 'd'), "abc", 3, "d", "abcd", 4},
+        {"transpose at the end", term_transpose_line, "ab", 2, "\b\bba", "ba", 2},
+        {"transpose inside", term_transpose_line, "abc", 1, "\bba", "bac", 2},
+        {"transpose of one", term_transpose_line, "a", 1, "", "a", 1},
+        {"transpose at 0", term_transpose_line, "abc", 0, "", "abc", 0},
+        {"esc b", with_key(term_esc_pre_map, 'b'), "ab cd", 5, bs(2), "ab cd", 3},
+        {"esc f", with_key(term_esc_pre_map, 'f'), "ab cd", 0, "ab ", "ab cd", 3},
+        {"esc d", with_key(term_esc_pre_map, 'd'), "ab cd", 0, "b cd " + bs(5) + " cd " + bs(4), " cd", 0},
+        {"esc backspace", with_key(term_esc_pre_map, 8), "ab cd", 5, rub + rub, "ab ", 3},
+        {"esc delete", with_key(term_esc_pre_map, 127), "ab cd", 5, rub + rub, "ab ", 3},
+        {"esc x", with_key(term_esc_pre_map, 'x'), "ab cd", 2, "", "ab cd", 2},
+        {"esc [", with_key(term_esc_pre_map, '['), "ab cd", 2, "", "ab cd", 2},
+        {"arrow C", with_key(term_esc_map, 'C'), "abc", 1, "b", "abc", 2},
+        {"arrow D", with_key(term_esc_map, 'D'), "abc", 1, "\b", "abc", 0},
+        {"arrow A", with_key(term_esc_map, 'A'), "abc", 1, "", "abc", 1},
+        {"arrow B", with_key(term_esc_map, 'B'), "abc", 1, "", "abc", 1},
+        {"final ~", with_key(term_esc_map, '~'), "abc", 1, "", "abc", 1},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        term_line l = line_of(c.text, c.cursor);
+        EXPECT_EQ(captured([&] { c.op(&l); }), c.out);
+        EXPECT_EQ(text_of(l), c.after);
+        EXPECT_EQ(l.cursor, c.cursor_after);
+        expect_zero_tail(l, 16);
     }
-    return s;
 }
 
-TEST(TermInsert, LongestLineLosesItsLastCharacter) {
+TEST(TermEdit, ResultsAndTheEscapeState) {
+    term_line l = line_of("hello", 2);
+    int r = 0;
+    captured([&] { r = term_end_of_line(&l); });
+    EXPECT_EQ(r, 5);
+    captured([&] { r = term_redraw_line(&l); });
+    EXPECT_EQ(r, 5);
+    l.cursor = 1;
+    captured([&] { r = term_insert(&l, 'x'); });
+    EXPECT_EQ(r, 2) << "the new cursor";
+
+    for (char key : std::string("bfd\b\x7fxCDAc")) {
+        for (auto *map : {term_esc_pre_map, term_esc_map}) {
+            l.esc_state = 2;
+            captured([&] { map(&l, static_cast<uint8_t>(key)); });
+            EXPECT_EQ(l.esc_state, 0) << "key " << int(key);
+        }
+    }
+}
+
+TEST(TermEdit, TheLongestLine) {
+    // An insert inside a line of 1022 characters loses its last one.
     const std::string text = pattern(1022);
     term_line l = line_of(text, 10);
-    int r = 0;
-    std::string out = captured([&] { r = term_insert(&l, '#'); });
-    EXPECT_EQ(r, 11);
-    EXPECT_EQ(l.len, 1022);
+    std::string out = captured([&] { term_insert(&l, '#'); });
     std::string expect_text = text.substr(0, 10) + "#" + text.substr(10, 1011);
     EXPECT_EQ(text_of(l), expect_text);
     EXPECT_EQ(out, expect_text.substr(10) + bs(1011));
@@ -229,119 +201,27 @@ TEST(TermInsert, LongestLineLosesItsLastCharacter) {
     EXPECT_EQ(almost.len, 1022);
 
     term_line full = line_of(text, 1022);
-    EXPECT_EQ(captured([&] { r = term_insert(&full, '#'); }), "") << "no insert behind a full line";
-    EXPECT_EQ(r, 1022);
-    EXPECT_EQ(full.len, 1022);
+    EXPECT_EQ(captured([&] { term_insert(&full, '#'); }), "") << "no insert behind a full line";
     EXPECT_EQ(text_of(full), text);
-}
 
-TEST(TermInsert, OverwriteStoresAndExtends) {
-    term_line l = line_of("abc", 1);
-    EXPECT_EQ(captured([&] { term_insert_overtwrite(&l, 'X'); }), "X");
-    EXPECT_EQ(text_of(l), "aXc");
-    EXPECT_EQ(l.cursor, 2);
-    l.cursor = 3;
-    EXPECT_EQ(captured([&] { term_insert_overtwrite(&l, 'd'); }), "d");
-    EXPECT_EQ(text_of(l), "aXcd");
-    EXPECT_EQ(l.cursor, 4);
-
-    term_line mid = line_of(pattern(1022), 5);
+    term_line mid = line_of(text, 5);
     captured([&] { term_insert_overtwrite(&mid, '#'); });
-    EXPECT_EQ(mid.len, 1021) << "a line that long drops its last character";
+    EXPECT_EQ(mid.len, 1021) << "an overwrite also drops the last character of a line that long";
     EXPECT_EQ(mid.buf[5], '#');
+
+    // Overwriting at the end fills the buffer's last cells and no more.
+    full.esc_state = 0x5a;
+    captured([&] { term_insert_overtwrite(&full, '1'); });
+    captured([&] { term_insert_overtwrite(&full, '2'); });
+    EXPECT_EQ(full.len, 1024);
+    EXPECT_EQ(full.cursor, 1024);
+    EXPECT_EQ(std::string(full.buf + 1022, 2), "12");
+    EXPECT_EQ(captured([&] { term_insert_overtwrite(&full, '3'); }), "") << "no cell left";
+    EXPECT_EQ(full.esc_state, 0x5a) << "nothing written behind the text buffer";
+    EXPECT_EQ(full.len, 1024);
 }
 
-TEST(TermInsert, OverwriteAtTheEndOfTheBufferStaysInside) {
-    term_line l = line_of(pattern(1022), 1022);
-    l.esc_state = 0x5a;
-    captured([&] { term_insert_overtwrite(&l, '1'); });
-    EXPECT_EQ(l.len, 1023);
-    EXPECT_EQ(l.cursor, 1023);
-    captured([&] { term_insert_overtwrite(&l, '2'); });
-    EXPECT_EQ(l.len, 1024);
-    EXPECT_EQ(l.cursor, 1024);
-    EXPECT_EQ(l.buf[1022], '1');
-    EXPECT_EQ(l.buf[1023], '2');
-    EXPECT_EQ(captured([&] { term_insert_overtwrite(&l, '3'); }), "") << "no cell left";
-    EXPECT_EQ(l.esc_state, 0x5a) << "nothing written behind the text buffer";
-    EXPECT_EQ(l.len, 1024);
-    EXPECT_EQ(l.cursor, 1024);
-}
-
-TEST(TermTranspose, SwapsAroundOrBeforeTheCursor) {
-    term_line end = line_of("ab", 2);
-    EXPECT_EQ(captured([&] { term_transpose_line(&end); }), "\b\bba");
-    EXPECT_EQ(text_of(end), "ba");
-    EXPECT_EQ(end.cursor, 2);
-
-    term_line mid = line_of("abc", 1);
-    EXPECT_EQ(captured([&] { term_transpose_line(&mid); }), "\bba");
-    EXPECT_EQ(text_of(mid), "bac");
-    EXPECT_EQ(mid.cursor, 2) << "on the c";
-
-    term_line one = line_of("a", 1);
-    EXPECT_EQ(captured([&] { term_transpose_line(&one); }), "");
-    term_line start = line_of("abc", 0);
-    EXPECT_EQ(captured([&] { term_transpose_line(&start); }), "");
-    EXPECT_EQ(text_of(start), "abc");
-}
-
-TEST(TermRedraw, PutsOutTheWholeLineAndEndsThere) {
-    term_line l = line_of("hello", 2);
-    int r = 0;
-    EXPECT_EQ(captured([&] { r = term_redraw_line(&l); }), "hello");
-    EXPECT_EQ(r, 5);
-    EXPECT_EQ(l.cursor, 5);
-}
-
-TEST(TermEscape, PreMapActsOnTheKeyAfterEscape) {
-    struct Case {
-        uint8_t key;
-        const char *text;
-        int32_t cursor;
-        const char *after;
-        int32_t cursor_after;
-        std::string out;
-    };
-    const Case cases[] = {
-        {'b', "ab cd", 5, "ab cd", 3, bs(2)},
-        {'f', "ab cd", 0, "ab cd", 3, "ab "},
-        {'d', "ab cd", 0, " cd", 0, "b cd " + bs(5) + " cd " + bs(4)},
-        {8, "ab cd", 5, "ab ", 3, "\b \b\b \b"},
-        {127, "ab cd", 5, "ab ", 3, "\b \b\b \b"},
-        {'x', "ab cd", 2, "ab cd", 2, ""},
-        {'[', "ab cd", 2, "ab cd", 2, ""},
-    };
-    for (const Case &c : cases) {
-        term_line l = line_of(c.text, c.cursor);
-        l.esc_state = 1;
-        EXPECT_EQ(captured([&] { term_esc_pre_map(&l, c.key); }), c.out) << "key " << int(c.key);
-        EXPECT_EQ(text_of(l), c.after) << "key " << int(c.key);
-        EXPECT_EQ(l.cursor, c.cursor_after) << "key " << int(c.key);
-        EXPECT_EQ(l.esc_state, 0) << "key " << int(c.key);
-    }
-}
-
-TEST(TermEscape, MapActsOnArrowFinals) {
-    term_line l = line_of("abc", 1);
-    l.esc_state = 2;
-    EXPECT_EQ(captured([&] { term_esc_map(&l, 'C'); }), "b");
-    EXPECT_EQ(l.cursor, 2);
-    EXPECT_EQ(l.esc_state, 0);
-    l.esc_state = 2;
-    EXPECT_EQ(captured([&] { term_esc_map(&l, 'D'); }), "\b");
-    EXPECT_EQ(l.cursor, 1);
-    EXPECT_EQ(l.esc_state, 0);
-    for (uint8_t key : {'A', 'B', 'H', '~', 'c'}) {
-        l.esc_state = 2;
-        EXPECT_EQ(captured([&] { term_esc_map(&l, key); }), "") << key;
-        EXPECT_EQ(l.cursor, 1);
-        EXPECT_EQ(text_of(l), "abc");
-        EXPECT_EQ(l.esc_state, 0) << key;
-    }
-}
-
-TEST(TermSafety, BrokenRecordsAreLeftAlone) {
+TEST(TermEdit, BrokenRecordsAreLeftAlone) {
     const std::vector<std::pair<int32_t, int32_t>> broken = {{3, 5}, {-1, 0}, {3, -2}, {2000, 10}, {1025, 1025}};
     for (auto [len, cursor] : broken) {
         term_line l = line_of("abc", 0);
@@ -418,22 +298,17 @@ TEST(TermScreen, RandomEditingKeepsScreenAndRecordTogether) {
         term_line l = line_of("", 0);
         Screen screen;
         for (int step = 0; step < 150; ++step) {
-            auto &op = ops[rng() % ops.size()];
-            char key = keys[rng() % keys.size()];
-            const size_t which = static_cast<size_t>(&op - &ops[0]);
-            const std::string before = text_of(l);
-            const int32_t cursor_before = l.cursor;
-            std::string out = captured([&] { op(&l, key); });
-            screen.feed(out);
-            SCOPED_TRACE("operation " + std::to_string(which) + " key " + std::to_string(int(key)) + " on \"" +
-                         before + "\" at " + std::to_string(cursor_before));
-            ASSERT_EQ(screen.col, l.cursor) << "round " << round << " step " << step;
-            ASSERT_EQ(screen.cells.substr(0, static_cast<size_t>(l.len)), text_of(l))
-                << "round " << round << " step " << step;
-            ASSERT_EQ(screen.cells.substr(static_cast<size_t>(l.len),
-                                          static_cast<size_t>(std::max(screen.widest - l.len, 0))),
-                      std::string(static_cast<size_t>(std::max(screen.widest - l.len, 0)), ' '))
-                << "cells behind the text are blank, round " << round << " step " << step;
+            const size_t which = rng() % ops.size();
+            const char key = keys[rng() % keys.size()];
+            SCOPED_TRACE("round " + std::to_string(round) + " step " + std::to_string(step) + ": operation " +
+                         std::to_string(which) + " key " + std::to_string(int(key)) + " on \"" + text_of(l) + "\" at " +
+                         std::to_string(l.cursor));
+            screen.feed(captured([&] { ops[which](&l, key); }));
+            ASSERT_EQ(screen.col, l.cursor);
+            ASSERT_EQ(screen.cells.substr(0, static_cast<size_t>(l.len)), text_of(l));
+            const size_t blank = static_cast<size_t>(std::max(screen.widest - l.len, 0));
+            ASSERT_EQ(screen.cells.substr(static_cast<size_t>(l.len), blank), std::string(blank, ' '))
+                << "cells behind the text are blank";
             expect_zero_tail(l, 100);
             if (l.len > 80) {
                 screen.feed(captured([&] { term_kill_whole_line(&l); }));
@@ -465,4 +340,4 @@ TEST(TermOutput, OutOfMemoryWritesNothing) {
 #endif
 }
 
-}  // namespace
+} // namespace
