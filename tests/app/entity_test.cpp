@@ -28,76 +28,58 @@ void free_tree(appEntity *e) {
     }
 }
 
-// Runs fn on an empty tree and puts the process's tree back afterwards.
-template <class F> void with_empty_tree(F fn) {
+// The tree's line of one entity at a depth.
+std::string line(int depth, int word, mgi_app_handler index, mgi_app_handler err, mgi_app_handler data) {
+    char buf[200];
+    std::snprintf(buf, sizeof buf, "entity: %d, decodeIndex:%p, errHandle:%p, decodeData:%p, encodeData:%p  \n",
+                  word, reinterpret_cast<void *>(index), reinterpret_cast<void *>(err),
+                  reinterpret_cast<void *>(data), static_cast<void *>(nullptr));
+    return std::string(size_t(depth), '\t') + buf;
+}
+
+// Runs on a tree of its own, and puts the process's tree back afterwards.
+TEST(EntityTree, MadeUpPathStepsLookUpAndPrinting) {
     appEntityList saved = entity_root;
     entity_root = {nullptr, nullptr};
-    fn();
+    const uint32_t one[] = {0x10, 0};
+    CaptureStdout();
+    EXPECT_EQ(get_app_mgi_entity(one), nullptr);
+    show_app_entity();
+    EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nnothing to be shown! \n");
+
+    appEntity *leaf = app_entity_init(0x40, 2, h1, nullptr, h2, nullptr, nullptr);
+    ASSERT_NE(leaf, nullptr);
+    const uint32_t parent[] = {0x10, 0x20, 0x30, 0};
+    ASSERT_EQ(app_entity_add(parent, leaf), 0);
+    appEntity *made = get_app_mgi_entity(one);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->kind, 0u);
+    EXPECT_EQ(made->decodeIndex, nullptr);
+    EXPECT_EQ(made->decodeData, nullptr);
+    const uint32_t full[] = {0x10, 0x20, 0x30, 0x40, 0};
+    EXPECT_EQ(get_app_mgi_entity(full), leaf);
+    // A sibling at the top level with the same word as an existing one: both print, the first is found.
+    app_entity_add(nullptr, app_entity_init(0x10, 2, nullptr, h1, nullptr, nullptr, nullptr));
+    EXPECT_EQ(get_app_mgi_entity(one), made);
+
+    CaptureStdout();
+    show_app_entity();
+    EXPECT_EQ(GetCapturedStdout(), line(0, 16, nullptr, nullptr, nullptr) + line(1, 32, nullptr, nullptr, nullptr) +
+                                       line(2, 48, nullptr, nullptr, nullptr) + line(3, 64, h1, nullptr, h2) +
+                                       line(0, 16, nullptr, h1, nullptr));
+
+    // No message for a null or empty path; one for each missing step.
+    const uint32_t empty[] = {0};
+    const uint32_t wrong[] = {0x10, 0x99, 0};
+    const uint32_t past_leaf[] = {0x10, 0x20, 0x30, 0x40, 0x50, 0}; // the leaf's child list is empty
+    CaptureStdout();
+    EXPECT_EQ(get_app_mgi_entity(empty), nullptr);
+    EXPECT_EQ(get_app_mgi_entity(nullptr), nullptr);
+    EXPECT_EQ(get_app_mgi_entity(wrong), nullptr);
+    EXPECT_EQ(get_app_mgi_entity(past_leaf), nullptr);
+    EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nrequest path does not exist\n");
     free_tree(entity_root.first);
     entity_root = saved;
-}
-
-std::string pointer(mgi_app_handler h) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%p", reinterpret_cast<void *>(h));
-    return buf;
-}
-
-TEST(EntityTree, EmptyTreeLooksUpNothingAndShowsNothing) {
-    with_empty_tree([] {
-        const uint32_t path[] = {0x10001, 0};
-        CaptureStdout();
-        EXPECT_EQ(get_app_mgi_entity(path), nullptr);
-        show_app_entity();
-        EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nnothing to be shown! \n");
-        const uint32_t empty[] = {0};
-        CaptureStdout();
-        EXPECT_EQ(get_app_mgi_entity(empty), nullptr);
-        EXPECT_EQ(get_app_mgi_entity(nullptr), nullptr);
-        EXPECT_EQ(GetCapturedStdout(), ""); // no message for a null or empty path
-    });
-}
-
-TEST(EntityTree, MissingPathStepsAreMadeUpAndPrinted) {
-    with_empty_tree([] {
-        appEntity *leaf = app_entity_init(0x40, 2, h1, nullptr, h2, nullptr, nullptr);
-        ASSERT_NE(leaf, nullptr);
-        const uint32_t parent[] = {0x10, 0x20, 0x30, 0};
-        ASSERT_EQ(app_entity_add(parent, leaf), 0);
-        const uint32_t one[] = {0x10, 0};
-        appEntity *made = get_app_mgi_entity(one);
-        ASSERT_NE(made, nullptr);
-        EXPECT_EQ(made->kind, 0u);
-        EXPECT_EQ(made->decodeIndex, nullptr);
-        EXPECT_EQ(made->decodeData, nullptr);
-        const uint32_t full[] = {0x10, 0x20, 0x30, 0x40, 0};
-        EXPECT_EQ(get_app_mgi_entity(full), leaf);
-        // A sibling at the top level with the same word as an existing one: both print, the first is found.
-        appEntity *twin = app_entity_init(0x10, 2, nullptr, h1, nullptr, nullptr, nullptr);
-        app_entity_add(nullptr, twin);
-        EXPECT_EQ(get_app_mgi_entity(one), made);
-
-        CaptureStdout();
-        show_app_entity();
-        std::string n = pointer(nullptr);
-        std::string want = "entity: 16, decodeIndex:" + n + ", errHandle:" + n + ", decodeData:" + n +
-                           ", encodeData:" + n + "  \n" + "\tentity: 32, decodeIndex:" + n + ", errHandle:" + n +
-                           ", decodeData:" + n + ", encodeData:" + n + "  \n" + "\t\tentity: 48, decodeIndex:" + n +
-                           ", errHandle:" + n + ", decodeData:" + n + ", encodeData:" + n + "  \n" +
-                           "\t\t\tentity: 64, decodeIndex:" + pointer(h1) + ", errHandle:" + n +
-                           ", decodeData:" + pointer(h2) + ", encodeData:" + n + "  \n" +
-                           "entity: 16, decodeIndex:" + n + ", errHandle:" + pointer(h1) + ", decodeData:" + n +
-                           ", encodeData:" + n + "  \n";
-        EXPECT_EQ(GetCapturedStdout(), want);
-
-        // Each missing step prints the look-up's line.
-        const uint32_t wrong[] = {0x10, 0x99, 0};
-        CaptureStdout();
-        EXPECT_EQ(get_app_mgi_entity(wrong), nullptr);
-        const uint32_t past_leaf[] = {0x10, 0x20, 0x30, 0x40, 0x50, 0};
-        EXPECT_EQ(get_app_mgi_entity(past_leaf), nullptr); // the leaf's child list is empty
-        EXPECT_EQ(GetCapturedStdout(), "request path does not exist\nrequest path does not exist\n");
-    });
 }
 
 TEST(EntityTree, ItemsByNameAndAlias) {
@@ -142,11 +124,8 @@ TEST(EntityTree, DefaultLayoutOfAnItemTable) {
         {{"big", nullptr}, 3, 0},   {{"port", nullptr}, 8, 0}, {{nullptr}, 0, 0},
     };
     ASSERT_EQ(set_items_default_offset(items), 0);
-    EXPECT_EQ(items[0].offset, 0);
-    EXPECT_EQ(items[1].offset, 8);
-    EXPECT_EQ(items[2].offset, 12);
-    EXPECT_EQ(items[3].offset, 24);
-    EXPECT_EQ(items[4].offset, 32);
+    const int32_t want[] = {0, 8, 12, 24, 32};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(items[i].offset, want[i]) << items[i].names[0];
     // The closing call is the daemon's: it gives the padded total and resets the layout.
     EXPECT_EQ(getOffset(4, -2007), 40);
 }

@@ -30,10 +30,13 @@ Bytes match_body(const std::vector<std::pair<uint32_t, uint8_t>> &ids, const std
     return b;
 }
 
+const std::string kPatterns("a1\0b2\0c3\0zz\0", 12);
+
+// What the handler saw through the accessors.
 struct Probe {
     int count = -1;
     bool regex[128] = {};
-    std::vector<std::pair<std::string, int>> exec; // subject, result for id 40
+    std::vector<int> exec40; // the expression of id 40 on "zz", "c3", "a1"
     int a1 = -99, b2 = -99;
     uint32_t types[130] = {};
     uint32_t mask[4] = {};
@@ -46,10 +49,12 @@ int probe(mgiInfo *i) {
     for (uint32_t id = 0; id < 128; ++id) g_probe.regex[id] = mgi_get_match_regex_by_obj_id(i, id) != nullptr;
     for (uint32_t id = 0; id < 130; ++id) g_probe.types[id] = mgi_get_match_type_by_obj_id(i, id);
     std::memcpy(g_probe.mask, i->match_mask, sizeof g_probe.mask);
-    auto run = [&](uint32_t id, const char *s) { return mgi_pcre_exec(mgi_get_match_regex_by_obj_id(i, id), s, int(std::strlen(s))); };
+    auto run = [&](uint32_t id, const char *s) {
+        return mgi_pcre_exec(mgi_get_match_regex_by_obj_id(i, id), s, int(std::strlen(s)));
+    };
     g_probe.a1 = run(1, "xa1x");
     g_probe.b2 = run(3, "b2");
-    for (const char *s : {"zz", "c3", "a1"}) g_probe.exec.push_back({s, run(40, s)});
+    for (const char *s : {"zz", "c3", "a1"}) g_probe.exec40.push_back(run(40, s));
     mgi_final_rsp_message(i);
     g_probe.count_after_final = i->match_count;
     set_rsptype(i, MGI_RSP_FINAL);
@@ -60,46 +65,42 @@ int ok(mgiInfo *) { return 0; }
 class Match : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { add_entity({}, M | 1, 0, nullptr, nullptr, ok, probe); }
-    void SetUp() override { g_probe = Probe{}; }
+    // Serves a request of the given type with these segments; the probe holds what the handler saw.
+    static void ask(const std::vector<Seg> &segs, uint8_t type = MGI_RQT_MATCH_GET) {
+        g_probe = Probe{};
+        serve(request({M | 1}, type, segs));
+    }
 };
 
 TEST_F(Match, ThirdPatternIsReadFromFurtherOn) {
-    std::string text("a1\0b2\0c3\0zz\0", 12);
-    Bytes body = match_body({{1, 10}, {3, 10}, {40, 10}, {50, 3}}, text, 12);
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, body, 0}}));
+    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}, {3, 10}, {40, 10}, {50, 3}}, kPatterns, 12), 0}});
     EXPECT_EQ(g_probe.count, 3);
     EXPECT_TRUE(g_probe.regex[1] && g_probe.regex[3] && g_probe.regex[40]);
     EXPECT_FALSE(g_probe.regex[50]); // its type isn't 10
     EXPECT_EQ(g_probe.a1, 0);
     EXPECT_EQ(g_probe.b2, 0);
     // The third expression was compiled from "zz", three bytes behind its own text.
-    EXPECT_EQ(g_probe.exec, (std::vector<std::pair<std::string, int>>{{"zz", 0}, {"c3", kNoMatch},
-                                                                      {"a1", kNoMatch}}));
+    EXPECT_EQ(g_probe.exec40, (std::vector<int>{0, kNoMatch, kNoMatch}));
     EXPECT_EQ(g_probe.count_after_final, 0);
     // Types come only from query data.
     EXPECT_EQ(g_probe.types[1], 0u);
     EXPECT_EQ(g_probe.types[2], 0xFFFFFFFFu);
 }
 
-TEST_F(Match, RunningOutOfPatternLengthStopsEarly) {
-    std::string text("a1\0b2\0c3\0zz\0", 12);
-    Bytes body = match_body({{1, 10}, {3, 10}, {40, 10}}, text, 8);
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, body, 0}}));
+TEST_F(Match, ShortPatternLengthsAndBadPatterns) {
+    // The pattern length runs out before the third.
+    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}, {3, 10}, {40, 10}}, kPatterns, 8), 0}});
     EXPECT_EQ(g_probe.count, 2);
     EXPECT_FALSE(g_probe.regex[40]);
-    EXPECT_EQ(g_probe.exec[0].second, 0); // no expression: counts as matching
+    EXPECT_EQ(g_probe.exec40[0], 0); // no expression: counts as matching
 
-    g_probe = Probe{};
-    body = match_body({{1, 10}}, text, 0); // no pattern length: no id is looked at
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, body, 0}}));
+    // No pattern length: no id is looked at.
+    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}}, kPatterns, 0), 0}});
     EXPECT_EQ(g_probe.count, 0);
     EXPECT_EQ(g_probe.mask[0], 2u);
-}
 
-TEST_F(Match, BadPatternStoresNullAndStillCounts) {
-    std::string text("(\0b2\0", 5);
-    Bytes body = match_body({{1, 10}, {3, 10}}, text, 5);
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, body, 0}}));
+    // A pattern that doesn't compile stores null and still counts.
+    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}, {3, 10}}, std::string("(\0b2\0", 5), 5), 0}});
     EXPECT_EQ(g_probe.count, 2);
     EXPECT_FALSE(g_probe.regex[1]);
     EXPECT_TRUE(g_probe.regex[3]);
@@ -107,8 +108,8 @@ TEST_F(Match, BadPatternStoresNullAndStillCounts) {
 }
 
 TEST_F(Match, QueryDataGivesTypesFromWhereTheUdcWalkStopped) {
-    Bytes q = match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1);
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_QUERYDATA, q, 0}}));
+    Seg query{MGI_SEG_QUERYDATA, match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1), 0};
+    ask({query});
     EXPECT_EQ(g_probe.types[2], 10u);
     EXPECT_EQ(g_probe.types[5], 3u);
     EXPECT_EQ(g_probe.types[70], 4u);
@@ -118,18 +119,15 @@ TEST_F(Match, QueryDataGivesTypesFromWhereTheUdcWalkStopped) {
 
     // With udc data as well: its walk ends at id 4 (after its pattern at 3), so id 2 keeps type 0,
     // and match_mask is that of the query data.
-    g_probe = Probe{};
-    std::string text("b2\0", 3);
-    Bytes u = match_body({{3, 10}}, text, 3);
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, u, 0}, {MGI_SEG_QUERYDATA, q, 0}}));
+    Seg udc{MGI_SEG_UDCDATA, match_body({{3, 10}}, std::string("b2\0", 3), 3), 0};
+    ask({udc, query});
     EXPECT_EQ(g_probe.count, 1);
     EXPECT_EQ(g_probe.types[2], 0u);
     EXPECT_EQ(g_probe.types[5], 3u);
     EXPECT_EQ(g_probe.mask[0], (1u << 2) | (1u << 5));
 
     // Another request type compiles nothing.
-    g_probe = Probe{};
-    serve(request({M | 1}, 0, {{MGI_SEG_UDCDATA, u, 0}}));
+    ask({udc}, 0);
     EXPECT_EQ(g_probe.count, 0);
 }
 

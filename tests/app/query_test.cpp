@@ -30,24 +30,17 @@ Bytes query_record(uint32_t k0, uint32_t obj, const std::string &body, uint8_t i
     return r;
 }
 
-std::vector<appQueryNode *> nodes(const appQueryList &l) {
-    std::vector<appQueryNode *> out;
-    for (appQueryNode *n = l.first; n; n = n->next) out.push_back(n);
-    return out;
-}
-
 TEST(QueryTree, FirstRecordIsTheRootAndTheRestItsChildren) {
     add_entity({}, M | 1, 0, nullptr, nullptr, nullptr, nullptr);
     Bytes data = query_record(10, 0x99, "root", 0x11);
-    Bytes c1 = query_record(20, 0x77, "abc"), c2 = query_record(30, 0x78, "");
-    data.insert(data.end(), c1.begin(), c1.end());
-    data.insert(data.end(), c2.begin(), c2.end());
+    for (const Bytes &child : {query_record(20, 0x77, "abc"), query_record(30, 0x78, "")})
+        data.insert(data.end(), child.begin(), child.end());
     const uint32_t path[] = {M | 1, 0};
     appQueryList *head = app_process_query_data(data.data(), uint32_t(data.size()), path);
     ASSERT_NE(head, nullptr);
-    auto roots = nodes(*head);
-    ASSERT_EQ(roots.size(), 1u);
-    appQueryNode *root = roots[0];
+    appQueryNode *root = head->first;
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->next, nullptr);
     EXPECT_EQ(root->obj, M | 1); // the target entity's word, not the record's
     EXPECT_EQ(root->length, 4u);
     EXPECT_EQ(root->key[0], 10u);
@@ -55,14 +48,17 @@ TEST(QueryTree, FirstRecordIsTheRootAndTheRestItsChildren) {
     EXPECT_EQ(root->info[95], 0x11);
     EXPECT_EQ(root->data, data.data() + 140);
     EXPECT_EQ(root->prev_link, &head->first);
-    auto kids = nodes(root->children);
-    ASSERT_EQ(kids.size(), 2u);
-    EXPECT_EQ(kids[0]->obj, 0x77u);
-    EXPECT_EQ(kids[0]->key[1], 21u);
-    EXPECT_EQ(kids[0]->data, data.data() + 144 + 140);
-    EXPECT_EQ(kids[1]->obj, 0x78u);
-    EXPECT_EQ(root->children.last, &kids[1]->next);
-    EXPECT_EQ(kids[1]->prev_link, &kids[0]->next);
+    appQueryNode *first = root->children.first;
+    ASSERT_NE(first, nullptr);
+    appQueryNode *second = first->next;
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second->next, nullptr);
+    EXPECT_EQ(first->obj, 0x77u);
+    EXPECT_EQ(first->key[1], 21u);
+    EXPECT_EQ(first->data, data.data() + 144 + 140);
+    EXPECT_EQ(second->obj, 0x78u);
+    EXPECT_EQ(root->children.last, &second->next);
+    EXPECT_EQ(second->prev_link, &first->next);
     clean_app_query_data_tree(head); // the sanitizer build checks that all of it is freed
 
     // A length of exactly one record, or less: one node, no children.
@@ -86,7 +82,6 @@ TEST(QueryTree, NullsAndUnknownPaths) {
 
     appQueryNode *bare = new_app_query_node(nullptr);
     ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(bare->children.first, nullptr);
     EXPECT_EQ(bare->children.last, &bare->children.first);
     EXPECT_EQ(bare->data, nullptr);
     std::free(bare);
@@ -94,7 +89,7 @@ TEST(QueryTree, NullsAndUnknownPaths) {
     auto *empty = static_cast<appQueryList *>(std::malloc(sizeof(appQueryList)));
     empty->first = nullptr;
     empty->last = &empty->first;
-    clean_app_query_data_tree(empty);
+    clean_app_query_data_tree(empty); // frees only the head
     clean_app_query_data_tree(nullptr);
 }
 
@@ -110,9 +105,8 @@ TEST(CondContext, ReleaseFreesAndResets) {
     destruct_cond_context(&ctx); // an empty, initialised context stays as it was
     EXPECT_EQ(0, std::memcmp(&before, &ctx, offsetof(condContext, released_words)));
 
-    // An expression of three words, two clauses, a row and an extra block.
+    // Three words, a node in each expression list, a row and an extra block.
     for (int i = 0; i < 3; ++i) ctx.words[i] = strdup("w");
-    ctx.words[3] = nullptr;
     for (cond_expr_list *l : {&ctx.expr_list, &ctx.expr_list2}) {
         auto *n = static_cast<cond_expr_node *>(std::calloc(1, sizeof(cond_expr_node)));
         *l->last = n;
@@ -147,10 +141,8 @@ TEST(CondContext, ReleaseFreesAndResets) {
     ctx.words[0] = strdup("a");
     ctx.words[5] = strdup("b");
     destruct_cond_context(&ctx);
-    std::memset(ctx.words, 0, sizeof ctx.words);
 }
 
-int data_ok(mgiInfo *) { return 0; }
 int accept_udc(mgiInfo *i) {
     accept_udc_as_condition(i);
     set_rsptype(i, MGI_RSP_FINAL);
@@ -161,31 +153,29 @@ int accept_pre(mgiInfo *i) {
     set_rsptype(i, MGI_RSP_FINAL);
     return 0;
 }
+int data_ok(mgiInfo *) { return 0; }
 
 TEST(AcceptCondition, ConditionFirstThenUdcOrPreindex) {
     add_entity({}, M | 2, 0, nullptr, nullptr, data_ok, accept_udc);
     add_entity({}, M | 3, 0, nullptr, nullptr, data_ok, accept_pre);
-    Seg cond{MGI_SEG_CONDITION, {'n', 'a', 'm', 'e'}, 0x31}, udc{MGI_SEG_UDCDATA, {1, 2}, 0x34},
+    const Seg cond{MGI_SEG_CONDITION, {'n', 'a', 'm', 'e'}, 0x31}, udc{MGI_SEG_UDCDATA, {1, 2}, 0x34},
         rule{MGI_SEG_RULEDATA, {3, 4, 5}, 0x33};
-
-    Response r = serve(request({M | 2}, 0, {udc, cond}));
-    ASSERT_EQ(r.segments().size(), 1u);
-    EXPECT_EQ(r.segments()[0].type, MGI_SEG_CONDITION);
-    EXPECT_EQ(r.segments()[0].body, cond.body);
-    EXPECT_EQ(r.segments()[0].subtype, 0x31u);
-
-    r = serve(request({M | 2}, 0, {udc}));
-    ASSERT_EQ(r.segments().size(), 1u);
-    EXPECT_EQ(r.segments()[0].body, udc.body);
-    EXPECT_EQ(r.segments()[0].subtype, 0x34u);
-
-    r = serve(request({M | 3}, 0, {rule}));
-    ASSERT_EQ(r.segments().size(), 1u);
-    EXPECT_EQ(r.segments()[0].body, rule.body);
-    EXPECT_EQ(r.segments()[0].subtype, 0x33u);
+    const struct {
+        uint32_t word;
+        std::vector<Seg> segs;
+        Seg echoed;
+    } cases[] = {{M | 2, {udc, cond}, cond}, {M | 2, {udc}, udc}, {M | 3, {rule, cond}, cond}, {M | 3, {rule}, rule}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.word << " " << c.segs.size());
+        auto segs = serve(request({c.word}, 0, c.segs)).segments();
+        ASSERT_EQ(segs.size(), 1u);
+        EXPECT_EQ(segs[0].type, MGI_SEG_CONDITION);
+        EXPECT_EQ(segs[0].body, c.echoed.body);
+        EXPECT_EQ(segs[0].subtype, c.echoed.subtype);
+    }
 
     CaptureStdout();
-    r = serve(request({M | 2}));
+    Response r = serve(request({M | 2}));
     serve(request({M | 3}));
     EXPECT_EQ(GetCapturedStdout(),
               "udc:no conditon for this get action...\nruled:no conditon for this get action...\n");
