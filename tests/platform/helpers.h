@@ -41,9 +41,7 @@ class IpcTest : public ::testing::Test {
         return path("s" + std::to_string(slot) + ".a" + std::to_string(app) + ".i" + std::to_string(inst));
     }
     // The reply socket name of the calling thread.
-    std::string my_thread_path() const {
-        return path("t" + std::to_string(getpid()) + "." + std::to_string(gettid()));
-    }
+    std::string my_thread_path() const { return path("t" + std::to_string(getpid()) + "." + std::to_string(gettid())); }
     std::string dir_;
 };
 
@@ -62,8 +60,9 @@ class Server {
     Server(uint32_t app, uint32_t inst, void *ctx, std::initializer_list<std::pair<uint16_t, ipc_handler_fn>> hs) {
         ep_ = ipc_endpoint_open(app, inst, ctx);
         if (!ep_) return;
-        for (auto &[msg, fn] : hs) ipc_endpoint_handler(ep_, msg, fn);
-        thread_ = std::thread([this] { result_ = ipc_endpoint_serve(ep_); });
+        for (auto &[msg, fn] : hs)
+            ipc_endpoint_handler(ep_, msg, fn);
+        thread_ = std::thread([this] { ipc_endpoint_serve(ep_); });
     }
     ~Server() {
         if (!ep_) return;
@@ -74,24 +73,16 @@ class Server {
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
     bool ok() const { return ep_ != nullptr; }
-    ipc_endpoint_t *ep() const { return ep_; }
 
   private:
     ipc_endpoint_t *ep_ = nullptr;
     std::thread thread_;
-    int result_ = 0;
 };
 
 // Runs fn on a new thread and waits for it.
 template <class F> void on_thread(F fn) {
     std::thread t(fn);
     t.join();
-}
-
-// The message number of a frame head: big-endian at byte 4.
-inline uint16_t head_msg(const void *head) {
-    auto *h = static_cast<const uint8_t *>(head);
-    return uint16_t(h[4] << 8 | h[5]);
 }
 
 } // namespace plat_test
