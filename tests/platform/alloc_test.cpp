@@ -51,13 +51,13 @@ TEST_F(IpcTest, RequestPathAllocatesNothing) {
 #ifdef PLAT_TEST_NO_MALLOC_HOOK
     GTEST_SKIP() << "the sanitizer owns malloc";
 #endif
-    static auto answer = +[](void *, void *, void *payload, uint32_t len, int32_t *status, void *reply,
-                             uint32_t *reply_len) {
-        memcpy(reply, payload, len);
-        *reply_len = len;
-        *status = 1;
-        return int(IPC_HANDLER_REPLY);
-    };
+    static auto answer =
+        +[](void *, void *, void *payload, uint32_t len, int32_t *status, void *reply, uint32_t *reply_len) {
+            memcpy(reply, payload, len);
+            *reply_len = len;
+            *status = 1;
+            return int(IPC_HANDLER_REPLY);
+        };
     Server srv(70, 0, nullptr, {{6, answer}, {7, answer}});
     ASSERT_TRUE(srv.ok());
     static char sbuf[2000], rbuf[50000];
@@ -79,7 +79,8 @@ TEST_F(IpcTest, RequestPathAllocatesNothing) {
     g_allocs = 0;
     g_counting = true;
     int rc = 0;
-    for (int i = 0; i < 50; ++i) rc |= one_round();
+    for (int i = 0; i < 50; ++i)
+        rc |= one_round();
     g_counting = false;
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(g_allocs.load(), 0);
