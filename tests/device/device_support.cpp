@@ -3,8 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -25,12 +23,6 @@ namespace {
 pid_t g_test_pid = 0;
 char g_base[64] = "";
 
-void remove_base() {
-    if (getpid() != g_test_pid || !g_base[0]) return;
-    std::error_code ec;
-    fs::remove_all(g_base, ec);
-}
-
 // Before any other start-up code of the program: a temporary directory for the whole run, and
 // the runtime directory inside it. The children that the library forks end with exit(), which
 // runs the program's exit handlers; only the test process itself removes anything.
@@ -42,22 +34,23 @@ __attribute__((constructor(101))) void program_dirs() {
         return;
     }
     if (!getenv("MGMT_IPC_DIR")) {
-        std::string ipc = std::string(g_base) + "/ipc";
+        const std::string ipc = std::string(g_base) + "/ipc";
         mkdir(ipc.c_str(), 0700);
         setenv("MGMT_IPC_DIR", ipc.c_str(), 1);
     }
-    atexit(remove_base);
+    atexit([] {
+        std::error_code ec;
+        if (getpid() == g_test_pid) fs::remove_all(g_base, ec);
+    });
 }
+
+std::string base() { return g_base[0] ? g_base : "/tmp"; }
 
 } // namespace
 
-pid_t test_pid() { return g_test_pid; }
-
 Sysroot::Sysroot() {
-    std::string tmpl = std::string(g_base[0] ? g_base : "/tmp") + "/devXXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back(0);
-    if (mkdtemp(buf.data())) dir_ = buf.data();
+    std::string tmpl = base() + "/devXXXXXX";
+    if (mkdtemp(tmpl.data())) dir_ = tmpl;
     root_ = dir_ + "/root";
     mkdir(root_.c_str(), 0755);
     setenv("MGMT_SYSROOT", root_.c_str(), 1);
@@ -66,28 +59,20 @@ Sysroot::Sysroot() {
 }
 
 Sysroot::~Sysroot() {
-    unsetenv("MGMT_SYSROOT");
-    unsetenv("MGMT_CONSOLE");
-    unsetenv("MGMT_BOOT_CONSOLE");
+    for (const char *name : {"MGMT_SYSROOT", "MGMT_CONSOLE", "MGMT_BOOT_CONSOLE"})
+        unsetenv(name);
     std::error_code ec;
     if (!dir_.empty()) fs::remove_all(dir_, ec);
 }
 
-std::string Sysroot::console() const { return dir_ + "/console"; }
-std::string Sysroot::boot_console() const { return dir_ + "/boot"; }
-
 std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
 void write_file(const std::string &path, const std::string &text, int mode) {
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out << text;
-    }
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
     chmod(path.c_str(), static_cast<mode_t>(mode));
 }
 
@@ -101,54 +86,57 @@ void make_dirs(const std::string &path) {
     fs::create_directories(path, ec);
 }
 
-std::vector<std::string> list_dir(const std::string &path) {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (auto &e : fs::directory_iterator(path, ec))
-        names.push_back(e.path().filename().string());
-    return names;
+Bytes host_words(std::initializer_list<uint32_t> words) {
+    Bytes b(words.size() * 4);
+    std::memcpy(b.data(), words.begin(), b.size());
+    return b;
 }
 
-LogCapture::LogCapture() { vk_clog_set_sink(&LogCapture::sink, this); }
+Bytes be_words(std::initializer_list<uint32_t> words) {
+    Bytes b;
+    for (uint32_t w : words)
+        for (int shift = 24; shift >= 0; shift -= 8)
+            b.push_back(uint8_t(w >> shift));
+    return b;
+}
+
+uint32_t host32(const Bytes &b, size_t off) {
+    uint32_t v;
+    std::memcpy(&v, &b[off], 4);
+    return v;
+}
+
+std::string text_at(const Bytes &b, size_t off, size_t len) {
+    const char *p = reinterpret_cast<const char *>(b.data() + off);
+    return std::string(p, strnlen(p, len));
+}
+
+Bytes operator+(Bytes a, const std::string &s) {
+    a.insert(a.end(), s.begin(), s.end());
+    return a;
+}
+
+LogCapture::LogCapture() {
+    vk_clog_set_sink([](const char *text, void *ctx) { static_cast<LogCapture *>(ctx)->text_ += text; }, this);
+}
 LogCapture::~LogCapture() { vk_clog_set_sink(nullptr, nullptr); }
-void LogCapture::sink(const char *text, void *ctx) {
-    auto *self = static_cast<LogCapture *>(ctx);
-    std::lock_guard<std::mutex> lock(self->mu_);
-    self->text_ += text;
-}
-std::string LogCapture::text() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return text_;
-}
-
-BootCapture::BootCapture() { boot_set_sink(&BootCapture::sink, this); }
-BootCapture::~BootCapture() { boot_set_sink(nullptr, nullptr); }
-void BootCapture::sink(const char *text, void *ctx) {
-    auto *self = static_cast<BootCapture *>(ctx);
-    std::lock_guard<std::mutex> lock(self->mu_);
-    self->text_ += text;
-}
-std::string BootCapture::text() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return text_;
-}
 
 StdoutCapture::StdoutCapture() {
     fflush(stdout);
-    file_ = std::string(g_base[0] ? g_base : "/tmp") + "/stdout." + std::to_string(getpid());
+    file_ = base() + "/stdout." + std::to_string(getpid());
     int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) return;
     saved_ = dup(1);
     dup2(fd, 1);
     close(fd);
 }
-StdoutCapture::~StdoutCapture() { text(); }
+
 std::string StdoutCapture::text() {
-    if (done_ || saved_ < 0) return text_;
+    if (saved_ < 0) return text_;
     fflush(stdout);
     dup2(saved_, 1);
     close(saved_);
-    done_ = true;
+    saved_ = -1;
     text_ = read_file(file_);
     unlink(file_.c_str());
     return text_;
@@ -159,40 +147,31 @@ std::string StdoutCapture::text() {
 namespace hooks {
 namespace {
 
-std::atomic<int> alloc_fail{0}, alloc_skip{0};
+// The counters are atomic, as any thread may allocate or fork; the rest is set by the test and
+// read by stand-ins that run on its behalf, one at a time.
+std::atomic<int> alloc_fail{0}, alloc_skip{0}, size_fail_count{0}, fork_fail{0};
 std::atomic<size_t> size_fail_size{0};
-std::atomic<int> size_fail_count{0};
-std::atomic<bool> size_fail_children{false};
-std::atomic<int> fork_fail{0};
-std::atomic<bool> fork_fail_children{false};
-std::atomic<SystemMode> system_mode{SystemMode::run};
-std::atomic<PopenMode> popen_mode{PopenMode::run};
-std::mutex mu;
-std::string popen_substitute = ":";
-std::string access_suffix;
+std::atomic<bool> size_fail_children{false}, fork_fail_children{false};
+SystemMode system_mode = SystemMode::run;
+PopenMode popen_mode = PopenMode::run;
+std::string popen_substitute, access_suffix;
 int access_mode = 0;
-std::vector<std::string> log;
-std::atomic<bool> lock_driver{false};
-std::atomic<bool> no_localtime{false};
-std::atomic<uint16_t> lock_driver_id{0};
+bool lock_driver = false, no_localtime = false;
+uint16_t lock_driver_id = 0;
 LockRecordSeen lock_seen{};
+std::vector<std::string> log;
 
-void record(const std::string &line) {
-    std::lock_guard<std::mutex> lock(mu);
-    log.push_back(line);
-}
-
-int run_capture(const char *program, const char *cmdline, void *ctx) {
-    record(std::string("run ") + program + ": " + cmdline);
-    return static_cast<int>(reinterpret_cast<intptr_t>(ctx));
-}
-
+// Takes one from a positive counter.
 bool take(std::atomic<int> &counter) {
     int n = counter.load();
     while (n > 0)
         if (counter.compare_exchange_weak(n, n - 1)) return true;
     return false;
 }
+
+bool in_child() { return getpid() != g_test_pid; }
+
+bool in_scope(bool children_only) { return !children_only || in_child(); }
 
 } // namespace
 
@@ -201,11 +180,13 @@ void fail_ipcmsg_alloc(int count, int skip) {
     alloc_fail = count;
 }
 
+bool malloc_hook_available() {
 #if defined(__SANITIZE_ADDRESS__)
-bool malloc_hook_available() { return false; }
+    return false;
 #else
-bool malloc_hook_available() { return true; }
+    return true;
 #endif
+}
 
 void fail_alloc_of_size(size_t size, int count, bool children_only) {
     size_fail_size = size;
@@ -221,86 +202,49 @@ void fail_fork(int count, bool children_only) {
 void set_system(SystemMode mode) { system_mode = mode; }
 
 void set_popen(PopenMode mode, const std::string &substitute) {
-    {
-        std::lock_guard<std::mutex> lock(mu);
-        popen_substitute = substitute;
-    }
     popen_mode = mode;
+    popen_substitute = substitute;
 }
 
 void fail_access(const std::string &suffix, int mode_bit) {
-    std::lock_guard<std::mutex> lock(mu);
     access_suffix = suffix;
     access_mode = mode_bit;
 }
 
-void fake_vsys_lock_driver(bool on, uint16_t locked_id) {
+void fake_vsys_lock_driver(uint16_t locked_id) {
+    lock_driver = true;
     lock_driver_id = locked_id;
-    lock_driver = on;
-    std::lock_guard<std::mutex> lock(mu);
-    lock_seen = LockRecordSeen{};
 }
 
-LockRecordSeen vsys_lock_seen() {
-    std::lock_guard<std::mutex> lock(mu);
-    return lock_seen;
-}
+LockRecordSeen vsys_lock_seen() { return lock_seen; }
 
-void localtime_fails(bool on) { no_localtime = on; }
+void localtime_fails() { no_localtime = true; }
+
+void capture_runs(int result) {
+    run_set_capture(
+        [](const char *program, const char *cmdline, void *ctx) {
+            log.push_back(std::string("run ") + program + ": " + cmdline);
+            return static_cast<int>(reinterpret_cast<intptr_t>(ctx));
+        },
+        reinterpret_cast<void *>(intptr_t(result)));
+}
 
 void reset() {
-    no_localtime = false;
-    fake_vsys_lock_driver(false);
-    alloc_fail = 0;
-    alloc_skip = 0;
-    size_fail_count = 0;
-    fork_fail = 0;
-    system_mode = SystemMode::run;
-    popen_mode = PopenMode::run;
+    fail_ipcmsg_alloc(0);
+    fail_alloc_of_size(0, 0);
+    fail_fork(0);
+    set_system(SystemMode::run);
+    set_popen(PopenMode::run);
     fail_access("", 0);
-    stop_capturing_runs();
-    clear_recorded();
-}
-
-std::vector<std::string> recorded() {
-    std::lock_guard<std::mutex> lock(mu);
-    return log;
-}
-
-void clear_recorded() {
-    std::lock_guard<std::mutex> lock(mu);
+    lock_driver = no_localtime = false;
+    lock_seen = {};
+    run_set_capture(nullptr, nullptr);
     log.clear();
 }
 
-void capture_runs(int result) { run_set_capture(&run_capture, reinterpret_cast<void *>(intptr_t(result))); }
-void stop_capturing_runs() { run_set_capture(nullptr, nullptr); }
+std::vector<std::string> recorded() { return log; }
 
-// Whether a size-targeted allocation fault applies to this call.
-bool size_fault(size_t size) {
-    if (size_fail_count.load(std::memory_order_relaxed) <= 0 || size != size_fail_size.load()) return false;
-    if (size_fail_children && getpid() == g_test_pid) return false;
-    return take(size_fail_count);
-}
-
-bool ipcmsg_alloc_fault() {
-    if (alloc_fail.load() <= 0) return false;
-    if (take(alloc_skip)) return false;
-    return take(alloc_fail);
-}
-
-bool fork_fault() {
-    if (fork_fail.load() <= 0) return false;
-    if (fork_fail_children && getpid() == g_test_pid) return false;
-    return take(fork_fail);
-}
-
-bool access_fault(const char *path, int mode) {
-    std::lock_guard<std::mutex> lock(mu);
-    if (access_suffix.empty() || !(mode & access_mode) || !path) return false;
-    std::string p = path;
-    return p.size() >= access_suffix.size() && p.compare(p.size() - access_suffix.size(), std::string::npos,
-                                                         access_suffix) == 0;
-}
+void clear_recorded() { log.clear(); }
 
 } // namespace hooks
 } // namespace devtest
@@ -309,16 +253,16 @@ bool access_fault(const char *path, int mode) {
 
 using namespace devtest::hooks;
 
+// The function that a stand-in named `name` hides, of the type fn_t.
+#define REAL(name) static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, name))
+
 // Children of the library end with exit(); leak checking belongs to the test process only.
-extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() {
-    return getpid() != devtest::test_pid();
-}
+extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() { return in_child(); }
 
 extern "C" __attribute__((visibility("default"))) void *ipcmsg_alloc(uint32_t size) {
     using fn_t = void *(*)(uint32_t);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "ipcmsg_alloc"));
-    if (devtest::hooks::ipcmsg_alloc_fault()) return nullptr;
-    return real(size);
+    REAL("ipcmsg_alloc");
+    return alloc_fail.load() > 0 && !take(alloc_skip) && take(alloc_fail) ? nullptr : real(size);
 }
 
 #if !defined(__SANITIZE_ADDRESS__)
@@ -326,93 +270,74 @@ extern "C" {
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
 }
-extern "C" __attribute__((visibility("default"))) void *malloc(size_t n) {
-    if (devtest::hooks::size_fault(n)) return nullptr;
-    return __libc_malloc(n);
+
+static bool size_fault(size_t size) {
+    return size_fail_count.load(std::memory_order_relaxed) > 0 && size == size_fail_size.load() &&
+           in_scope(size_fail_children) && take(size_fail_count);
 }
+
+extern "C" __attribute__((visibility("default"))) void *malloc(size_t n) {
+    return size_fault(n) ? nullptr : __libc_malloc(n);
+}
+
 extern "C" __attribute__((visibility("default"))) void *calloc(size_t n, size_t m) {
-    if (devtest::hooks::size_fault(n * m)) return nullptr;
-    return __libc_calloc(n, m);
+    return size_fault(n * m) ? nullptr : __libc_calloc(n, m);
 }
 #endif
 
 extern "C" __attribute__((visibility("default"))) pid_t fork(void) {
     using fn_t = pid_t (*)(void);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "fork"));
-    if (devtest::hooks::fork_fault()) {
-        errno = EAGAIN;
-        return -1;
-    }
-    return real();
+    REAL("fork");
+    if (fork_fail.load() <= 0 || !in_scope(fork_fail_children) || !take(fork_fail)) return real();
+    errno = EAGAIN;
+    return -1;
 }
 
 extern "C" __attribute__((visibility("default"))) int system(const char *command) {
     using fn_t = int (*)(const char *);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "system"));
-    switch (system_mode.load()) {
-    case SystemMode::record:
-        devtest::hooks::record(std::string("system: ") + (command ? command : "(null)"));
-        return 0;
-    case SystemMode::fail:
-        return -1;
-    default:
-        return real(command);
-    }
+    REAL("system");
+    if (system_mode == SystemMode::run) return real(command);
+    if (system_mode == SystemMode::fail) return -1;
+    log.push_back(std::string("system: ") + (command ? command : "(null)"));
+    return 0;
 }
 
 extern "C" __attribute__((visibility("default"))) FILE *popen(const char *command, const char *type) {
     using fn_t = FILE *(*)(const char *, const char *);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "popen"));
-    switch (popen_mode.load()) {
-    case PopenMode::record: {
-        devtest::hooks::record(std::string("popen ") + (type ? type : "") + ": " + (command ? command : ""));
-        std::string substitute;
-        {
-            std::lock_guard<std::mutex> lock(devtest::hooks::mu);
-            substitute = devtest::hooks::popen_substitute;
-        }
-        return real(substitute.c_str(), type);
+    REAL("popen");
+    if (popen_mode == PopenMode::run) return real(command, type);
+    if (popen_mode == PopenMode::record) {
+        log.push_back(std::string("popen ") + type + ": " + command);
+        return real(popen_substitute.c_str(), type);
     }
-    case PopenMode::fail:
-        errno = EMFILE;
-        return nullptr;
-    default:
-        return real(command, type);
-    }
+    errno = EMFILE;
+    return nullptr;
 }
 
 extern "C" __attribute__((visibility("default"))) int access(const char *path, int mode) {
     using fn_t = int (*)(const char *, int);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "access"));
-    if (devtest::hooks::access_fault(path, mode)) {
-        errno = EACCES;
-        return -1;
-    }
-    return real(path, mode);
+    REAL("access");
+    const std::string p = path;
+    if (access_suffix.empty() || !(mode & access_mode) || !p.ends_with(access_suffix)) return real(path, mode);
+    errno = EACCES;
+    return -1;
 }
 
 extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
     using fn_t = int (*)(int, unsigned long, ...);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "ioctl"));
+    REAL("ioctl");
     va_list ap;
     va_start(ap, request);
-    void *arg = va_arg(ap, void *);
+    auto *rec = static_cast<uint16_t *>(va_arg(ap, void *));
     va_end(ap);
-    if (devtest::hooks::lock_driver && request == 7) {
-        auto *rec = static_cast<uint16_t *>(arg);
-        {
-            std::lock_guard<std::mutex> lock(devtest::hooks::mu);
-            devtest::hooks::lock_seen = {rec[0], rec[1], devtest::hooks::lock_seen.calls + 1};
-        }
-        rec[1] = rec[0] == devtest::hooks::lock_driver_id ? 1 : 0;
-        return 0;
-    }
-    return real(fd, request, arg);
+    if (!lock_driver || request != 7) return real(fd, request, rec);
+    lock_seen = {rec[0], rec[1], lock_seen.calls + 1};
+    rec[1] = rec[0] == lock_driver_id ? 1 : 0;
+    return 0;
 }
 
 extern "C" __attribute__((visibility("default"))) struct tm *vk_localtime(const time_t *t, struct tm *out) {
     using fn_t = struct tm *(*)(const time_t *, struct tm *);
-    static fn_t real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "vk_localtime"));
-    if (devtest::hooks::no_localtime) return nullptr;
-    return real(t, out);
+    REAL("vk_localtime");
+    return no_localtime ? nullptr : real(t, out);
 }

@@ -1,25 +1,21 @@
-// Helpers of the device tests: a device tree of its own per test (MGMT_SYSROOT), files, captured
-// output of the device log, the boot console and standard output, and faults injected into the
-// calls that the library makes (this program stands in for them ahead of the C library and the
+// Helpers of the device tests: a device tree of its own per test (MGMT_SYSROOT), files, byte images
+// of records, captured output of the device log and of standard output, and faults injected into
+// the calls that the library makes (this program stands in for them ahead of the C library and the
 // platform library).
 #ifndef MGMT_TEST_DEVICE_SUPPORT_H
 #define MGMT_TEST_DEVICE_SUPPORT_H
 
-#include <sys/types.h>
-
-#include <cstdint>
-
-#include <atomic>
-#include <mutex>
+#include <chrono>
+#include <initializer_list>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "platform/platform.h"
+#include "test_support.h"
 
 namespace devtest {
 
-// The process that runs the tests (children of the library's forks are not it).
-pid_t test_pid();
+using mgmt_test::Bytes;
 
 // A fresh device tree below a temporary directory, set as MGMT_SYSROOT while it lives; also a
 // console file (MGMT_CONSOLE) and a boot console file (MGMT_BOOT_CONSOLE) beside it, where
@@ -31,10 +27,10 @@ class Sysroot {
     Sysroot(const Sysroot &) = delete;
     Sysroot &operator=(const Sysroot &) = delete;
     const std::string &root() const { return root_; }
-    std::string path(const std::string &device_path) const { return root_ + device_path; }
-    std::string console() const;
-    std::string boot_console() const;
     const std::string &dir() const { return dir_; }
+    std::string path(const std::string &device_path) const { return root_ + device_path; }
+    std::string console() const { return dir_ + "/console"; }
+    std::string boot_console() const { return dir_ + "/boot"; }
 
   private:
     std::string dir_, root_;
@@ -44,56 +40,51 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text, int mode = 0644);
 bool exists(const std::string &path);
 void make_dirs(const std::string &path);
-std::vector<std::string> list_dir(const std::string &path);
 
 // Waits until pred holds, at most ms milliseconds.
-template <typename Pred> bool eventually(Pred pred, int ms = 5000);
+template <typename Pred> bool eventually(Pred pred, int ms = 5000) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
 
-// Lines of the device log (vk_clog) while it lives.
+// Words in host order and in big-endian order, a host-order word read back, the terminated text at
+// off read no further than len bytes, and bytes with a text behind them.
+Bytes host_words(std::initializer_list<uint32_t> words);
+Bytes be_words(std::initializer_list<uint32_t> words);
+uint32_t host32(const Bytes &b, size_t off);
+std::string text_at(const Bytes &b, size_t off, size_t len);
+Bytes operator+(Bytes a, const std::string &s);
+
+// What the device log (vk_clog) or standard output was given while the capture lives.
 class LogCapture {
   public:
     LogCapture();
     ~LogCapture();
-    std::string text() const;
+    std::string text() const { return text_; }
 
   private:
-    static void sink(const char *text, void *ctx);
-    mutable std::mutex mu_;
     std::string text_;
 };
 
-// Text for the boot console (boot_print) while it lives.
-class BootCapture {
-  public:
-    BootCapture();
-    ~BootCapture();
-    std::string text() const;
-
-  private:
-    static void sink(const char *text, void *ctx);
-    mutable std::mutex mu_;
-    std::string text_;
-};
-
-// Everything written to standard output (file descriptor 1) while it lives.
 class StdoutCapture {
   public:
     StdoutCapture();
-    ~StdoutCapture();
+    ~StdoutCapture() { text(); }
     std::string text();
 
   private:
     int saved_ = -1;
-    std::string file_;
-    bool done_ = false;
-    std::string text_;
+    std::string file_, text_;
 };
 
-// ---------------------------------------------------------------- faults and captures
-
+// Faults and captures of the stand-ins, all off after reset().
 namespace hooks {
 
-// The next `count` ipcmsg_alloc calls of this process fail, after `skip` that pass.
+// The next `count` ipcmsg_alloc calls fail, after `skip` that pass.
 void fail_ipcmsg_alloc(int count, int skip = 0);
 // The next `count` malloc/calloc calls of exactly `size` bytes fail (in children only, when asked).
 // Not available under the address sanitizer, which brings its own allocator.
@@ -101,7 +92,6 @@ bool malloc_hook_available();
 void fail_alloc_of_size(size_t size, int count, bool children_only = false);
 // The next `count` forks fail with EAGAIN (in children only, when asked).
 void fail_fork(int count, bool children_only = false);
-
 // system(): run, record without running (result 0), or fail with -1.
 enum class SystemMode { run, record, fail };
 void set_system(SystemMode mode);
@@ -110,40 +100,27 @@ enum class PopenMode { run, record, fail };
 void set_popen(PopenMode mode, const std::string &substitute = ":");
 // access(): fail with EACCES for paths ending in `suffix` when asked for `mode_bit`.
 void fail_access(const std::string &suffix, int mode_bit);
-// ioctl(): while set, request 7 acts as the vsys lock driver: `locked` becomes 1 for the given
-// id and 0 for any other, and the record the library handed over is kept for the test.
-void fake_vsys_lock_driver(bool on, uint16_t locked_id = 0);
+// ioctl(): request 7 acts as the vsys lock driver, which locks `locked_id` only; the last record
+// that the library handed over, and the number of calls, are kept.
+void fake_vsys_lock_driver(uint16_t locked_id);
 struct LockRecordSeen {
     uint16_t vsys_id, locked;
     int calls;
 };
 LockRecordSeen vsys_lock_seen();
-// vk_localtime(): gives null while set.
-void localtime_fails(bool on);
+// vk_localtime(): gives null.
+void localtime_fails();
+// The platform's run capture: records and answers `result`.
+void capture_runs(int result);
 void reset();
 
-// Everything recorded by system, popen and the platform's run capture, in order:
+// Everything recorded by system, popen and the run capture, in order:
 // "system: <line>", "popen <mode>: <line>", "run <program>: <line>".
 std::vector<std::string> recorded();
 void clear_recorded();
-// Sets the platform's run capture, which records and answers `result`.
-void capture_runs(int result);
-void stop_capturing_runs();
 
 } // namespace hooks
 
 } // namespace devtest
-
-#include <chrono>
-#include <thread>
-
-template <typename Pred> bool devtest::eventually(Pred pred, int ms) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 #endif

@@ -6,26 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "device_support.h"
 #include "mgmt/device.h"
-#include "test_support.h"
 
 using namespace mgmt_test;
 using namespace devtest;
 
 namespace {
-
-Bytes host_words(std::initializer_list<uint32_t> words) {
-    Bytes b;
-    for (uint32_t w : words) {
-        uint8_t raw[4];
-        std::memcpy(raw, &w, 4);
-        b.insert(b.end(), raw, raw + 4);
-    }
-    return b;
-}
 
 class Probes : public ::testing::Test {
   protected:
@@ -41,13 +28,18 @@ class Probes : public ::testing::Test {
     Sysroot root;
 };
 
+// A peer that answers every message `msg` with what `reply` gives at the time.
+template <typename Reply> void answer(TestPeer &peer, uint16_t msg, Reply reply) {
+    peer.handle(msg, [reply](const Received &) { return std::vector<Answer>{reply()}; });
+}
+
 TEST_F(Probes, ChildMonitorPidIsDigitsAloneWithoutLineEnd) {
     EXPECT_EQ(get_child_monitord_pid(), -1) << "no file";
     const struct {
         const char *text;
         int want;
-    } cases[] = {{"1234", 1234},         {"1234\n", -1},       {"", -1},  {"12a4", -1}, {" 12", -1},
-                 {"-12", -1},            {"0", 0},             {"0000000000123456", 12345}};
+    } cases[] = {{"1234", 1234}, {"1234\n", -1}, {"", -1}, {"12a4", -1},
+                 {" 12", -1},    {"-12", -1},    {"0", 0}, {"0000000000123456", 12345}};
     for (const auto &c : cases) {
         monitord(c.text);
         EXPECT_EQ(get_child_monitord_pid(), c.want) << "'" << c.text << "'";
@@ -82,8 +74,8 @@ TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {
     EXPECT_EQ(vk_is_storage_available(getpid()), 1);
     EXPECT_EQ(hooks::recorded().size(), 3u);
     hooks::clear_recorded();
-    const std::string flag = root.dir() + "/tries";
-    hooks::set_popen(hooks::PopenMode::record, "echo . >> " + flag + "; if [ $(wc -l < " + flag +
+    const std::string tries = root.dir() + "/tries";
+    hooks::set_popen(hooks::PopenMode::record, "echo . >> " + tries + "; if [ $(wc -l < " + tries +
                                                    ") -lt 3 ]; then printf 'State:\\tD (disk sleep)\\n'; "
                                                    "else printf 'State:\\tS (sleeping)\\n'; fi");
     EXPECT_EQ(vk_is_storage_available(getpid()), 2) << "clear at the third try";
@@ -91,16 +83,16 @@ TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {
 
     hooks::set_popen(hooks::PopenMode::fail);
     EXPECT_EQ(vk_is_storage_available(getpid()), -1);
-}
 
-TEST_F(Probes, StorageOfAProcessThatIsGoneCannotBeTold) {
+    // A process that is gone gives no line at three tries.
     pid_t gone = fork();
     ASSERT_GE(gone, 0);
     if (gone == 0) _exit(0);
     ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+    hooks::clear_recorded();
     hooks::set_popen(hooks::PopenMode::record, "cat /proc/" + std::to_string(gone) + "/status 2>/dev/null | grep State");
     EXPECT_EQ(vk_is_storage_available(gone), -1);
-    EXPECT_EQ(hooks::recorded().size(), 3u) << "three tries";
+    EXPECT_EQ(hooks::recorded().size(), 3u);
 }
 
 TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {
@@ -108,14 +100,16 @@ TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {
     ASSERT_NE(none, nullptr);
     EXPECT_STREQ(none, "");
     make_dirs(root.path("/flash"));
-    write_file(root.path(MGMT_DEVICE_UUID_FILE), "  5f1e-77aa trailing words\n");
-    EXPECT_STREQ(get_device_uuid(), "5f1e-77aa");
-    write_file(root.path(MGMT_DEVICE_UUID_FILE), "second");
-    EXPECT_STREQ(get_device_uuid(), "second");
-    write_file(root.path(MGMT_DEVICE_UUID_FILE), "\n \n");
-    EXPECT_STREQ(get_device_uuid(), "");
-    write_file(root.path(MGMT_DEVICE_UUID_FILE), std::string(300, 'u'));
-    EXPECT_EQ(std::string(get_device_uuid()), std::string(127, 'u')) << "as much as the buffer holds";
+    const struct {
+        std::string text, want;
+    } cases[] = {{"  5f1e-77aa trailing words\n", "5f1e-77aa"},
+                 {"second", "second"},
+                 {"\n \n", ""},
+                 {std::string(300, 'u'), std::string(127, 'u')}};
+    for (const auto &c : cases) {
+        write_file(root.path(MGMT_DEVICE_UUID_FILE), c.text);
+        EXPECT_EQ(std::string(get_device_uuid()), c.want);
+    }
 }
 
 TEST_F(Probes, VsysLockEntry) {
@@ -143,7 +137,7 @@ TEST_F(Probes, VsysLockEntry) {
     EXPECT_EQ(log.text(), "[app44/0]: ioctl mgd_vsys_lock_status cmd 7 failed, ret -1\n"
                           "[app44/0]: ioctl mgd_vsys_lock_status cmd 7 failed, ret -1\n");
 
-    hooks::fake_vsys_lock_driver(true, 3);
+    hooks::fake_vsys_lock_driver(3);
     EXPECT_EQ(libmgmt_is_vsys_locked(3), 1);
     EXPECT_EQ(hooks::vsys_lock_seen().vsys_id, 3);
     EXPECT_EQ(hooks::vsys_lock_seen().locked, 0) << "handed over with locked 0";
@@ -154,9 +148,11 @@ TEST_F(Probes, VsysLockEntry) {
 // ---------------------------------------------------------------- exchanges
 
 TEST_F(Probes, CapabilityChecksumAsksWithTwoAndReadsOneWord) {
+    uint32_t crc = 5;
+    EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1) << "no manager";
+    int32_t status = 0;
     TestPeer mgd(MGD_APPID);
-    mgd.handle(602, [](const Received &) { return std::vector<Answer>{{host_words({0xc0ffee11}), 0, true}}; });
-    uint32_t crc = 0;
+    answer(mgd, 602, [&] { return Answer{host_words({0xc0ffee11}), status, true}; });
     EXPECT_EQ(get_dynamic_cap_crc32(&crc), 0);
     EXPECT_EQ(crc, 0xc0ffee11u);
     ASSERT_TRUE(mgd.wait_for(1));
@@ -167,45 +163,36 @@ TEST_F(Probes, CapabilityChecksumAsksWithTwoAndReadsOneWord) {
         EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1);
     }
     EXPECT_FALSE(mgd.wait_for(2, 100));
-}
-
-TEST_F(Probes, CapabilityChecksumFailures) {
-    uint32_t crc = 5;
-    EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1) << "no manager";
-    TestPeer mgd(MGD_APPID);
-    mgd.handle(602, [](const Received &) { return std::vector<Answer>{{host_words({1}), -1, true}}; });
+    status = -1;
+    crc = 5;
     EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1);
     EXPECT_EQ(crc, 5u);
 }
 
 TEST_F(Probes, SessionCutReadsThreeWordsAndIgnoresTheStatus) {
+    uint32_t words[3] = {1, 2, 3};
+    {
+        StdoutCapture out;
+        EXPECT_EQ(get_session_cut(words), -1);
+        hooks::fail_ipcmsg_alloc(1);
+        EXPECT_EQ(get_session_cut(words), -1);
+        EXPECT_EQ(out.text(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
+        EXPECT_EQ(words[0], 1u);
+    }
     TestPeer mgd(MGD_APPID);
-    mgd.handle(611, [](const Received &) { return std::vector<Answer>{{host_words({7, 8, 9}), -4, true}}; });
-    uint32_t words[3] = {};
+    answer(mgd, 611, [] { return Answer{host_words({7, 8, 9}), -4, true}; });
     EXPECT_EQ(get_session_cut(words), 0);
-    EXPECT_EQ(words[0], 7u);
-    EXPECT_EQ(words[1], 8u);
-    EXPECT_EQ(words[2], 9u);
+    EXPECT_EQ(std::vector<uint32_t>(words, words + 3), (std::vector<uint32_t>{7, 8, 9}));
     ASSERT_TRUE(mgd.wait_for(1));
     EXPECT_EQ(mgd.received()[0].bytes.size(), 12u);
 }
 
-TEST_F(Probes, SessionCutFailuresAreTold) {
-    uint32_t words[3] = {1, 2, 3};
-    StdoutCapture out;
-    EXPECT_EQ(get_session_cut(words), -1);
-    hooks::fail_ipcmsg_alloc(1);
-    EXPECT_EQ(get_session_cut(words), -1);
-    EXPECT_EQ(out.text(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
-    EXPECT_EQ(words[0], 1u);
-}
-
 TEST_F(Probes, NetworkManagerTimeoutIsASignedCompare) {
-    int32_t limit = 0, passed = 0;
+    ConsoleCapture console;
+    EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1) << "no manager";
+    int32_t limit = 0, passed = 0, status = 0;
     TestPeer mgd(MGD_APPID);
-    mgd.handle(836, [&](const Received &) {
-        return std::vector<Answer>{{host_words({0xffffffff, uint32_t(limit), uint32_t(passed)}), 0, true}};
-    });
+    answer(mgd, 836, [&] { return Answer{host_words({0xffffffff, uint32_t(limit), uint32_t(passed)}), status, true}; });
     const struct {
         int32_t limit, passed;
         int want;
@@ -227,18 +214,10 @@ TEST_F(Probes, NetworkManagerTimeoutIsASignedCompare) {
     EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 1);
     passed = 1;
     EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 0);
-}
 
-TEST_F(Probes, NetworkManagerFailures) {
-    ConsoleCapture console;
-    setenv("MGMT_PLATFORM", "mq500_sdwan", 1);
+    status = -1;
     EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
     EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 1);
-    {
-        TestPeer mgd(MGD_APPID);
-        mgd.handle(836, [](const Received &) { return std::vector<Answer>{{host_words({0, 9, 0}), -1, true}}; });
-        EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
-    }
     const std::string failed = "LIBMGMT: Get network manager timeout failed!\n";
     EXPECT_EQ(console.text(), failed + failed + failed);
     console.clear();
@@ -250,10 +229,11 @@ TEST_F(Probes, NetworkManagerFailures) {
 }
 
 TEST_F(Probes, AvailabilityIsTheByteAtOffset44OfAFullReply) {
+    EXPECT_EQ(vk_get_avai_status_para(), -1) << "no application 0";
     Bytes reply(64, 0);
     int32_t status = 0;
     TestPeer app0(0);
-    app0.handle(880, [&](const Received &) { return std::vector<Answer>{{reply, status, true}}; });
+    answer(app0, 880, [&] { return Answer{reply, status, true}; });
     reply[44] = 1;
     EXPECT_EQ(vk_get_avai_status_para(), 1);
     ASSERT_TRUE(app0.wait_for(1));
@@ -272,7 +252,5 @@ TEST_F(Probes, AvailabilityIsTheByteAtOffset44OfAFullReply) {
     }
     EXPECT_EQ(app0.received().size(), 4u);
 }
-
-TEST(ProbesAlone, AvailabilityWithoutApplicationZero) { EXPECT_EQ(vk_get_avai_status_para(), -1); }
 
 } // namespace
