@@ -43,33 +43,12 @@ void front_end(const std::function<void(mgiInfo &)> &fn) {
     });
 }
 
-// Arguments for chosen fields of an object, each field's bytes (a text's characters) set to one value.
-class Slots {
-  public:
-    Slots(const libmgmt_object *o, const std::vector<std::pair<size_t, char>> &given)
-        : o_(o), value_(o->field_count), inner_(o->field_count), args_(o->field_count) {
-        for (auto [k, v] : given) {
-            const libmgmt_field &f = o->fields[k];
-            const bool text = f.kind == LIBMGMT_FIELD_TEXT;
-            value_[k].assign(text ? f.width - 1 : f.width, v);
-            inner_[k] = value_[k].c_str();
-            args_[k] = text || f.kind == LIBMGMT_FIELD_REF ? static_cast<void *>(&inner_[k]) : value_[k].data();
-        }
-    }
-    void fill(mgiInfo &info) const { std::copy(args_.begin(), args_.end(), info.rqt_item); }
-    // The entity record these arguments make in a zeroed buffer.
-    Bytes entity() const {
-        Bytes rec(o_->entity_len, 0);
-        o_->pack_entity(rec.data(), nullptr, nullptr, args_.data());
-        return rec;
-    }
-
-  private:
-    const libmgmt_object *o_;
-    std::vector<std::string> value_;
-    std::vector<const char *> inner_;
-    std::vector<void *> args_;
-};
+// The entity record that these arguments make in a zeroed buffer.
+Bytes entity(const libmgmt_object *o, const std::vector<void *> &args) {
+    Bytes rec(o->entity_len, 0);
+    o->pack_entity(rec.data(), nullptr, nullptr, args.data());
+    return rec;
+}
 
 // Records handed to the callback of the road through the manager.
 std::vector<Bytes> g_records;
@@ -132,8 +111,14 @@ TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
     rows_[0] = 0x31;
     rows_[o->entity_len] = 0x32;
     g_stride = o->entity_len;
-    // Field 0 is mask1 bit 0, field 40 mask2 bit 8, field 70 bit 6 of the third word.
-    const Slots s(o, {{0, 'n'}, {40, 0x5a}, {70, 0x6b}});
+    // Field 0 (s32) is mask1 bit 0, field 40 (u32) mask2 bit 8, field 70 (u64) bit 6 of the third word.
+    const char *name = "eth0";
+    uint32_t f40 = 0x5a5a5a5a;
+    uint64_t f70 = 0x6b6b6b6b6b6b6b6bull;
+    std::vector<void *> args(o->field_count);
+    args[0] = &name;
+    args[40] = &f40;
+    args[70] = &f70;
     front_end([&](mgiInfo &info) {
         mgi_set_rqt_type(&info, 3);
         info.rqt_mask1 = 0x100000;
@@ -142,7 +127,7 @@ TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
         info.rqt_mask4 = 0x40;
         info.rqt_mask5 = 0x2;
         info.rqt_mask6 = 0x6;
-        s.fill(info);
+        std::copy(args.begin(), args.end(), info.rqt_item);
         EXPECT_EQ(final_set_if_if(&info, set_cb), 0);
         EXPECT_EQ(info.mgidata, info.mgi_buf->sbuf + MGI_HDR_LEN);
         EXPECT_EQ(info.mgidata_len, o->entity_len);
@@ -157,8 +142,9 @@ TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
     EXPECT_EQ(words(m, MGI_OFF_MASK1, 3), (Words{0x100000 | 0x1, 0x1 | 0x100, 0x80000000 | 0x40}));
     // mask4 as it stands, mask5 takes the high half, mask6 as it stands.
     EXPECT_EQ(words(m, MGI_OFF_MASK4, 3), (Words{0x40, 0x2 | 0x100, 0x6}));
-    const Bytes want = s.entity(); // the set clears the buffers before packing
+    const Bytes want = entity(o, args); // the set clears the buffers before packing
     EXPECT_EQ(Bytes(m.begin() + MGI_HDR_LEN, m.end()), want);
+    EXPECT_EQ(text_at(want, 0), "eth0");
     EXPECT_EQ(want[o->fields[40].offset], 0x5a);
     // The answer comes back in records of the entity's length.
     ASSERT_EQ(g_records.size(), 2u);
@@ -377,10 +363,11 @@ TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
     peer(MGD_APPID);
     peer(o->owner);
     text_ = "done";
-    std::vector<std::pair<size_t, char>> all;
-    for (size_t k = 0; k < o->field_count; ++k)
-        all.emplace_back(k, char('a' + k));
-    const Slots s(o, all);
+    const char *user = "admin", *password = "secret", *how = "local";
+    uint32_t u[3] = {4, 5, 6};
+    unsigned char addr[16] = {0x20, 0x01};
+    const std::vector<void *> args = {&user, &password, &how, &u[0], &u[1], &u[2], addr}; // s64 s32 s16 u32*3 b16
+    ASSERT_EQ(o->field_count, args.size());
     std::vector<Bytes> calls;
     front_end([&](mgiInfo &info) {
         init_mgi_exchange_r(info.mgi_buf);
@@ -389,7 +376,7 @@ TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
         for (int i = 0; i < 9; ++i)
             info.rqt_xmask[i] = 0xffffffffu;
         info.rqt_mask2 = 0x5;
-        s.fill(info);
+        std::copy(args.begin(), args.end(), info.rqt_item);
         EXPECT_EQ(final_exec_admind_verify_password(&info, direct_cb, &calls), 0);
     });
     const Bytes m = sent_to(o->owner);
@@ -399,7 +386,7 @@ TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
     EXPECT_EQ(words(m, MGI_OFF_MASK1, 2), (Words{(1u << o->field_count) - 1, 0x5}));
     EXPECT_EQ(words(m, MGI_OFF_XMASK1, 6), Words(6, 0)) << "xmask is the get stubs' only";
     EXPECT_EQ(words(m, MGI_OFF_XMASK7, 3), Words(3, 0));
-    EXPECT_EQ(seg_body(m, MGI_HDR_LEN), s.entity());
+    EXPECT_EQ(seg_body(m, MGI_HDR_LEN), entity(o, args));
     EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("done")});
 }
 
