@@ -96,17 +96,7 @@ TEST_F(IpcTest, RuntimeDirIsMadeWithParentsMode0700) {
     }
 }
 
-TEST_F(IpcTest, ThreadSocketEndsWithItsThread) {
-    std::string p;
-    on_thread([&] {
-        ASSERT_NE(ipc_self(), nullptr);
-        p = my_thread_path();
-        EXPECT_TRUE(exists(p));
-    });
-    EXPECT_FALSE(p.empty());
-    EXPECT_FALSE(exists(p));
-}
-
+// Identity from the environment, the process and the thread; a thread's socket ends with it.
 TEST_F(IpcTest, IdentityFromEnvironmentProcessAndThread) {
     setenv("MGMT_APPID", "7", 1);
     setenv("MGMT_INSTANCE", "3", 1);
@@ -127,12 +117,17 @@ TEST_F(IpcTest, IdentityFromEnvironmentProcessAndThread) {
         ASSERT_NE(ipc_self(), nullptr);
         EXPECT_EQ(myipc.appid, 9u);
     });
-    on_thread([] {
+    std::string thread_sock;
+    on_thread([&] {
         ipc_set_thread_identity(5, 2);
         ASSERT_NE(ipc_self(), nullptr);
         EXPECT_EQ(myipc.appid, 5u);
         EXPECT_EQ(myipc.instance, 2u);
+        thread_sock = my_thread_path();
+        EXPECT_TRUE(exists(thread_sock));
     });
+    EXPECT_FALSE(thread_sock.empty());
+    EXPECT_FALSE(exists(thread_sock));
 
     ipc_reset(); // back to the environment's identity
     EXPECT_EQ(myipc.fd, -1);
@@ -308,21 +303,9 @@ TEST_F(IpcTest, UnboundDestinationFailsAtOnce) {
     EXPECT_LT(elapsed_ms(t0), 2000);
 }
 
-TEST_F(IpcTest, SilentServerGivesTimeOut) {
-    Seen seen;
-    Server srv(45, 0, &seen, {{1, silent}});
-    ASSERT_TRUE(srv.ok());
-    auto t0 = std::chrono::steady_clock::now();
-    int32_t status = 3;
-    EXPECT_EQ(exchange(45, 0, 1, "x", &status, nullptr, 200), -ETIMEDOUT);
-    EXPECT_EQ(status, 3);
-    setenv("MGMT_IPC_TIMEOUT_MS", "200", 1); // time-out 0: the platform default
-    EXPECT_EQ(exchange(45, 0, 1, "x", &status, nullptr, 0), -ETIMEDOUT);
-    EXPECT_LT(elapsed_ms(t0), 5000);
-    EXPECT_EQ(seen.count.load(), 2);
-}
-
-TEST_F(IpcTest, StaleRepliesAreDropped) {
+// A silent handler gives a time-out within its bound, status left alone; time-out 0 is the
+// platform default. Replies that come too late, or with an earlier sequence, are dropped.
+TEST_F(IpcTest, TimeOutsAndStaleReplies) {
     // The first request is answered after its caller gave up: not taken for the second's answer.
     static auto slow_first =
         +[](void *, void *, void *payload, uint32_t len, int32_t *status, void *reply, uint32_t *reply_len) {
@@ -344,10 +327,19 @@ TEST_F(IpcTest, StaleRepliesAreDropped) {
             *status = 3;
             return int(IPC_HANDLER_REPLY);
         };
-    Server srv(46, 0, nullptr, {{1, slow_first}, {2, with_stale}});
+    Seen seen;
+    Server srv(46, 0, &seen, {{1, slow_first}, {2, with_stale}, {3, silent}});
     ASSERT_TRUE(srv.ok());
-    int32_t status = 0;
+    auto t0 = std::chrono::steady_clock::now();
+    int32_t status = 3;
     std::string in;
+    EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 200), -ETIMEDOUT);
+    EXPECT_EQ(status, 3);
+    setenv("MGMT_IPC_TIMEOUT_MS", "200", 1);
+    EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 0), -ETIMEDOUT);
+    EXPECT_LT(elapsed_ms(t0), 5000);
+    EXPECT_EQ(seen.count.load(), 2);
+
     EXPECT_EQ(exchange(46, 0, 1, "first", &status, &in, 100), -ETIMEDOUT);
     ASSERT_EQ(exchange(46, 0, 1, "second", &status, &in, 5000), 0);
     EXPECT_EQ(in, "second");
