@@ -171,22 +171,23 @@ TEST(BufListRead, LineReadsFromARewind) {
         std::string text;
         std::vector<std::pair<uint32_t, std::string>> reads; // capacity, expected
         uint32_t position;                                   // after the reads
+        uint32_t read_offset;                                // after the reads
     };
     const Case cases[] = {
         // Across blocks; running off the end still returns the buffer, then null.
         // 16 from the write that crossed three block ends, plus the 13 read.
-        {4, "hello\nworld\nx", {{64, "hello\n"}, {64, "world\n"}, {64, "x"}, {64, "<null>"}}, 16 + 13},
+        {4, "hello\nworld\nx", {{64, "hello\n"}, {64, "world\n"}, {64, "x"}, {64, "<null>"}}, 16 + 13, 0},
         // Text that ends at a block end: an empty read, then null.
-        {4, "abc\n", {{64, "abc\n"}, {64, ""}, {64, "<null>"}}, 8},
+        {4, "abc\n", {{64, "abc\n"}, {64, ""}, {64, "<null>"}}, 8, 0},
         // The capacity cuts a line and the rest follows.
-        {3, "abcdef\ngh\n", {{4, "abcd"}, {4, "ef\n"}, {4, "gh\n"}}, 13 + 10},
+        {3, "abcdef\ngh\n", {{4, "abcd"}, {4, "ef\n"}, {4, "gh\n"}}, 13 + 10, 1},
         // A capacity of 0 still takes one byte.
-        {8, "abc\n", {{0, "a"}, {10, "bc\n"}}, 8},
+        {8, "abc\n", {{0, "a"}, {10, "bc\n"}}, 8, 4},
         // A zero byte ends the text; the reader stays in front of it.
-        {16, std::string("ab\0cd\n", 6), {{16, "<null>"}, {16, "<null>"}}, 6},
+        {16, std::string("ab\0cd\n", 6), {{16, "<null>"}, {16, "<null>"}}, 6, 0},
         // The step back counts in the current element only, so it overshoots
         // and the next read runs off the end.
-        {2, std::string("abc\0", 4), {{16, "<null>"}, {16, ""}, {16, "<null>"}}, 4},
+        {2, std::string("abc\0", 4), {{16, "<null>"}, {16, ""}, {16, "<null>"}}, 4, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text);
@@ -197,6 +198,7 @@ TEST(BufListRead, LineReadsFromARewind) {
             EXPECT_EQ(get_line(l.get(), cap), expected) << "capacity " << cap;
         }
         EXPECT_EQ(l->position, c.position);
+        EXPECT_EQ(l->read_offset, c.read_offset);
     }
 }
 
