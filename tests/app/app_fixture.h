@@ -53,13 +53,6 @@ struct Response {
         }
         return out;
     }
-    const Seg *segment(uint8_t type) const {
-        static thread_local std::vector<Seg> segs;
-        segs = segments();
-        for (const Seg &s : segs)
-            if (s.type == type) return &s;
-        return nullptr;
-    }
 };
 
 // Serves the request in process; the response buffer has the room of a real IPC reply buffer.

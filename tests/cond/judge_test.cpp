@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -29,14 +28,12 @@ struct Row {
     uint32_t flag = 0;
     uint32_t ip = 0;
     int32_t num = 0;
-    uint32_t pad = 0;
     char name[16] = {};
-    unsigned char mac[8] = {};
 };
 static_assert(offsetof(Row, link) == sizeof(void *));
 
 constexpr int32_t kFlag = offsetof(Row, flag), kIp = offsetof(Row, ip), kNum = offsetof(Row, num),
-                  kName = offsetof(Row, name), kMac = offsetof(Row, mac);
+                  kName = offsetof(Row, name);
 
 constexpr uint32_t kWord = 0x7c0d0001; // entity with an item table
 constexpr uint32_t kBare = 0x7c0d0002; // entity without one
@@ -49,7 +46,6 @@ appItem g_items[] = {
     {{"ip", "addr", "address", nullptr}, APP_ITEM_IPV4, kIp},
     {{"num", nullptr}, APP_ITEM_INT32, kNum},
     {{"name", nullptr}, APP_ITEM_STRING, kName},
-    {{"mac", nullptr}, APP_ITEM_MAC, kMac},
     {{"and", nullptr}, APP_ITEM_STRING, kName},
     {{nullptr}, 0, 0},
 };
@@ -145,12 +141,7 @@ TEST(PostJudgeParse, CollectingEndsOnlyAtALimit) {
         int32_t connectors[COND_CONNECTORS] = {7, 7, 7, 7};
         cond_expr_list list{nullptr, &list.first};
         EXPECT_EQ(retrieve_postJudge_stdExpr(kPath, c.text, words, connectors, &list), c.rc);
-        for (int i = 0; i < c.copies; ++i) {
-            EXPECT_STREQ(words[i], c.first) << i;
-            if (i) {
-                EXPECT_NE(words[i], words[i - 1]); // copies of their own
-            }
-        }
+        for (int i = 0; i < c.copies; ++i) EXPECT_STREQ(words[i], c.first) << i;
         if (c.copies < COND_WORDS) {
             EXPECT_EQ(words[c.copies], nullptr);
         }
@@ -262,18 +253,11 @@ TEST(PostJudgeBuild, AppendsBehindNodesAlreadyListed) {
     EXPECT_EQ(old->type, uint32_t(APP_ITEM_INT32));
     EXPECT_EQ(old->offset, kNum);
     EXPECT_EQ(nodes[1]->offset, kFlag);
-
-    Build c("enabled == true");
-    c.list = {}; // a list in zeroed storage: no last-link yet
-    ASSERT_EQ(c.run(), 0);
-    ASSERT_NE(c.list.first, nullptr);
-    EXPECT_EQ(c.list.last, &c.list.first->next);
-    EXPECT_EQ(c.list.first->type, uint32_t(APP_ITEM_BOOL));
 }
 
 // ---------------------------------------------------------------- judging
 
-TEST(PostJudge, EmptyListsUnresolvedFieldsAndBadNodes) {
+TEST(PostJudge, EmptyListsChangeNothing) {
     Row r;
     Expr none({});
     Outcome o = judge(r, none);
@@ -285,25 +269,6 @@ TEST(PostJudge, EmptyListsUnresolvedFieldsAndBadNodes) {
     EXPECT_EQ(rows.last, nullptr);
     EXPECT_EQ(retrieve_preJudge_stdExpr(), 0);
     EXPECT_EQ(default_pre_logic_analyze(), 0);
-
-    // An unresolved field passes whatever its operator; a resolved one with an unknown operator
-    // or connector fails the call and leaves the row.
-    const struct {
-        std::vector<Clause> clauses;
-        int rc;
-    } cases[] = {
-        {{{nullptr, "match", "abc", APP_ITEM_STRING, -1}}, 0},
-        {{{nullptr, "like", "abc", APP_ITEM_STRING, -1}}, 0},
-        {{{nullptr, "like", "abc", APP_ITEM_STRING, kName}}, -2},
-        {{{nullptr, nullptr, "abc", APP_ITEM_STRING, kName}}, -2},
-        {{{nullptr, "match", "abc", APP_ITEM_STRING, kName}, {"xor", "match", "abc", APP_ITEM_STRING, kName}}, -2},
-    };
-    for (const auto &c : cases) {
-        Expr x(c.clauses);
-        o = judge(r, x);
-        EXPECT_EQ(o.rc, c.rc) << s(c.clauses.back().op) << " " << s(c.clauses.back().connector);
-        EXPECT_TRUE(o.stays);
-    }
 }
 
 // Every operator on an IPv4 field: the value side is the type code, 10, whatever the text says.
@@ -327,36 +292,6 @@ TEST(PostJudge, OperatorsMeetTheTypeCode) {
         EXPECT_EQ(judge(r, e).stays, c.above);
         r.ip = 0xc0a80001; // the address the text names
         EXPECT_EQ(judge(r, e).stays, c.above);
-    }
-}
-
-// The other types meet their type code too: truth value 0 (and "less" is 1 whatever the
-// values; "\x01" is a flag of 1), a string "\x05", a MAC value that starts with the byte 12.
-TEST(PostJudge, OtherTypesMeetTheirTypeCode) {
-    const struct {
-        Clause clause;
-        std::string field; // the bytes at the field
-        bool stays;
-    } cases[] = {
-        {{nullptr, "match", "true", APP_ITEM_BOOL, kFlag}, "", true},
-        {{nullptr, "match", "false", APP_ITEM_BOOL, kFlag}, "\x01", false},
-        {{nullptr, "lt", "true", APP_ITEM_BOOL, kFlag}, "\x01", true},
-        {{nullptr, "nlt", "true", APP_ITEM_BOOL, kFlag}, "\x01", false},
-        {{nullptr, "gt", "true", APP_ITEM_BOOL, kFlag}, "\x01", true},
-        {{nullptr, "gt", "true", APP_ITEM_BOOL, kFlag}, "", false},
-        {{nullptr, "match", "eth0", APP_ITEM_STRING, kName}, "eth0", false},
-        {{nullptr, "gt", "eth0", APP_ITEM_STRING, kName}, "eth0", true},
-        {{nullptr, "match", "eth0", APP_ITEM_STRING, kName}, "\x05", true},
-        {{nullptr, "gt", "eth0", APP_ITEM_STRING, kName}, "\x05", false},
-        {{nullptr, "gt", "eth0", APP_ITEM_STRING, kName}, "", false},
-        {{nullptr, "match", "0011.2233.4455", APP_ITEM_MAC, kMac}, {"\x00\x11\x22\x33\x44\x55", 6}, false},
-        {{nullptr, "match", "0011.2233.4455", APP_ITEM_MAC, kMac}, "\x0c", true},
-    };
-    for (const auto &c : cases) {
-        Row r;
-        std::memcpy(reinterpret_cast<char *>(&r) + c.clause.offset, c.field.data(), c.field.size());
-        Expr e({c.clause});
-        EXPECT_EQ(judge(r, e).stays, c.stays) << c.clause.op << " " << c.clause.value;
     }
 }
 
@@ -397,8 +332,9 @@ TEST(PostJudge, ValueReadingsAndTheirCodes) {
     }
 }
 
+// Clauses on an IPv4 field of 10, where "match" is true and "gt" false: how they join, and
+// which nodes fail the call (leaving the row).
 TEST(PostJudge, ClausesJoinLeftToRightWithoutPrecedence) {
-    // On an IPv4 field of 10: "match" is true, "gt" false.
     const Clause yes{nullptr, "match", "1.1.1.1", APP_ITEM_IPV4, kIp};
     const Clause no{nullptr, "gt", "1.1.1.1", APP_ITEM_IPV4, kIp};
     const Clause unreadable{"and", "match", "x.y", APP_ITEM_IPV4, kIp};
@@ -412,8 +348,13 @@ TEST(PostJudge, ClausesJoinLeftToRightWithoutPrecedence) {
         {{yes, joined(no, "and")}, 0, false},
         {{yes, joined(no, "&&")}, 0, false},
         {{yes, joined(yes, "||"), joined(no, "&&")}, 0, false}, // (yes || yes) && no
-        {{no, joined(yes, "and"), yes}, 0, true}, // no connector: the node's own verdict
-        {{no, joined(yes, "and"), unreadable}, -1994, true}, // nothing is short-circuited
+        {{no, joined(yes, "and"), yes}, 0, true},               // no connector: the node's own verdict
+        {{no, joined(yes, "and"), unreadable}, -1994, true},    // nothing is short-circuited
+        {{joined(no, "xor")}, -2, true},
+        {{{nullptr, "like", "1.1.1.1", APP_ITEM_IPV4, kIp}}, -2, true},
+        {{{nullptr, nullptr, "1.1.1.1", APP_ITEM_IPV4, kIp}}, -2, true},
+        {{{nullptr, "like", "1.1.1.1", APP_ITEM_IPV4, -1}}, 0, true}, // an unresolved field passes
+        {{{nullptr, "gt", "1.1.1.1", APP_ITEM_IPV4, -1}}, 0, true},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         Expr e(cases[i].clauses);
@@ -464,10 +405,8 @@ TEST(Release, WordsAndLists) {
     free_expr_list_all(&exprs.list);
     EXPECT_EQ(exprs.list.first, nullptr);
     EXPECT_EQ(exprs.list.last, &exprs.list.first);
-    auto *d1 = static_cast<cond_data_node *>(std::calloc(1, sizeof(cond_data_node) + 16));
-    auto *d2 = static_cast<cond_data_node *>(std::calloc(1, sizeof(cond_data_node) + 16));
-    d1->next = d2;
-    cond_data_list rows{d1, &d2->next};
+    auto *row = static_cast<cond_data_node *>(std::calloc(1, sizeof(cond_data_node) + 16));
+    cond_data_list rows{row, &row->next};
     free_data_list_all(&rows);
     EXPECT_EQ(rows.first, nullptr);
     EXPECT_EQ(rows.last, &rows.first);

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -101,42 +100,44 @@ TEST_F(ServeDaemon, WholeTableComesInOrderOverSeveralPartialAnswers) {
     LastResponse last = ask(final_get_aaa_role);
     ASSERT_EQ(last.rc, 0);
     EXPECT_EQ(last.type, MGI_RSP_FINAL);
-    // 194 records of 72 bytes fit in one answer: 500 rows take three.
+    // 194 records of 72 bytes fit in one answer: 500 rows take three, the last without a cookie.
     ASSERT_EQ(g_answers.data.size(), 3u);
     EXPECT_EQ(g_answers.data[0].size(), 194 * kRoleLen);
     EXPECT_EQ(g_answers.cookie[0].size(), 24u);
     EXPECT_TRUE(g_answers.cookie[2].empty());
     std::vector<std::string> names = names_of(g_answers, kRoleLen);
     ASSERT_EQ(names.size(), kRows);
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), kRows);
     for (uint32_t i = 0; i < kRows; ++i) ASSERT_EQ(names[i], "role" + std::to_string(i + 1)) << i;
-    // The cookie of the first part, big-endian: next index 194, last 499.
-    uint32_t c[6];
-    std::memcpy(c, g_answers.cookie[0].data(), sizeof c);
-    mgi_common_cookie_ntoh(c);
-    EXPECT_EQ(c[0], 194u);
-    EXPECT_EQ(c[1], kRows - 1);
 }
 
-TEST_F(ServeDaemon, OneRowByKey) {
+TEST_F(ServeDaemon, OneRowByKeyAndANestedChildUnderItsParentsKey) {
     LastResponse last = ask(final_get_aaa_role, "role123");
     ASSERT_EQ(last.rc, 0);
     ASSERT_EQ(g_answers.data.size(), 1u);
     ASSERT_EQ(g_answers.data[0].size(), kRoleLen);
     const Bytes &row = g_answers.data[0];
     EXPECT_STREQ(reinterpret_cast<const char *>(&row[0]), "role123");
-    uint32_t id;
-    std::memcpy(&id, &row[32], 4);
-    EXPECT_EQ(id, 123u);
     EXPECT_STREQ(reinterpret_cast<const char *>(&row[40]), "role number 123");
-    // The response header on the wire: the target echoed, type 15, the request's mask 1 (field 0 given).
+    // The response header on the wire: type 15, the request's mask 1 (field 0 given), one data segment.
     EXPECT_EQ(last.type, MGI_RSP_FINAL);
-    EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET]), 0xe0002u);
-    EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET + 4]), 0u);
     EXPECT_EQ(be32(&last.header[MGI_OFF_MASK1]), 1u);
     EXPECT_EQ(be16(&last.header[MGI_OFF_LEN]), 8 + kRoleLen);
     EXPECT_EQ(last.header[MGI_OFF_NEXTSEG], MGI_SEG_UDCDATA);
     EXPECT_FALSE(last.has_text);
+
+    g_answers = Answers{};
+    last = ask(final_get_aaa_role_role_mapping, "role5");
+    ASSERT_EQ(last.rc, 0);
+    EXPECT_EQ(names_of(g_answers, kMappingLen, 32),
+              (std::vector<std::string>{"group-5-0", "group-5-1", "group-5-2"}));
+    EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET]), 0xe0002u);
+    EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET + 4]), 0xe0001u);
+
+    // A parent that doesn't exist fails in the parent's index decoder.
+    last = ask(final_get_aaa_role_role_mapping, "nosuch");
+    EXPECT_EQ(last.type, MGI_RSP_ERROR);
+    EXPECT_EQ(last.code, -11);
+    EXPECT_EQ(last.text, "role nosuch does not exist");
 }
 
 TEST_F(ServeDaemon, MatchExpressionFiltersTheWalk) {
@@ -148,55 +149,26 @@ TEST_F(ServeDaemon, MatchExpressionFiltersTheWalk) {
     int32_t len = int32_t(pattern.size() + 1);
     std::memcpy(&body[132], &len, 4);
     std::memcpy(&body[140], pattern.c_str(), pattern.size() + 1);
-    ASSERT_EQ(ask(final_get_aaa_role, nullptr,
-                  [&](mgiInfo &info) {
-                      mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
-                      mgi_set_rqt_udcdata(&info, body.data(), uint16_t(body.size()));
-                  })
-                  .rc,
-              0);
+    auto prepare = [&](mgiInfo &info) {
+        mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
+        mgi_set_rqt_udcdata(&info, body.data(), uint16_t(body.size()));
+    };
+    ASSERT_EQ(ask(final_get_aaa_role, nullptr, prepare).rc, 0);
     std::vector<std::string> want;
     for (int i = 10; i <= 19; ++i) want.push_back("role" + std::to_string(i));
     EXPECT_EQ(names_of(g_answers, kRoleLen), want);
-}
-
-TEST_F(ServeDaemon, NestedChildUnderItsParentsKeyAndSingleInstance) {
-    LastResponse last = ask(final_get_aaa_role_role_mapping, "role5");
-    ASSERT_EQ(last.rc, 0);
-    ASSERT_EQ(g_answers.data.size(), 1u);
-    EXPECT_EQ(names_of(g_answers, kMappingLen, 32),
-              (std::vector<std::string>{"group-5-0", "group-5-1", "group-5-2"}));
-    EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET]), 0xe0002u);
-    EXPECT_EQ(be32(&last.header[MGI_OFF_TARGET + 4]), 0xe0001u);
-
-    // A parent that doesn't exist fails in the parent's index decoder.
-    last = ask(final_get_aaa_role_role_mapping, "nosuch");
-    EXPECT_EQ(last.type, MGI_RSP_ERROR);
-    EXPECT_EQ(last.code, -11);
-    EXPECT_EQ(last.text, "role nosuch does not exist");
-
-    g_answers = Answers{};
-    ASSERT_EQ(ask(final_get_aaa_radius_authorization).rc, 0);
-    ASSERT_EQ(g_answers.data.size(), 1u);
-    ASSERT_EQ(g_answers.data[0].size(), 8u);
-    uint32_t v[2];
-    std::memcpy(v, g_answers.data[0].data(), 8);
-    EXPECT_EQ(v[0], 1u);
-    EXPECT_EQ(v[1], 30u);
 }
 
 TEST_F(ServeDaemon, ExecAndItsErrorWithPrivateCode) {
     LastResponse first = ask(final_exec_aaa_del_lockout, "alice");
     LastResponse second = ask(final_exec_aaa_del_lockout, "alice");
     EXPECT_EQ(first.type, MGI_RSP_FINAL);
-    EXPECT_EQ(first.code, 0);
     EXPECT_FALSE(first.has_text);
     EXPECT_EQ(second.type, MGI_RSP_ERROR);
     EXPECT_EQ(second.code, -12);
     EXPECT_EQ(second.private_code, 1201);
     EXPECT_EQ(second.text, "user alice is not locked out");
     ASSERT_EQ(g_answers.err.size(), 2u);
-    EXPECT_TRUE(g_answers.err[0].empty());
     EXPECT_EQ(g_answers.err[1].size(), 16 + 32u); // the text padded to a multiple of 8
 }
 
@@ -206,29 +178,16 @@ TEST_F(ServeDaemon, ErrorRoads) {
     LastResponse unknown = ask(final_get_aaa_dynamic_cap); // served by nobody's entity
     EXPECT_EQ(unknown.rc, 0);
     EXPECT_EQ(unknown.type, 0);
-    EXPECT_EQ(unknown.code, 0);
     EXPECT_FALSE(unknown.has_text);
     EXPECT_EQ(daemon_->output().substr(printed),
               "request path does not exist\nrequest path does not exist\n"
               "there is sw error, as decodeErr -101 not set but get into error handling!\n");
 
-    const struct {
-        Stub stub;
-        const char *key;
-        int code;
-        const char *text;
-    } roads[] = {
-        {final_get_aaa_connect_control_user, nullptr, -101, "object 0xe0019: the request failed (-101)"},
-        {final_get_aaa_user_mapping_entity, nullptr, -100, "object 0xe0018: the request failed (-100)"},
-        {final_get_aaa_role, "role9999", -11, "role role9999 does not exist"},
-    };
-    for (const auto &road : roads) {
-        LastResponse r = ask(road.stub, road.key);
-        EXPECT_EQ(r.rc, 0) << road.text;
-        EXPECT_EQ(r.type, MGI_RSP_ERROR) << road.text;
-        EXPECT_EQ(r.code, road.code) << road.text;
-        EXPECT_EQ(r.text, road.text);
-    }
+    // No decodeData: the entity's errHandle reports -101.
+    LastResponse no_decode = ask(final_get_aaa_connect_control_user);
+    EXPECT_EQ(no_decode.type, MGI_RSP_ERROR);
+    EXPECT_EQ(no_decode.code, -101);
+    EXPECT_EQ(no_decode.text, "object 0xe0019: the request failed (-101)");
 }
 
 } // namespace
