@@ -27,23 +27,14 @@ namespace {
 // Records its arguments and the commands of the file it was given, answers on standard output,
 // and then does what CLI_TEST_ACTION asks.
 const char *kInterpreter = R"(#!/bin/sh
-log="$CLI_TEST_LOG"
-printf 'argv:%s\n' "$*" >> "$log"
-file=""
-while [ $# -gt 0 ]; do
-  case "$1" in
-    -p) file="$2"; shift ;;
-    -b) file="$2"; mode=b; shift ;;
-  esac
+printf 'argv:%s\n' "$*" >> "$CLI_TEST_LOG"
+while [ $# -gt 1 ]; do
+  case "$1" in -p|-b) file="$2"; mode="$1" ;; esac
   shift
 done
-[ -n "$file" ] && cat "$file" >> "$log.commands"
-[ "$mode" = b ] && echo "ran $file"
-case "$CLI_TEST_ACTION" in
-  exit3) exit 3 ;;
-  kill) kill -9 $$ ;;
-  rm) rm -f "$file" ;;
-esac
+cat "$file" >> "$CLI_TEST_LOG.commands"
+[ "$mode" = -b ] && echo "ran $file"
+case "$CLI_TEST_ACTION" in exit3) exit 3 ;; kill) kill -9 $$ ;; rm) rm -f "$file" ;; esac
 exit 0
 )";
 
@@ -51,6 +42,17 @@ exit 0
 bool any_child() {
     siginfo_t info{};
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// Waits until no child is left, running or ended. A child may end before the call has installed
+// its handler for SIGCHLD, which then runs here in its stead.
+bool children_gone(int ms = 5000) {
+    return eventually(
+        [] {
+            sig_int(SIGCHLD);
+            return !any_child();
+        },
+        ms);
 }
 
 void (*sigchld_handler())(int) {
@@ -83,7 +85,7 @@ class Command : public ::testing::Test {
     void TearDown() override {
         hooks::reset();
         // Every child is gone by now, reaped by the library's handler or by the wait of the call.
-        EXPECT_TRUE(eventually([] { return !any_child(); }, 10000)) << "a child outlived the call";
+        EXPECT_TRUE(children_gone(10000)) << "a child outlived the call";
         signal(SIGCHLD, SIG_DFL);
         while (waitpid(-1, nullptr, WNOHANG) > 0) {
         }
@@ -102,7 +104,7 @@ class Command : public ::testing::Test {
     // Waits for calls of exec_command_set to be over: the interpreter ran n times, the command
     // files are gone and no child is left.
     bool runs_over(size_t n) {
-        return eventually([&] { return lines(log_text()) >= n && command_files().empty() && !any_child(); });
+        return eventually([&] { return lines(log_text()) >= n && command_files().empty(); }) && children_gone();
     }
     // The process id in the name of the command file of each run: root + "/etc/CMD_app77" + pid + ".tmp".
     std::vector<std::string> file_pids() {
@@ -203,7 +205,7 @@ TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
     std::remove(root.console().c_str());
     std::remove(root.path(MGMT_CLI_PATH).c_str());
     run_as(77, [&] { EXPECT_EQ(exec_command_set("set z", 0), 0); });
-    ASSERT_TRUE(eventually([&] { return !any_child() && command_files().empty(); }));
+    ASSERT_TRUE(eventually([&] { return command_files().empty(); }) && children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: execv failed\n");
 
     // No /etc: the file cannot be made; no interpreter runs.
@@ -212,7 +214,7 @@ TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
     write_file(root.path(MGMT_CLI_PATH), kInterpreter, 0755);
     rmdir(root.path("/etc").c_str());
     run_as(78, [&] { EXPECT_EQ(exec_command_set("set w", 0), 0); });
-    ASSERT_TRUE(eventually([&] { return !any_child(); }));
+    ASSERT_TRUE(children_gone());
     EXPECT_NE(digits_between(read_file(root.console()), "MGMTLIB: open file /etc/CMD_app78", ".tmp failed\n"), "")
         << read_file(root.console());
     EXPECT_FALSE(exists(log));
@@ -236,7 +238,7 @@ TEST_F(Command, RefusalsAndForkFailures) {
     // The child cannot start the interpreter: it gives up and leaves its file.
     hooks::fail_fork(1, true);
     run_as(77, [&] { EXPECT_EQ(exec_command_set("set b", 0), 0); });
-    ASSERT_TRUE(eventually([] { return !any_child(); }));
+    ASSERT_TRUE(children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: fork process failed\n");
     const auto left = command_files();
     ASSERT_EQ(left.size(), 1u);
@@ -250,7 +252,7 @@ TEST_F(Command, ChildWithoutMemoryForItsListEndsAtOnce) {
     if (!hooks::malloc_hook_available()) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     hooks::fail_alloc_of_size(sizeof(buf_list), 1, true);
     run_as(77, [&] { EXPECT_EQ(exec_command_set("set c", 0), 0); });
-    ASSERT_TRUE(eventually([] { return !any_child(); }));
+    ASSERT_TRUE(children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: alloc momery failed\n");
     EXPECT_TRUE(command_files().empty());
     EXPECT_FALSE(exists(log));
@@ -296,7 +298,7 @@ TEST_F(Redirect, ModesChooseTheOptionsAndOutputIsAppended) {
 
     EXPECT_EQ(run(0, 0), 0);
     EXPECT_EQ(sigchld_handler(), &sig_int) << "without wait the handler reaps the child";
-    ASSERT_TRUE(eventually([&] { return !exists(file) && !any_child(); }));
+    ASSERT_TRUE(eventually([&] { return !exists(file); }) && children_gone());
 }
 
 TEST_F(Redirect, FailedRemovalIsReportedOnTheConsoleForModeZeroElseOnTheBootConsole) {
