@@ -1,8 +1,8 @@
 // The example application daemon in a process of its own, served through
 // handle_mgi_msg, against front ends that use the generated stubs: a whole
 // table over several partial answers, one row by key, a match expression, a
-// nested child, a single-instance object, an exec, and each error road, read
-// back with the response readers.
+// nested child, an exec, an unknown path and a missing handler, read back with
+// the response readers.
 #include <gtest/gtest.h>
 
 #include <cstring>
