@@ -248,6 +248,14 @@ TEST_F(Command, RefusalsAndForkFailures) {
 
 }
 
+TEST_F(Command, AnImpossibleStatusIsTriedAgainAfterItsText) {
+    // Exit code and signal both set: not a status a process can end with, so the run goes again.
+    hooks::child_wait_status_once((1 << 8) | SIGKILL);
+    ASSERT_EQ(exec_command_set("set a", 1), 0);
+    ASSERT_TRUE(runs_over(2)) << log_text();
+    EXPECT_EQ(read_file(root.console()), "MGMTLIB: child process error\n");
+}
+
 TEST_F(Command, ChildWithoutMemoryForItsListEndsAtOnce) {
     if (!hooks::malloc_hook_available()) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     hooks::fail_alloc_of_size(sizeof(buf_list), 1, true);
@@ -313,6 +321,16 @@ TEST_F(Redirect, FailedRemovalIsReportedOnTheConsoleForModeZeroElseOnTheBootCons
         EXPECT_EQ(read_file(root.boot_console()), failed) << mode;
     }
     EXPECT_EQ(read_file(root.console()), failed);
+}
+
+TEST_F(Redirect, AWaitThatDoesNotGiveTheChildIsReported) {
+    hooks::fail_wait_once();
+    EXPECT_EQ(run(0, 1), 0);
+    EXPECT_EQ(read_file(root.console()), "MGMTLIB: wait failed\n");
+    // The child was not reaped by the call: it ends and is reaped here.
+    ASSERT_TRUE(eventually([&] { return !exists(file); }));
+    int status = 0;
+    EXPECT_GT(waitpid(-1, &status, 0), 0);
 }
 
 TEST_F(Redirect, FailuresAfterTheStartAreTheChildsAndEmptyNamesAreRefused) {

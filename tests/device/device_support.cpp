@@ -170,6 +170,8 @@ bool take(std::atomic<int> &counter) {
 }
 
 bool in_child() { return getpid() != g_test_pid; }
+std::atomic<int> child_wait_status{-1};
+std::atomic<bool> wait_fails{false};
 
 bool in_scope(bool children_only) { return !children_only || in_child(); }
 
@@ -229,7 +231,13 @@ void capture_runs(int result) {
         reinterpret_cast<void *>(intptr_t(result)));
 }
 
+void child_wait_status_once(int status) { child_wait_status = status; }
+
+void fail_wait_once() { wait_fails = true; }
+
 void reset() {
+    child_wait_status = -1;
+    wait_fails = false;
     fail_ipcmsg_alloc(0);
     fail_alloc_of_size(0, 0);
     fail_fork(0);
@@ -291,6 +299,21 @@ extern "C" __attribute__((visibility("default"))) pid_t fork(void) {
     if (fork_fail.load() <= 0 || !in_scope(fork_fail_children) || !take(fork_fail)) return real();
     errno = EAGAIN;
     return -1;
+}
+
+extern "C" __attribute__((visibility("default"))) pid_t wait(int *status) {
+    using fn_t = pid_t (*)(int *);
+    REAL("wait");
+    if (!in_child() && wait_fails.exchange(false)) {
+        errno = ECHILD;
+        return -1;
+    }
+    pid_t r = real(status);
+    if (r > 0 && in_child() && status) {
+        int forced = child_wait_status.exchange(-1);
+        if (forced != -1) *status = forced;
+    }
+    return r;
 }
 
 extern "C" __attribute__((visibility("default"))) int system(const char *command) {

@@ -92,6 +92,10 @@ bool malloc_hook_available();
 void fail_alloc_of_size(size_t size, int count, bool children_only = false);
 // The next `count` forks fail with EAGAIN (in children only, when asked).
 void fail_fork(int count, bool children_only = false);
+// The first wait() of each child that is forked afterwards reports `status` for the process it reaped.
+void child_wait_status_once(int status);
+// The next wait() of the test process fails (-1, ECHILD) without reaping anything.
+void fail_wait_once();
 // system(): run, record without running (result 0), or fail with -1.
 enum class SystemMode { run, record, fail };
 void set_system(SystemMode mode);
