@@ -32,6 +32,15 @@ const unsigned char *error_body(mgiBuf *buf) {
     return p;
 }
 
+// A word of the error body as it stands in the message, 0 without an error segment.
+int32_t error_word(mgiBuf *buf, size_t offset) {
+    const unsigned char *p = error_body(buf);
+    if (!p) return 0;
+    int32_t v;
+    std::memcpy(&v, p + offset, sizeof v);
+    return v;
+}
+
 } // namespace
 
 extern "C" {
@@ -71,21 +80,11 @@ MGMT_API int find_roundtrip_cookie(void **body, uint32_t *len) {
     return find_roundtrip_segment_r(global_mgi_buf, MGI_SEG_COOKIE, body, len);
 }
 
-MGMT_API int mgi_get_rsp_err_code_r(mgiBuf *buf) {
-    const unsigned char *p = error_body(buf);
-    if (!p) return 0;
-    int32_t v;
-    std::memcpy(&v, p + offsetof(mgiErrBody, err_code), sizeof v);
-    return v;
-}
+MGMT_API int mgi_get_rsp_err_code_r(mgiBuf *buf) { return error_word(buf, offsetof(mgiErrBody, err_code)); }
 MGMT_API int mgi_get_rsp_err_code(void) { return mgi_get_rsp_err_code_r(global_mgi_buf); }
 
 MGMT_API int mgi_get_rsp_private_err_code_r(mgiBuf *buf) {
-    const unsigned char *p = error_body(buf);
-    if (!p) return 0;
-    int32_t v;
-    std::memcpy(&v, p + offsetof(mgiErrBody, private_ecode), sizeof v);
-    return v;
+    return error_word(buf, offsetof(mgiErrBody, private_ecode));
 }
 MGMT_API int mgi_get_rsp_private_err_code(void) { return mgi_get_rsp_private_err_code_r(global_mgi_buf); }
 

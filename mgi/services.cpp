@@ -48,6 +48,26 @@ uint32_t word_at(const void *p) {
     return v;
 }
 
+// A state question whose answer is the u32 at the start of the reply: the
+// request starts with `ask` (ask_len bytes) in a buffer of rq_size, the reply
+// buffer of rs_size has its first word cleared; a far side status of exactly
+// -1 refuses, any other status lets the word through.
+int ask_state_word(uint16_t msg, const void *ask, uint32_t ask_len, uint32_t rq_size, uint32_t rs_size,
+                   const char *failure) {
+    IpcBuf rq(rq_size), rs(rs_size);
+    if (!rq || !rs) return -1;
+    std::memcpy(rq.p, ask, ask_len);
+    std::memset(rs.p, 0, 4);
+    int32_t status = 0;
+    uint32_t len = rs_size;
+    if (ipcmsg_send_and_recv(MGD_APPID, 0, msg, rq.p, rq_size, &status, rs.p, &len, 1000) < 0) {
+        console_print("%s", failure);
+        return -1;
+    }
+    if (status == -1) return -1;
+    return static_cast<int>(word_at(rs.p));
+}
+
 } // namespace
 
 extern "C" {
@@ -146,33 +166,14 @@ MGMT_API int rollback_mgi_transaction(const char *user, uint16_t vsysid) {
 }
 
 MGMT_API int vk_get_mgi_transaction_state(uint16_t selector) {
-    IpcBuf rq(2), rs(4);
-    if (!rq || !rs) return -1;
-    std::memcpy(rq.p, &selector, 2);
-    std::memset(rs.p, 0, 4);
-    int32_t status = 0;
-    uint32_t len = 4;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_TRANSACTION_STATE, rq.p, 2, &status, rs.p, &len, 1000) < 0) {
-        console_print("MGI TRANSACTION STATE: ipc send recv failed\n");
-        return -1;
-    }
-    if (status == -1) return -1;
-    return static_cast<int>(word_at(rs.p));
+    return ask_state_word(MGD_MSG_TRANSACTION_STATE, &selector, sizeof selector, 2, 4,
+                          "MGI TRANSACTION STATE: ipc send recv failed\n");
 }
 
 MGMT_API int vk_get_system_debug_state(void) {
-    IpcBuf rq(16), rs(24);
-    if (!rq || !rs) return -1;
-    std::memset(rq.p, 0, 4);
-    std::memset(rs.p, 0, 4);
-    int32_t status = 0;
-    uint32_t len = 24;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_SYSTEM_DEBUG_STATE, rq.p, 16, &status, rs.p, &len, 1000) < 0) {
-        console_print("SYSTEM DEBUG STATE: ipc send recv failed\n");
-        return -1;
-    }
-    if (status == -1) return -1;
-    return static_cast<int>(word_at(rs.p));
+    const uint32_t first = 0;
+    return ask_state_word(MGD_MSG_SYSTEM_DEBUG_STATE, &first, sizeof first, 16, 24,
+                          "SYSTEM DEBUG STATE: ipc send recv failed\n");
 }
 
 MGMT_API int req_lock_mgd_cfg(int lock) {
