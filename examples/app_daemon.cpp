@@ -371,9 +371,18 @@ void on_signal(int) { ipc_stop(); }
 int main(int argc, char **argv) {
     uint32_t rows = 500, appid = 11;
     setvbuf(stdout, nullptr, _IOLBF, 0); // the library's lines reach a pipe as they come
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--rows") == 0) rows = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
-        if (std::strcmp(argv[i], "--appid") == 0) appid = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
+    for (int i = 1; i < argc; i += 2) {
+        char *end = nullptr;
+        unsigned long v = i + 1 < argc ? std::strtoul(argv[i + 1], &end, 10) : 0;
+        bool number = end && end != argv[i + 1] && *end == '\0';
+        if (number && std::strcmp(argv[i], "--rows") == 0 && v > 0 && v <= 100000) {
+            rows = uint32_t(v);
+        } else if (number && std::strcmp(argv[i], "--appid") == 0 && v > 0 && v <= 0xffff) {
+            appid = uint32_t(v);
+        } else {
+            std::fprintf(stderr, "usage: app_daemon [--rows N (1 to 100000)] [--appid ID (1 to 65535)]\n");
+            return 2;
+        }
     }
     make_roles(rows);
     if (register_entities() != 0) {

@@ -219,6 +219,19 @@ int main(int argc, char **) {
     ipc_init(5, 0);
     set_mgi_user("admin", 15);
     set_mgi_ip_addr("192.0.2.10");
+    int locked = 0;
+    if (get_mgd_config_lock_status(&locked) != 0) {
+        std::fprintf(stderr, "mgi_demo: mgd (application 2) does not answer in %s; ./scripts/demo starts it\n",
+                     ipc_runtime_dir());
+        return 1;
+    }
+    mgiInfo probe;
+    init_mgi_info(&probe);
+    if (final_get_aaa_radius_authorization(&probe, nullptr, nullptr) != 0) {
+        std::fprintf(stderr, "mgi_demo: app_daemon (application 11) does not answer in %s; ./scripts/demo starts it\n",
+                     ipc_runtime_dir());
+        return 1;
+    }
     std::printf("A front end (application 5) talks to mgd (application 2) and app_daemon (application 11).\n");
     set_through_manager();
     paged_get();
