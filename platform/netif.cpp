@@ -117,7 +117,11 @@ bool query_link(uint32_t ifindex, link_facts &f) {
             break;
         }
         int left = static_cast<int>(n);
+        // The netlink walking macros compare the message's unsigned length with the signed rest.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
         for (auto *nh = reinterpret_cast<nlmsghdr *>(buf); NLMSG_OK(nh, left); nh = NLMSG_NEXT(nh, left)) {
+#pragma GCC diagnostic pop
             if (nh->nlmsg_seq != 1) {
                 continue;
             }

@@ -139,11 +139,11 @@ TEST(Transactions, ManagerAbsentPassesTheIpcResultOnExceptForRelease) {
 TEST(Transactions, SourceCodeByOwnApplication) {
     const std::pair<uint32_t, uint8_t> cases[] = {{5, 1},   {23, 4},   {46, 3}, {102, 19},
                                                   {114, 27}, {118, 26}, {16, 0}, {2, 0}};
-    for (auto [app, code] : cases) {
-        run_as(app, [&] {
+    for (const auto &c : cases) {
+        run_as(c.first, [&] {
             mgi_trans_info t = {};
             EXPECT_EQ(set_trans_src(&t), 0);
-            EXPECT_EQ(t.trans_src, code) << app;
+            EXPECT_EQ(t.trans_src, c.second) << c.first;
         });
     }
     EXPECT_EQ(set_trans_src(nullptr), -1);
