@@ -75,7 +75,8 @@ TEST_F(Manager, SetIsRelayedToTheOwnerWithItsHeaderAndRecord) {
     uint32_t priv;
     std::memcpy(&priv, &got[MGI_HDR_LEN + 32], 4);
     EXPECT_EQ(priv, 2u);
-    EXPECT_NE(mgd->output().find("mgd: set aaa_role (e0002) type 1 from app5 src 1 trans 0: 72 bytes -> app11\n"),
+    EXPECT_NE(mgd->output().find("mgd: set aaa_role (e0002) type 1 from app5 src 1 trans 0: 72 bytes -> app11: "
+                                 "answered type 15\n"),
               std::string::npos)
         << mgd->output();
 }

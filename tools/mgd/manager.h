@@ -41,7 +41,7 @@ class Manager {
 
   private:
     void answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t len, int32_t code, const char *text);
-    void relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner);
+    std::string relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner);
     void answer_stored(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint8_t *reply, uint32_t *reply_len);
 
     std::map<uint32_t, uint32_t> module_owner_;            // module number -> application
