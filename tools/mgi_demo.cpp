@@ -209,6 +209,13 @@ void errors() {
     say_error(info, "application 11 answered");
 }
 
+void trap() {
+    step(7, "Trap: the front end reports an event to the trap receiver (application 23)");
+    const char text[] = "disk usage above 90%";
+    int rc = vk_private_trap(1001, text, sizeof text, 7);
+    std::printf("   vk_private_trap(code 1001, \"%s\", argument 7): result %d (mgd logs what arrived)\n", text, rc);
+}
+
 } // namespace
 
 int main(int argc, char **) {
@@ -239,6 +246,7 @@ int main(int argc, char **) {
     exec_action();
     transaction();
     errors();
+    trap();
     thread_free_mgi();
     return 0;
 }

@@ -189,6 +189,19 @@ TEST_F(Manager, ServesItsOwnObjectsThroughTheServingSide) {
         << mgd->output();
 }
 
+TEST_F(Manager, TakesTrapsWhenNoReceiverRuns) {
+    run_as(5, [] {
+        const char text[] = "fan failed";
+        EXPECT_EQ(vk_private_trap(77, text, sizeof text, 3), 0);
+        const uint8_t short_record[4] = {};
+        EXPECT_EQ(ipcmsg_send(23, 0, 64, const_cast<uint8_t *>(short_record), sizeof short_record), 0);
+    });
+    const std::string want = "mgd: trap kind 6 code 77 arg 3 from app5: \"fan failed\"\n"
+                             "mgd: trap of 4 bytes from app5: too short, dropped\n";
+    for (int i = 0; i < 200 && mgd->output().find(want) == std::string::npos; ++i) usleep(10000);
+    EXPECT_NE(mgd->output().find(want), std::string::npos) << mgd->output();
+}
+
 TEST_F(Manager, ConfigurationLockOfTheManagementSlot) {
     run_as(5, [&] {
         int locked = -1;
