@@ -84,11 +84,8 @@ MGMT_API int mgi_init_rqt_message(mgiInfo *info) {
 }
 
 MGMT_API int mgi_init_rqt_message_r(mgiInfo *info) {
-    init_mgi_info_basic(info);
-    // The context owns its pair: make a private one to build in.
-    info->mgi_buf = init_mgi_r();
-    if (!info->mgi_buf) return -1;
-    info->mgi_buf_owned = 1;
+    // The context owns its pair: a private one to build in.
+    if (init_mgi_info_r(info) != 0) return -1;
     mgi_init_rqt_message_basic(info);
     return 0;
 }
