@@ -42,6 +42,13 @@ TEST(Context, PrivatePairIsOwnedAndDeinitTwiceIsHarmless) {
     deinit_mgi_info(&info);
     EXPECT_EQ(info.mgi_buf_owned, 0u);
     deinit_mgi_info(&info);
+
+    // A request built in a private pair: its udcdata is the first segment's body there.
+    ASSERT_EQ(mgi_init_rqt_message_r(&info), 0);
+    EXPECT_EQ(info.mgi_buf_owned, 1u);
+    EXPECT_NE(info.mgi_buf, global_mgi_buf);
+    EXPECT_EQ(info.udcdata, info.mgi_buf->sbuf + 320);
+    deinit_mgi_info(&info);
 }
 
 TEST(Context, OffsetLocalityAndMasks) {
