@@ -390,7 +390,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     free_cond_ctx_by_uiInfo(); // the condition context's lists start empty
-    if (ipc_register(appid, 0) != 0 || ipc_register_handler(MGI_IPC_MSG, handle_mgi_msg) != 0) {
+    if (ipc_register_handler(MGI_IPC_MSG, handle_mgi_msg) != 0 || ipc_register(appid, 0) != 0) {
         std::fprintf(stderr, "app_daemon: cannot register as application %u\n", appid);
         return 1;
     }

@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace mgmt_test {
@@ -215,17 +216,24 @@ Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args,
     if (!dir) return;
     log_ = std::string(dir) + "/daemon-" + std::to_string(getpid()) + "-" + std::to_string(appid) + ".log";
     std::string sock = std::string(dir) + "/s" + std::to_string(ipc_own_slot()) + ".a" + std::to_string(appid) + ".i0";
+    // Everything the child needs is made before the fork: between fork and exec it
+    // allocates nothing, since another thread may have held the allocator's lock.
+    std::vector<char *> argv;
+    argv.push_back(const_cast<char *>(path.c_str()));
+    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    int out = open(log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    std::fflush(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
-        FILE *out = std::freopen(log_.c_str(), "w", stdout);
-        if (out) dup2(fileno(out), 2);
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(path.c_str()));
-        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
+        if (out >= 0) {
+            dup2(out, 1);
+            dup2(out, 2);
+        }
         execv(path.c_str(), argv.data());
         _exit(127);
     }
+    if (out >= 0) close(out);
     if (pid_ < 0) return;
     for (int i = 0; i < 500; ++i) {
         struct stat st;

@@ -67,10 +67,9 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: %s (no arguments; MGMT_IPC_DIR chooses the runtime directory)\n", argv[0]);
         return 2;
     }
-    if (ipc_register(MGD_APPID, 0) != 0) {
-        std::fprintf(stderr, "mgd: cannot bind application 2 in %s\n", ipc_runtime_dir());
-        return 1;
-    }
+    // Handlers and the further addresses come first: once the manager's own
+    // address exists, everything it answers is in place.
+    ipc_init(MGD_APPID, 0);
     mgd::Manager manager;
     manager.attach();
     ipc_endpoint_t *mcp = open_management_slot(mgd::Manager::lock_handler());
@@ -78,6 +77,10 @@ int main(int argc, char **argv) {
     if (traps) ipc_endpoint_handler(traps, kTrapMsg, on_trap);
     std::signal(SIGTERM, on_signal);
     std::signal(SIGINT, on_signal);
+    if (ipc_register(MGD_APPID, 0) != 0) {
+        std::fprintf(stderr, "mgd: cannot bind application 2 in %s\n", ipc_runtime_dir());
+        return 1;
+    }
     manager.log("serving in %s", ipc_runtime_dir());
 
     struct pollfd fds[3] = {{ipc_daemon_fd(), POLLIN, 0},
