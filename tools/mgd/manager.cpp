@@ -196,14 +196,19 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
         return IPC_HANDLER_REPLY;
     }
     if (through_mgd) {
-        std::string outcome = "unknown object, refused";
-        if (owner)
-            outcome = relay_set(peer, msg, len, owner);
-        else
+        // The request's line is written before its last answer goes out, so that
+        // whoever got the answer finds the line.
+        auto log_set = [&](const std::string &outcome) {
+            log("set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u: %s", object_name(t),
+                path_text(t).c_str(), type, peer->appid, msg[MGI_OFF_SRC], msg[MGI_OFF_TRANSACTION_ID],
+                be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
+        };
+        if (owner) {
+            relay_set(peer, msg, len, owner, log_set);
+        } else {
+            log_set("unknown object, refused");
             answer_error(peer, msg, len, -1, "unknown object");
-        log("set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u: %s", object_name(t),
-            path_text(t).c_str(), type, peer->appid, msg[MGI_OFF_SRC], msg[MGI_OFF_TRANSACTION_ID],
-            be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
+        }
         return IPC_HANDLER_NOREPLY;
     }
     log("get %s (%s) type %u from app%u", object_name(t), path_text(t).c_str(), type, peer->appid);
@@ -212,8 +217,9 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
 }
 
 // Passes a set on to its owner and its answers back; keeps the record when it
-// was taken. Returns what happened, for the log line of the request.
-std::string Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner) {
+// was taken. `done` hears what happened before the last answer goes out.
+void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner,
+                        const std::function<void(const std::string &)> &done) {
     static uint8_t answer[MGI_MAX_LEN];
     std::vector<uint8_t> req(msg, msg + len);
     std::string types;
@@ -223,19 +229,21 @@ std::string Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t le
         int rc = ipcmsg_send_and_recv(owner, 0, MGI_IPC_MSG, req.data(), uint32_t(req.size()), &st, answer, &cap,
                                       5000);
         if (rc < 0 || cap < MGI_HDR_LEN) {
+            done(types + (types.empty() ? "" : ", then ") + "no answer (" + std::to_string(rc) + ")");
             char text[64];
             std::snprintf(text, sizeof text, "application %s does not answer", appid2appname(owner));
             answer_error(peer, msg, len, -1, text);
-            return types + (types.empty() ? "" : ", then ") + "no answer (" + std::to_string(rc) + ")";
+            return;
         }
         uint8_t type = answer[MGI_OFF_TYPE];
-        ipc_send_to_peer(peer, MGI_IPC_MSG, answer, cap, 0);
         types += (types.empty() ? "answered type " : ", ") + std::to_string(type);
+        if (type != MGI_RSP_PARTIAL) done(types);
+        ipc_send_to_peer(peer, MGI_IPC_MSG, answer, cap, 0);
         if (type == MGI_RSP_FINAL || type == MGI_RSP_FINAL2) {
             stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + be16(msg + MGI_OFF_LEN));
             config_changed_ = true;
         }
-        if (type != MGI_RSP_PARTIAL) return types;
+        if (type != MGI_RSP_PARTIAL) return;
         // More follows from the owner: ask for it as a closing request of the same set.
         req[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
         req[MGI_OFF_NEXTSEG] = MGI_SEG_END;

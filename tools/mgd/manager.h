@@ -5,6 +5,7 @@
 #define MGMT_TOOLS_MGD_MANAGER_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -41,7 +42,8 @@ class Manager {
 
   private:
     void answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t len, int32_t code, const char *text);
-    std::string relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner);
+    void relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner,
+                   const std::function<void(const std::string &)> &done);
     void answer_stored(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint8_t *reply, uint32_t *reply_len);
 
     std::map<uint32_t, uint32_t> module_owner_;            // module number -> application
