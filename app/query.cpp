@@ -7,6 +7,7 @@
 
 #include "app/app_internal.h"
 #include "mgi/wire.h"
+#include "mgmt/cond.h"
 #include "mgmt/mgi_app.h"
 
 namespace {
@@ -47,17 +48,6 @@ appQueryNode *make_node(const unsigned char *record) {
     std::memcpy(n->info, r.info, sizeof n->info);
     n->data = const_cast<unsigned char *>(record) + APP_QUERY_RECORD_HDR;
     return n;
-}
-
-template <class Node, class List> void free_list(List &l) {
-    Node *n = l.first;
-    while (n) {
-        Node *next = n->next;
-        std::free(n);
-        n = next;
-    }
-    l.first = nullptr;
-    l.last = &l.first;
 }
 
 } // namespace
@@ -131,9 +121,9 @@ MGMT_API void destruct_cond_context(condContext *ctx) {
             std::free(w);
         }
     }
-    free_list<cond_expr_node>(ctx->expr_list);
-    free_list<cond_expr_node>(ctx->expr_list2);
-    free_list<cond_data_node>(ctx->data_list);
+    free_expr_list_all(&ctx->expr_list);
+    free_expr_list_all(&ctx->expr_list2);
+    free_data_list_all(&ctx->data_list);
     std::free(ctx->extra);
     ctx->ctx_word1 = 0;
     ctx->words[0] = nullptr;

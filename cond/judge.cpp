@@ -118,6 +118,16 @@ int verdict_of(const cond_expr_node &node, const Parsed &parsed, const void *fie
     return -1;
 }
 
+// Frees every node of a list by its link and leaves the list empty.
+template <class List> void free_all(List *list) {
+    if (!list) return;
+    while (auto *node = list->first) {
+        list->first = node->next;
+        std::free(node);
+    }
+    list->last = &list->first;
+}
+
 } // namespace
 
 extern "C" {
@@ -203,22 +213,8 @@ MGMT_API void free_record_words(char **words) {
     }
 }
 
-MGMT_API void free_expr_list_all(cond_expr_list *list) {
-    if (!list) return;
-    while (cond_expr_node *node = list->first) {
-        list->first = node->next;
-        std::free(node);
-    }
-    list->last = &list->first;
-}
+MGMT_API void free_expr_list_all(cond_expr_list *list) { free_all(list); }
 
-MGMT_API void free_data_list_all(cond_data_list *list) {
-    if (!list) return;
-    while (cond_data_node *node = list->first) {
-        list->first = node->next;
-        std::free(node);
-    }
-    list->last = &list->first;
-}
+MGMT_API void free_data_list_all(cond_data_list *list) { free_all(list); }
 
 } // extern "C"
