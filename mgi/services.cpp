@@ -30,17 +30,34 @@ struct IpcBuf {
     explicit operator bool() const { return p != nullptr; }
 };
 
-// One transaction exchange: request and reply records of 44 bytes.
-int transaction_call(IpcBuf &rq, IpcBuf &rs, int32_t *status) {
-    *status = 0;
-    uint32_t len = sizeof(mgi_trans_info);
-    return ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_TRANSACTION, rq.p, sizeof(mgi_trans_info), status, rs.p,
-                                &len, 0);
-}
-
-void fill_user(mgi_trans_info *r, const char *user) {
-    if (user) strlcpy(r->trans_user, user, sizeof r->trans_user);
-}
+// One transaction exchange: request and reply records of 44 bytes, each in an
+// IPC buffer of its own, freed on every path.
+struct TransactionExchange {
+    IpcBuf rq{sizeof(mgi_trans_info)}, rs{sizeof(mgi_trans_info)};
+    bool ok() const { return rq && rs; }
+    mgi_trans_info *request() const { return rq.as<mgi_trans_info>(); }
+    const mgi_trans_info *reply() const { return rs.as<mgi_trans_info>(); }
+    // Fills the request's operation, source, virtual system and (unless null) user;
+    // with `clear` both records are zeroed first.
+    mgi_trans_info *fill(uint32_t op, uint16_t vsysid, const char *user, bool clear) {
+        if (clear) {
+            std::memset(rq.p, 0, sizeof(mgi_trans_info));
+            std::memset(rs.p, 0, sizeof(mgi_trans_info));
+        }
+        mgi_trans_info *r = request();
+        r->trans_op = op;
+        r->trans_vsysid = vsysid;
+        set_trans_src(r);
+        if (user) strlcpy(r->trans_user, user, sizeof r->trans_user);
+        return r;
+    }
+    int call(int32_t *status) {
+        *status = 0;
+        uint32_t len = sizeof(mgi_trans_info);
+        return ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_TRANSACTION, rq.p, sizeof(mgi_trans_info), status, rs.p,
+                                    &len, 0);
+    }
+};
 
 uint32_t word_at(const void *p) {
     uint32_t v;
@@ -87,78 +104,56 @@ MGMT_API int set_trans_src(mgi_trans_info *record) {
 }
 
 MGMT_API int get_mgi_transaction_lock(const char *user, uint16_t vsysid) {
-    IpcBuf rq(sizeof(mgi_trans_info)), rs(sizeof(mgi_trans_info));
-    if (!rq || !rs) return -1;
-    auto *r = rq.as<mgi_trans_info>();
-    std::memset(rq.p, 0, sizeof(mgi_trans_info));
-    std::memset(rs.p, 0, sizeof(mgi_trans_info));
-    r->trans_vsysid = vsysid;
-    r->trans_op = MGI_TRANS_LOCK;
-    r->trans_lock = 1;
-    set_trans_src(r);
-    fill_user(r, user);
+    TransactionExchange x;
+    if (!x.ok()) return -1;
+    x.fill(MGI_TRANS_LOCK, vsysid, user, true)->trans_lock = 1;
     int32_t status;
-    int rc = transaction_call(rq, rs, &status);
+    int rc = x.call(&status);
     if (rc < 0) return rc;
-    uint8_t granted = rs.as<mgi_trans_info>()->trans_id;
+    uint8_t granted = x.reply()->trans_id;
     if (granted == 0) return -1;
     set_mgi_transaction_id(granted);
     return 0;
 }
 
 MGMT_API int release_mgi_transaction_lock(const char *user, uint16_t vsysid) {
-    IpcBuf rq(sizeof(mgi_trans_info)), rs(sizeof(mgi_trans_info));
-    if (!rq || !rs) return -1;
-    // The records are not cleared for a release: only the fields below are set.
-    auto *r = rq.as<mgi_trans_info>();
-    r->trans_op = MGI_TRANS_LOCK;
+    TransactionExchange x;
+    if (!x.ok()) return -1;
+    // The records are not cleared for a release: only these fields are set.
+    mgi_trans_info *r = x.fill(MGI_TRANS_LOCK, vsysid, user, false);
     r->trans_lock = 0;
     r->trans_id = get_mgi_transaction_id();
-    r->trans_vsysid = vsysid;
-    set_trans_src(r);
-    fill_user(r, user);
     int32_t status;
-    int rc = transaction_call(rq, rs, &status);
+    int rc = x.call(&status);
     if (rc < 0 || status < 0) return -1;
     set_mgi_transaction_id(0);
     return rc;
 }
 
 MGMT_API int get_mgi_transaction_state(int *state, uint16_t vsysid) {
-    IpcBuf rq(sizeof(mgi_trans_info)), rs(sizeof(mgi_trans_info));
-    if (!rq || !rs) {
+    TransactionExchange x;
+    if (!x.ok()) {
         console_print("MGI: Failed to malloc, when get transaction state\n");
         return -1;
     }
-    std::memset(rq.p, 0, sizeof(mgi_trans_info));
-    std::memset(rs.p, 0, sizeof(mgi_trans_info));
-    auto *r = rq.as<mgi_trans_info>();
-    r->trans_op = MGI_TRANS_STATE;
-    set_trans_src(r);
-    r->trans_vsysid = vsysid;
+    x.fill(MGI_TRANS_STATE, vsysid, nullptr, true); // the user stays empty
     int32_t status;
-    int rc = transaction_call(rq, rs, &status);
+    int rc = x.call(&status);
     if (rc < 0) {
         console_print("MGI: Failed send message to MGD\n");
         return rc;
     }
     if (status < 0) return -1;
-    if (state) *state = rs.as<mgi_trans_info>()->trans_id != 0 ? 1 : 0;
+    if (state) *state = x.reply()->trans_id != 0 ? 1 : 0;
     return 0;
 }
 
 MGMT_API int rollback_mgi_transaction(const char *user, uint16_t vsysid) {
-    IpcBuf rq(sizeof(mgi_trans_info)), rs(sizeof(mgi_trans_info));
-    if (!rq || !rs) return -1;
-    std::memset(rq.p, 0, sizeof(mgi_trans_info));
-    std::memset(rs.p, 0, sizeof(mgi_trans_info));
-    auto *r = rq.as<mgi_trans_info>();
-    r->trans_op = MGI_TRANS_ROLLBACK;
-    set_trans_src(r);
-    r->trans_vsysid = vsysid;
-    fill_user(r, user);
+    TransactionExchange x;
+    if (!x.ok()) return -1;
+    x.fill(MGI_TRANS_ROLLBACK, vsysid, user, true);
     int32_t status;
-    int rc = transaction_call(rq, rs, &status);
+    int rc = x.call(&status);
     if (rc < 0) return rc;
     if (status < 0) return -1;
     set_mgi_transaction_id(0);
