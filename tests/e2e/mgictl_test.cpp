@@ -9,6 +9,7 @@
 #include <set>
 #include <memory>
 #include <sstream>
+#include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,32 +25,48 @@ struct ToolRun {
     std::string out, err;
 };
 
-// Runs mgictl with the arguments; standard output through a pipe, standard error through a file.
-ToolRun mgictl(const std::vector<std::string> &args) {
-    std::string path = build_path("tools/mgictl/mgictl");
-    std::string err_file = std::string(ipc_runtime_dir()) + "/mgictl.err";
+// Starts a program of this build with standard output to out_fd and standard error to err_fd.
+pid_t spawn(const std::string &relpath, const std::vector<std::string> &args, int out_fd, int err_fd) {
+    std::string path = build_path(relpath);
     std::vector<char *> argv{const_cast<char *>(path.c_str())};
     for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out_fd, 1);
+        dup2(err_fd, 2);
+        execv(path.c_str(), argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+std::string drain(int fd) {
+    std::string s;
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0) s.append(buf, size_t(n));
+    close(fd);
+    return s;
+}
+
+int reap(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs mgictl with the arguments; standard output through a pipe, standard error through a file.
+ToolRun mgictl(const std::vector<std::string> &args) {
+    std::string err_file = std::string(ipc_runtime_dir()) + "/mgictl.err";
     int out[2];
     ToolRun r;
     if (pipe(out) != 0) return r;
     int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out[1], 1);
-        dup2(err, 2);
-        execv(path.c_str(), argv.data());
-        _exit(127);
-    }
+    pid_t pid = spawn("tools/mgictl/mgictl", args, out[1], err);
     close(out[1]);
     close(err);
-    char buf[65536];
-    ssize_t n;
-    while ((n = read(out[0], buf, sizeof buf)) > 0) r.out.append(buf, size_t(n));
-    close(out[0]);
-    int status = 0;
-    if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) r.code = WEXITSTATUS(status);
+    r.out = drain(out[0]);
+    r.code = reap(pid);
     std::ifstream in(err_file);
     std::stringstream ss;
     ss << in.rdbuf();
@@ -153,6 +170,50 @@ TEST_F(Mgictl, PagedTableAndRegexFilterComeWhole) {
     ASSERT_EQ(some.code, 0) << some.err;
     EXPECT_EQ(lines(some.out), 11u) << some.out;
     EXPECT_NE(some.out.find("\nrole19 "), std::string::npos);
+}
+
+// The monitor sees the demo's traffic; its capture decodes in tshark with the dissector.
+TEST_F(Mgictl, MonitorCapturesTheDemoForTshark) {
+    std::string capture = std::string(ipc_runtime_dir()) + "/demo.pcapng";
+    int out[2], err[2];
+    ASSERT_EQ(pipe(out), 0);
+    ASSERT_EQ(pipe(err), 0);
+    pid_t monitor = spawn("tools/mgictl/mgictl", {"monitor", "-w", capture}, out[1], err[1]);
+    close(out[1]);
+    close(err[1]);
+    std::string ready;
+    char c;
+    while (read(err[0], &c, 1) == 1 && c != '\n') ready += c; // "watching ...", or the monitor has ended
+    ASSERT_NE(ready.find("mgictl monitor: watching"), std::string::npos) << ready;
+    int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(reap(spawn("tools/mgi_demo", {}, devnull, devnull)), 0);
+    close(devnull);
+    kill(monitor, SIGTERM);
+    std::string shown = drain(out[0]), tail = drain(err[0]);
+    EXPECT_EQ(reap(monitor), 0) << tail;
+    EXPECT_NE(tail.find(" copies dropped"), std::string::npos);
+    for (const char *want : {"app5 -> app11 6 MGI seq", "type 16 (partial) e0002 aaa_role segments 134(",
+                             "e0012 aaa_del_lockout segments 135(48) error -12/1201 \"user alice is not locked out\"",
+                             "mgd -> app15 6 MGI seq", ": not delivered (No such file or directory)",
+                             "app5 -> mgd 371 manager: transaction seq", "app5 -> app23 64 trap seq"})
+        EXPECT_NE(shown.find(want), std::string::npos) << want << "\n" << shown;
+
+    if (std::system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "tshark is not installed (scripts/setup installs it)";
+    std::string cmd = "tshark -X lua_script:" + build_path("tools/wireshark/mgi.lua") + " -r " + capture +
+                      " -T fields -E 'separator=|' -e mgimon.msg -e mgimon.result -e mgi.type -e mgi.target"
+                      " -e mgi.seg.type -e mgi.err.code -e mgi.err.private -e mgi.err.text -e mgd.trans.user"
+                      " -e mgitrap.code 2>/dev/null";
+    FILE *p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string decoded;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) decoded.append(buf, n);
+    EXPECT_EQ(pclose(p), 0);
+    EXPECT_EQ(lines(decoded), lines(shown)) << decoded; // every copy a packet
+    for (const char *want : {"6|0|18|0x000e0012|135|-12|1201|user alice is not locked out||",
+                             "6|0|16|0x000e0002|134,132|||||", "371|0|||||||admin|", "64|0||||||||1001",
+                             "6|-2||||||||"}) // the set mgd passed to application 15, which is not running
+        EXPECT_NE(decoded.find(want), std::string::npos) << want << "\n" << decoded;
 }
 
 // list and show reach every object of the catalogue, each as the catalogue has it.

@@ -57,6 +57,16 @@ const Verb kVerbs[] = {
     {"exec", "run an action object at its owner", "exec OBJECT [NAME=VALUE]...",
      "Runs an action object at its owning application, values as for set; prints what it answers.\n"
      "  --type N            message type of the request (default 0)\n"},
+    {"monitor", "watch every message of the runtime directory", "monitor [-w FILE.pcapng] [--app N] [-v]",
+     "While it runs, every process of the runtime directory sends it a copy of each message: one line\n"
+     "each, with the time, sender -> receiver (application names), the message number and what it is; for\n"
+     "MGI the type, sequence, target words with the object's name, the segment chain (type(length)) and\n"
+     "an error's code, private code and text. Copies never hold a sender up: when the queue is full they\n"
+     "are dropped, and counted. Ctrl-C (or SIGTERM) ends it.\n"
+     "  -w, --write FILE    also write the copies to FILE in pcapng, for\n"
+     "                      tshark -X lua_script:tools/wireshark/mgi.lua -r FILE -V\n"
+     "  --app N             only messages from or to application N\n"
+     "  -v, --verbose       every segment too, and records decoded by the object's layout\n"},
     {"completion", "print the bash completion", "completion",
      "Prints the bash completion of mgictl: verbs, options and the object names of the catalogue.\n"},
     {"help", "this text, or a verb's", "help [VERB]", "This text, or a verb's.\n"},
@@ -70,7 +80,7 @@ const char kOptions[] =
     "  --vsys N        virtual system of the request (0 to 65535)\n"
     "  --timeout S     seconds to wait for each answer (1 to 255, default 96)\n"
     "Other options:\n"
-    "  -v, --verbose   say more\n"
+    "  -v, --verbose   say more (monitor)\n"
     "  -h, --help      the help of mgictl, or of the verb given\n"
     "  -V, --version   the version\n";
 
@@ -271,7 +281,7 @@ int main(int argc, char **argv) {
     const char *misplaced = !get && (!o.match.empty() || !o.where.empty()) ? "--match and --where belong to get"
                             : !get && o.json                               ? "--json belongs to get"
                             : !sends && o.type >= 0                        ? "--type belongs to get, set and exec"
-                            : !o.write_file.empty()                        ? "-w belongs to monitor"
+                            : !o.write_file.empty() && verb != "monitor"   ? "-w belongs to monitor"
                                                                            : nullptr;
     if (misplaced) {
         std::fprintf(stderr, "mgictl %s: %s\n", verb.c_str(), misplaced);
@@ -283,6 +293,7 @@ int main(int argc, char **argv) {
     }
     if (verb == "list") return verb_list(args, o);
     if (verb == "show") return verb_show(args, o);
+    if (verb == "monitor") return verb_monitor(args, o);
     // The identity every request carries.
     ipc_init(o.app, 0);
     if (o.user_set || o.priv) set_mgi_user(o.user.c_str(), o.priv);
