@@ -68,11 +68,17 @@ struct MonitorPage {
     std::atomic<uint32_t> reserved;
     std::atomic<uint64_t> dropped; // copies dropped since it opened
 };
+/*
+ * A queue of datagrams holds few of them (net.unix.max_dgram_qlen, often 10): the monitor reads
+ * several queues, a sender moves on to the next one it finds full, and the monitor takes the
+ * copies in the order of their time.
+ */
+constexpr int kMonitorQueues = 8;
 struct MonitorTap {
     MonitorTap *earlier; // the tap of the directory before, kept: a thread may still read it
     MonitorPage *page;
-    sockaddr_un addr;
-    socklen_t addrlen;
+    sockaddr_un addr[kMonitorQueues];
+    socklen_t addrlen[kMonitorQueues];
 };
 extern std::atomic<MonitorTap *> g_tap;
 

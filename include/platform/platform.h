@@ -249,13 +249,14 @@ typedef struct ipc_monitor_head {
 #define IPC_MONITOR_MAGIC 0x4d47494du /* "MGIM" */
 
 /*
- * Opens the monitor address of the runtime directory: the descriptor on which copies arrive, or
- * -errno (-EADDRINUSE when a monitor runs there already). One monitor per process.
+ * Opens the monitor addresses of the runtime directory: a descriptor that polls readable while
+ * copies wait, or -errno (-EADDRINUSE when a monitor runs there already). One monitor per process.
  */
 PLATFORM_API int ipc_monitor_open(void);
 /*
- * Takes one copy: its bytes (head, frame, payload; at most cap) or -errno; -ETIMEDOUT after
- * timeout_ms (< 0: no bound). Copies from another user are dropped unseen.
+ * Takes the earliest copy that waits: its bytes (head, frame, payload; at most cap) or -errno;
+ * -ETIMEDOUT after timeout_ms (0: at once; < 0: no bound), -EINTR when a signal came. Copies from
+ * another user are dropped unseen.
  */
 PLATFORM_API int ipc_monitor_recv(void *buf, uint32_t cap, int timeout_ms);
 /* Copies that senders dropped since the monitor opened, its queue being full. */

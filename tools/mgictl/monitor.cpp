@@ -149,8 +149,10 @@ class Pcapng {
         std::fwrite(data, 1, n, f_);
         std::fwrite(zeros, 1, padded - n, f_);
         std::fwrite(&total, 4, 1, f_);
-        return std::fflush(f_) == 0; // each packet whole on disk: the capture is readable while it grows
+        return !std::ferror(f_);
     }
+    // Whole packets on disk: the capture is readable while it grows.
+    bool flush() { return !f_ || std::fflush(f_) == 0; }
     bool close() {
         bool ok = f_ && std::fclose(f_) == 0;
         f_ = nullptr;
@@ -201,7 +203,17 @@ int verb_monitor(const std::vector<std::string> &args, const Options &o) {
     uint64_t seen = 0, dropped = 0;
     int status = kOk;
     while (!g_stop) {
-        int n = ipc_monitor_recv(buf.data(), uint32_t(buf.size()), -1);
+        // What waits is taken at once; the output is flushed whenever the queues are empty.
+        int n = ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 0);
+        if (n == -ETIMEDOUT) {
+            std::fflush(stdout);
+            if (!capture.flush() && status == kOk) {
+                std::fprintf(stderr, "mgictl monitor: writing %s failed: %s\n", o.write_file.c_str(),
+                             std::strerror(errno));
+                status = kFailed;
+            }
+            n = ipc_monitor_recv(buf.data(), uint32_t(buf.size()), -1);
+        }
         if (n == -EINTR) continue;
         if (n < 0) {
             std::fprintf(stderr, "mgictl monitor: %s\n", std::strerror(-n));
@@ -231,7 +243,6 @@ int verb_monitor(const std::vector<std::string> &args, const Options &o) {
         else line += " " + std::to_string(len) + " bytes" + (o.verbose && len ? ": " + hex(payload, std::min<uint32_t>(len, 48)) : "");
         if (fr.kind == IPC_KIND_REPLY && fr.status) line += " status " + std::to_string(fr.status);
         std::printf("%s\n", line.c_str());
-        std::fflush(stdout);
         if (uint64_t d = ipc_monitor_dropped(); d != dropped) {
             std::printf("(%llu copies dropped so far: the monitor's queue was full)\n", (unsigned long long)d);
             dropped = d;
