@@ -67,7 +67,7 @@ void monitor_attach(const char *dir) {
     if (fd >= 0) close(fd);
     tap->page = page == MAP_FAILED ? &g_unwatched : static_cast<MonitorPage *>(page);
     for (int q = 0; q < kMonitorQueues; ++q) {
-        char name[16];
+        char name[32];
         snprintf(name, sizeof name, kAddressName, q);
         tap->addr[q].sun_family = AF_UNIX;
         int n = snprintf(tap->addr[q].sun_path, sizeof tap->addr[q].sun_path, "%s/%s", dir, name);
@@ -136,7 +136,7 @@ int ipc_monitor_open(void) {
     int ep = epoll_create1(EPOLL_CLOEXEC);
     if (ep < 0) return -errno;
     for (int q = 0; q < kMonitorQueues; ++q) {
-        char name[16];
+        char name[32];
         snprintf(name, sizeof name, kAddressName, q);
         int fd = open_bound(name, true, &g_monitor_own[q]); // a live monitor holds them: -EADDRINUSE
         epoll_event ev{};
