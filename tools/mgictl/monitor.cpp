@@ -202,9 +202,11 @@ int verb_monitor(const std::vector<std::string> &args, const Options &o) {
     std::vector<uint8_t> buf(sizeof(ipc_monitor_head_t) + sizeof(ipc_frame_t) + IPC_MAX_PAYLOAD);
     uint64_t seen = 0, dropped = 0;
     int status = kOk;
-    while (!g_stop) {
+    // After a stop, what was sent before it is still shown (a bounded number, should a flood go on).
+    for (int after_stop = 0; after_stop < 10000; after_stop += g_stop ? 1 : 0) {
         // What waits is taken at once; the output is flushed whenever the queues are empty.
         int n = ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 0);
+        if (n == -ETIMEDOUT && g_stop) break;
         if (n == -ETIMEDOUT) {
             std::fflush(stdout);
             if (!capture.flush() && status == kOk) {
