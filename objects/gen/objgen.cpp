@@ -536,6 +536,20 @@ std::string header(const std::vector<Row> &rows) {
     return o;
 }
 
+// The names the generated layer exports, one per line, for the library's version script.
+std::string exports(const std::vector<Row> &rows) {
+    std::string o;
+    for (const Row &r : rows) {
+        o += "construct_" + r.name + "_entity\n";
+        if (r.index_count) o += "construct_" + r.name + "_index\nconstruct_" + r.name + "_new_index\n";
+        if (r.ops == "sg")
+            o += "final_set_" + r.name + "\nfinal_get_" + r.name + "\n";
+        else
+            o += "final_exec_" + r.name + "\n";
+    }
+    return o;
+}
+
 std::string chunk(const std::vector<Row> &rows, size_t from, size_t to) {
     std::string o = kBanner;
     o += "#include \"objects/objects_internal.h\"\n\n";
@@ -645,5 +659,6 @@ int main(int argc, char **argv) {
                               chunk(rows, bounds[c], bounds[c + 1])) &&
              ok;
     ok = write_if_changed(src_dir + "/catalogue_data.cpp", table(rows)) && ok;
+    ok = write_if_changed(src_dir + "/objects.exports", exports(rows)) && ok;
     return ok ? 0 : 1;
 }
