@@ -1,5 +1,6 @@
 #include "test_support.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -11,25 +12,34 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace mgmt_test {
 
 namespace {
 
-// Every test program talks in a runtime directory of its own.
+// Every test program talks in a runtime directory of its own. Children forked by a
+// test or by the library may end with exit(), which runs this destructor too: only the
+// process that made the directory removes it, and a child returns before touching the
+// allocator (another thread of the parent may have held its lock at the fork).
 struct FreshIpcDir {
-    std::string made;
+    pid_t owner = -1;
+    char made[32] = "";
     FreshIpcDir() {
         if (std::getenv("MGMT_IPC_DIR")) return;
         char tmpl[] = "/tmp/mgmt-test-XXXXXX";
         if (!mkdtemp(tmpl)) return;
-        made = tmpl;
+        std::memcpy(made, tmpl, sizeof tmpl);
+        owner = getpid();
         setenv("MGMT_IPC_DIR", tmpl, 1);
     }
     ~FreshIpcDir() {
+        if (owner != getpid()) return;
         std::error_code ec;
-        if (!made.empty()) std::filesystem::remove_all(made, ec);
+        std::filesystem::remove_all(made, ec);
     }
 } fresh_ipc_dir;
 
@@ -42,6 +52,44 @@ void put32(uint8_t *p, uint32_t v) {
     p[1] = uint8_t(v >> 16);
     p[2] = uint8_t(v >> 8);
     p[3] = uint8_t(v);
+}
+
+// Whether the process behind pidfd has ended, waiting at most ms for it.
+bool child_gone(int pidfd, int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        pollfd p = {pidfd, POLLIN, 0};
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        int n = poll(&p, 1, int(std::max<long long>(0, left.count())));
+        if (n >= 0 || errno != EINTR) return n == 1;
+    }
+}
+
+// Waits until name appears as a socket in dir (inotify), at most ms; false at once when the
+// process behind pidfd ends first.
+bool wait_for_socket(const char *dir, const std::string &name, int pidfd, int ms) {
+    const std::string path = std::string(dir) + "/" + name;
+    auto is_socket = [&] {
+        struct stat st;
+        return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+    };
+    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (in < 0) return false;
+    bool found = inotify_add_watch(in, dir, IN_CREATE | IN_MOVED_TO) >= 0 && is_socket();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!found) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        pollfd p[2] = {{in, POLLIN, 0}, {pidfd, POLLIN, 0}};
+        int n = poll(p, pidfd >= 0 ? 2 : 1, int(left.count()));
+        if ((n < 0 && errno != EINTR) || p[1].revents) break;
+        alignas(inotify_event) char events[4096];
+        while (read(in, events, sizeof events) > 0) {
+        }
+        found = is_socket();
+    }
+    close(in);
+    return found;
 }
 
 } // namespace
@@ -207,7 +255,7 @@ bool cap_address_space(size_t extra) {
 
 std::string build_path(const std::string &relpath) {
     const char *dir = std::getenv("MGMT_TEST_BINARY_DIR");
-    return std::string(dir ? dir : ".") + "/" + relpath;
+    return std::string(dir && *dir ? dir : MGMT_BUILD_DIR) + "/" + relpath;
 }
 
 Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args, uint32_t appid) {
@@ -235,45 +283,54 @@ Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args,
     }
     if (out >= 0) close(out);
     if (pid_ < 0) return;
-    for (int i = 0; i < 500; ++i) {
-        struct stat st;
-        if (stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
-            ready_ = true;
-            return;
-        }
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return;
-        }
-        usleep(10000);
+    pidfd_ = int(syscall(SYS_pidfd_open, pid_, 0));
+    ready_ = wait_for_socket(dir, sock.substr(std::strlen(dir) + 1), pidfd_, 5000);
+    if (!ready_ && pidfd_ >= 0 && child_gone(pidfd_, 0)) {
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
     }
 }
 
 int Daemon::stop() {
     if (pid_ <= 0) return -1;
     kill(pid_, SIGTERM);
+    if (pidfd_ < 0 || !child_gone(pidfd_, 3000)) kill(pid_, SIGKILL);
     int status = 0;
-    for (int i = 0; i < 300; ++i) {
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return status;
-        }
-        usleep(10000);
-    }
-    kill(pid_, SIGKILL);
     waitpid(pid_, &status, 0);
     pid_ = -1;
     return status;
 }
 
-Daemon::~Daemon() { stop(); }
+Daemon::~Daemon() {
+    stop();
+    if (pidfd_ >= 0) close(pidfd_);
+}
 
 std::string Daemon::output() const {
     std::ifstream in(log_);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+bool Daemon::wait_output(const std::string &text, int ms) const {
+    auto has = [&] { return output().find(text) != std::string::npos; };
+    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (in < 0) return has();
+    inotify_add_watch(in, log_.c_str(), IN_MODIFY);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    bool found = has();
+    while (!found) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd p = {in, POLLIN, 0};
+        if (left.count() <= 0 || (poll(&p, 1, int(left.count())) < 0 && errno != EINTR)) break;
+        alignas(inotify_event) char events[4096];
+        while (read(in, events, sizeof events) > 0) {
+        }
+        found = has();
+    }
+    close(in);
+    return found;
 }
 
 void run_as(uint32_t appid, const std::function<void()> &fn) {

@@ -99,7 +99,7 @@ class TestPeer {
 // error go to a log file that output() reads.
 class Daemon {
   public:
-    // relpath: below the build directory (MGMT_TEST_BINARY_DIR), e.g. "tools/mgd".
+    // relpath: below the build directory (see build_path), e.g. "tools/mgd".
     Daemon(const std::string &relpath, const std::vector<std::string> &args, uint32_t appid);
     ~Daemon();
     Daemon(const Daemon &) = delete;
@@ -107,11 +107,14 @@ class Daemon {
     bool ok() const { return ready_; }
     int pid() const { return pid_; }
     std::string output() const;
+    // Waits until the output holds text, at most ms; true when it does.
+    bool wait_output(const std::string &text, int ms = 5000) const;
     // Ends the daemon and returns its exit status as waitpid gives it.
     int stop();
 
   private:
     int pid_ = -1;
+    int pidfd_ = -1;
     bool ready_ = false;
     std::string log_;
 };
@@ -129,7 +132,8 @@ ChildResult run_in_child(const std::function<int(int out_fd)> &body);
 // bytes, so that a large allocation fails (for out-of-memory paths, in a child).
 bool cap_address_space(size_t extra);
 
-// Path of a program of this build, below MGMT_TEST_BINARY_DIR.
+// Path of a program of this build: below MGMT_TEST_BINARY_DIR when set, else below the
+// build directory this program was built in (so any working directory will do).
 std::string build_path(const std::string &relpath);
 
 // Runs fn on a new thread with the given application id and waits for it.
