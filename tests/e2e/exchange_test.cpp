@@ -358,8 +358,10 @@ TEST_F(Exchange, PairsThatCannotBeMadeAreReportedAndNothingIsKept) {
     run_as(5, [&] {
         fault::arm_alloc_failures(1); // the send buffer
         EXPECT_EQ(init_mgi_r(), nullptr);
+        EXPECT_EQ(fault::last_alloc_size, MGI_MAX_LEN) << "no buffer larger than the largest message";
         fault::arm_alloc_failures(1, 1); // the receive buffer, after the send buffer was had
         EXPECT_EQ(init_mgi_r(), nullptr);
+        EXPECT_EQ(fault::last_alloc_size, MGI_MAX_LEN);
         EXPECT_EQ(cap.text(), "MGI: failed to alloc memory\nMGI: failed to alloc memory\n");
 
         // A context without a pair still initialises, and the exchange refuses it.

@@ -14,6 +14,8 @@ thread_local int alloc_failures = 0;
 thread_local int alloc_skip = 0;
 } // namespace
 
+thread_local uint32_t last_alloc_size = 0;
+
 void arm_poll(const PollFault &f) { poll_fault = f; poll_fault.armed = true; }
 void arm_recv_failures(int count) { recv_failures = count; }
 void arm_alloc_failures(int count, int skip) {
@@ -54,6 +56,7 @@ extern "C" __attribute__((visibility("default"))) int ipcmsg_recv_sync(ipc_peer_
 extern "C" __attribute__((visibility("default"))) void *ipcmsg_alloc(uint32_t size) {
     using alloc_fn = void *(*)(uint32_t);
     static alloc_fn real = reinterpret_cast<alloc_fn>(dlsym(RTLD_NEXT, "ipcmsg_alloc"));
+    fault::last_alloc_size = size;
     if (fault::alloc_skip > 0) {
         --fault::alloc_skip;
     } else if (fault::alloc_failures > 0) {
