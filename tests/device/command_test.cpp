@@ -109,7 +109,7 @@ class Command : public ::testing::Test {
         return files_settle([&] { return lines(log_text()) >= n && command_files().empty(); }) && children_gone();
     }
     // Waits until pred holds, tried again on each change to the device's /etc or the test's files.
-    bool files_settle(const std::function<bool()> &pred) { return eventually(pred, {root.path("/etc"), root.dir()}); }
+    bool files_settle(const std::function<bool()> &pred) { return wait_until(pred, {root.path("/etc"), root.dir()}); }
     // The process id in the name of the command file of each run: root + "/etc/CMD_app77" + pid + ".tmp".
     std::vector<std::string> file_pids() {
         std::vector<std::string> pids;

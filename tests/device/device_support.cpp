@@ -70,28 +70,6 @@ Sysroot::~Sysroot() {
     if (!dir_.empty()) fs::remove_all(dir_, ec);
 }
 
-bool eventually(const std::function<bool()> &pred, const std::vector<std::string> &dirs, int ms) {
-    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (in < 0) return false;
-    for (const std::string &d : dirs)
-        inotify_add_watch(in, d.c_str(), IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    bool ok = pred();
-    while (!ok) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
-        pollfd p = {in, POLLIN, 0};
-        if (left <= 0) break;
-        if (poll(&p, 1, int(left)) < 0 && errno != EINTR) break; // a SIGCHLD handler may cut the wait
-        alignas(inotify_event) char events[4096];
-        while (read(in, events, sizeof events) > 0) {
-        }
-        ok = pred();
-    }
-    close(in);
-    return ok || pred();
-}
-
 bool children_gone(const std::function<void()> &reap, int ms) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     for (;;) {

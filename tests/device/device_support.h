@@ -42,9 +42,6 @@ void write_file(const std::string &path, const std::string &text, int mode = 064
 bool exists(const std::string &path);
 void make_dirs(const std::string &path);
 
-// Waits until pred holds, at most ms milliseconds: pred is tried at once and again after each
-// change (inotify) to the entries of the directories in dirs.
-bool eventually(const std::function<bool()> &pred, const std::vector<std::string> &dirs, int ms = 5000);
 // Waits until this process has no child left, running or ended, at most ms milliseconds; reap is
 // called first and after each child ends (a pidfd), to reap what has ended.
 bool children_gone(const std::function<void()> &reap, int ms = 5000);

@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -56,43 +58,31 @@ void put32(uint8_t *p, uint32_t v) {
 
 // Whether the process behind pidfd has ended, waiting at most ms for it.
 bool child_gone(int pidfd, int ms) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (;;) {
-        pollfd p = {pidfd, POLLIN, 0};
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        int n = poll(&p, 1, int(std::max<long long>(0, left.count())));
-        if (n >= 0 || errno != EINTR) return n == 1;
-    }
-}
-
-// Waits until name appears as a socket in dir (inotify), at most ms; false at once when the
-// process behind pidfd ends first.
-bool wait_for_socket(const char *dir, const std::string &name, int pidfd, int ms) {
-    const std::string path = std::string(dir) + "/" + name;
-    auto is_socket = [&] {
-        struct stat st;
-        return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
-    };
-    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (in < 0) return false;
-    bool found = inotify_add_watch(in, dir, IN_CREATE | IN_MOVED_TO) >= 0 && is_socket();
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!found) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) break;
-        pollfd p[2] = {{in, POLLIN, 0}, {pidfd, POLLIN, 0}};
-        int n = poll(p, pidfd >= 0 ? 2 : 1, int(left.count()));
-        if ((n < 0 && errno != EINTR) || p[1].revents) break;
-        alignas(inotify_event) char events[4096];
-        while (read(in, events, sizeof events) > 0) {
-        }
-        found = is_socket();
-    }
-    close(in);
-    return found;
+    return wait_until([] { return false; }, {}, ms, pidfd);
 }
 
 } // namespace
+
+bool wait_until(const std::function<bool()> &pred, const std::vector<std::string> &watch, int ms, int stop_fd) {
+    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    for (const std::string &w : watch)
+        inotify_add_watch(in, w.c_str(), IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    bool ok = pred(), stopped = false;
+    while (!ok && !stopped) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd p[2] = {{in, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        int n = left.count() > 0 ? poll(p, 2, int(left.count())) : 0;
+        if (n == 0 || (n < 0 && errno != EINTR)) break; // out of time; EINTR: a handler ran, look again
+        stopped = p[1].revents != 0;
+        alignas(inotify_event) char events[4096];
+        while (in >= 0 && read(in, events, sizeof events) > 0) {
+        }
+        ok = pred();
+    }
+    if (in >= 0) close(in);
+    return ok || stopped;
+}
 
 ConsoleCapture::ConsoleCapture() { console_set_sink(&ConsoleCapture::sink, this); }
 ConsoleCapture::~ConsoleCapture() { console_set_sink(nullptr, nullptr); }
@@ -113,6 +103,15 @@ void ConsoleCapture::clear() {
 uint16_t be16(const uint8_t *p) { return uint16_t((p[0] << 8) | p[1]); }
 uint32_t be32(const uint8_t *p) { return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3]; }
 Bytes bytes_of(const std::string &s) { return Bytes(s.begin(), s.end()); }
+
+void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields) {
+    for (const Field &f : fields) {
+        uint32_t got = 0;
+        for (int i = 0; i < f.width; ++i)
+            got = (got << 8) | msg[f.at + size_t(i)];
+        EXPECT_EQ(got, f.value) << "at byte " << f.at;
+    }
+}
 
 Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs) {
     Bytes m(MGI_HDR_LEN, 0);
@@ -284,7 +283,11 @@ Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args,
     if (out >= 0) close(out);
     if (pid_ < 0) return;
     pidfd_ = int(syscall(SYS_pidfd_open, pid_, 0));
-    ready_ = wait_for_socket(dir, sock.substr(std::strlen(dir) + 1), pidfd_, 5000);
+    auto bound = [&] {
+        struct stat st;
+        return stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+    };
+    ready_ = wait_until(bound, {dir}, 5000, pidfd_) && bound();
     if (!ready_ && pidfd_ >= 0 && child_gone(pidfd_, 0)) {
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
@@ -314,23 +317,7 @@ std::string Daemon::output() const {
 }
 
 bool Daemon::wait_output(const std::string &text, int ms) const {
-    auto has = [&] { return output().find(text) != std::string::npos; };
-    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (in < 0) return has();
-    inotify_add_watch(in, log_.c_str(), IN_MODIFY);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    bool found = has();
-    while (!found) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        pollfd p = {in, POLLIN, 0};
-        if (left.count() <= 0 || (poll(&p, 1, int(left.count())) < 0 && errno != EINTR)) break;
-        alignas(inotify_event) char events[4096];
-        while (read(in, events, sizeof events) > 0) {
-        }
-        found = has();
-    }
-    close(in);
-    return found;
+    return wait_until([&] { return output().find(text) != std::string::npos; }, {log_}, ms);
 }
 
 void run_as(uint32_t appid, const std::function<void()> &fn) {

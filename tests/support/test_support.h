@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -47,6 +48,15 @@ Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs);
 Bytes mgi_record_message(uint8_t type, const Bytes &payload);
 
 Bytes bytes_of(const std::string &s);
+
+// One field of a message in network byte order: its offset, width (1, 2 or 4 bytes) and value.
+struct Field {
+    size_t at;
+    int width;
+    uint32_t value;
+};
+// Expects each field of msg to hold its value, naming the offset of each that does not.
+void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields);
 uint16_t be16(const uint8_t *p);
 uint32_t be32(const uint8_t *p);
 
@@ -135,6 +145,12 @@ bool cap_address_space(size_t extra);
 // Path of a program of this build: below MGMT_TEST_BINARY_DIR when set, else below the
 // build directory this program was built in (so any working directory will do).
 std::string build_path(const std::string &relpath);
+
+// Waits until pred holds, at most ms: pred is tried at once and again after each change (inotify)
+// to the watched paths (a directory's entries, or a file). Also true, without pred, as soon as
+// stop_fd (a pidfd, say) becomes readable.
+bool wait_until(const std::function<bool()> &pred, const std::vector<std::string> &watch, int ms = 5000,
+                int stop_fd = -1);
 
 // Runs fn on a new thread with the given application id and waits for it.
 void run_as(uint32_t appid, const std::function<void()> &fn);
