@@ -329,7 +329,12 @@ const char *command_in_tree(const char *command, char *buf, size_t size) {
 
 
 // The function that a stand-in named `name` hides, of the type fn_t.
-#define REAL(name) static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, name))
+// The look-up runs once, at the first call; a thread that waits for another's look-up may find
+// errno changed by that wait, so errno is kept across it.
+#define REAL(name)                                                                                                     \
+    const int saved_errno_ = errno;                                                                                    \
+    static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, name));                                          \
+    errno = saved_errno_
 
 // Children of the library end with exit(); leak checking belongs to the test process only.
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() { return in_child(); }
