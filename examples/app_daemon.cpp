@@ -189,7 +189,7 @@ int role_encode(mgiInfo *info) {
     }
 
     // A walk: the first request has no cookie, the others send back the one of the last answer.
-    uint32_t cookie[6] = {};
+    uint32_t cookie[MGI_COOKIE_WORDS] = {};
     bool first = !info->cookie || info->cookie_len != sizeof cookie;
     if (first) {
         build_walk(info, ctx);
@@ -233,7 +233,7 @@ int role_encode(mgiInfo *info) {
         mgi_update_rsp_data(info, end, sizeof(RoleRecord));
     }
     set_cookie_by_rsp_data(cookie, count, walk_state(ctx).generation);
-    static uint32_t out_cookie[6];
+    static uint32_t out_cookie[MGI_COOKIE_WORDS];
     if (cookie[0] <= cookie[1] && count > 0) {
         std::memcpy(out_cookie, cookie, sizeof out_cookie);
         mgi_common_cookie_hton(out_cookie);

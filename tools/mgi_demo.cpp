@@ -70,7 +70,7 @@ void say_error(const mgiInfo &info, const char *who) {
 
 int set_radius(mgiInfo &info, uint32_t enable, uint32_t timeout) {
     init_mgi_info(&info);
-    mgi_set_rqt_type(&info, 1);
+    mgi_set_rqt_type(&info, MGI_RQT_SET);
     info.rqt_item[0] = &enable;
     info.rqt_item[1] = &timeout;
     return final_set_aaa_radius_authorization(&info, nullptr);
@@ -103,7 +103,7 @@ void paged_get() {
     step(2, "Paged get: the whole table of roles, straight from application 11");
     mgiInfo info;
     init_mgi_info(&info);
-    mgi_set_rqt_type(&info, 2);
+    mgi_set_rqt_type(&info, MGI_RQT_GET);
     Parts parts;
     int rc = collecting(parts, [&] { return final_get_aaa_role(&info, collect, nullptr); });
     std::vector<Role> roles = roles_of(parts);
@@ -140,7 +140,7 @@ void filtered_query() {
     std::printf("   the same table with the condition \"privilege gt 10\":\n");
     char cond[] = "privilege gt 10";
     init_mgi_info(&info);
-    mgi_set_rqt_type(&info, 2);
+    mgi_set_rqt_type(&info, MGI_RQT_GET);
     mgi_set_rqt_condition(&info, cond, sizeof cond - 1);
     rc = final_get_aaa_role(&info, nullptr, nullptr);
     std::printf("   final_get_aaa_role: result %d, answer type %u\n", rc, get_mgi_resp_type_r(info.mgi_buf));
@@ -198,7 +198,7 @@ void errors() {
     const libmgmt_object *o = libmgmt_object_find("admind_utmp");
     if (o && o->set) {
         init_mgi_info(&info);
-        mgi_set_rqt_type(&info, 1);
+        mgi_set_rqt_type(&info, MGI_RQT_SET);
         rc = o->set(&info, nullptr);
         std::printf("   set %s, owned by application %u, which is not running: result %d\n", o->name, o->owner, rc);
         say_error(info, "mgd answered");

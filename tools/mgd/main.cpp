@@ -13,14 +13,12 @@
 #include <string>
 
 #include "manager.h"
+#include "mgmt/device.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_services.h"
 #include "platform/questions.h"
 
 namespace {
-
-constexpr uint32_t kTrapReceiver = 23;
-constexpr uint16_t kTrapMsg = 64;
 
 volatile std::sig_atomic_t stop_requested = 0;
 void on_signal(int) { stop_requested = 1; }
@@ -73,8 +71,8 @@ int main(int argc, char **argv) {
     mgd::Manager manager;
     manager.attach();
     ipc_endpoint_t *mcp = open_management_slot(mgd::Manager::lock_handler());
-    ipc_endpoint_t *traps = ipc_endpoint_open(kTrapReceiver, 0, nullptr);
-    if (traps) ipc_endpoint_handler(traps, kTrapMsg, on_trap);
+    ipc_endpoint_t *traps = ipc_endpoint_open(VK_TRAP_APPID, 0, nullptr);
+    if (traps) ipc_endpoint_handler(traps, VK_TRAP_MSG, on_trap);
     std::signal(SIGTERM, on_signal);
     std::signal(SIGINT, on_signal);
     if (ipc_register(MGD_APPID, 0) != 0) {

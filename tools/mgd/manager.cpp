@@ -6,7 +6,9 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "mgi/wire.h"
 #include "mgmt/catalogue.h"
+#include "mgmt/device.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_app.h"
 #include "mgmt/mgi_services.h"
@@ -17,17 +19,14 @@ namespace {
 
 Manager *g_manager = nullptr;
 
-uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
-uint32_t be32(const uint8_t *p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
-void put16(uint8_t *p, uint16_t v) {
-    p[0] = uint8_t(v >> 8);
-    p[1] = uint8_t(v);
-}
+using mgmt::get_be16;
+using mgmt::get_be32;
+using mgmt::put_be16;
 
 std::vector<uint32_t> target_of(const uint8_t *msg) {
     std::vector<uint32_t> t;
     for (int i = 0; i < MGI_TARGET_WORDS; ++i) {
-        uint32_t w = be32(msg + MGI_OFF_TARGET + 4 * i);
+        uint32_t w = get_be32(msg + MGI_OFF_TARGET + 4 * i);
         if (!w) break;
         t.push_back(w);
     }
@@ -65,7 +64,7 @@ int transaction_handler(void *ipc, void *, void *payload, uint32_t len, int32_t 
 
 int simple_handler(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
                    uint32_t *reply_len) {
-    uint16_t msg = be16(static_cast<uint8_t *>(head) + 4);
+    uint16_t msg = get_be16(static_cast<uint8_t *>(head) + 4);
     return g_manager->on_simple(msg, static_cast<uint8_t *>(payload), len, status, static_cast<uint8_t *>(reply),
                                 reply_len, static_cast<ipc_peer_t *>(ipc)->appid);
 }
@@ -126,7 +125,7 @@ void Manager::attach() {
     ipc_register_handler(MGD_MSG_TRANSACTION, transaction_handler);
     for (int m : {MGD_MSG_REQUEST_CONFIG, MGD_MSG_DBG_CONFIG, MGD_MSG_CONFIG_CHANGE_STATUS, MGD_MSG_LOCK_CFG,
                        MGD_MSG_SYSTEM_DEBUG_STATE, MGD_MSG_OBJECT_DEFAULT_VALUE, MGD_MSG_CONFIG_LOCK_STATUS,
-                       MGD_MSG_PRE_CONFIG_FEATURE, MGD_MSG_TRANSACTION_STATE, MGD_MSG_PLATFORM, 61})
+                       MGD_MSG_PRE_CONFIG_FEATURE, MGD_MSG_TRANSACTION_STATE, MGD_MSG_PLATFORM, MGMT_IMPORT_RQT_MSG})
         ipc_register_handler(uint16_t(m), simple_handler);
 }
 
@@ -165,13 +164,13 @@ void Manager::answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t le
     size_t padded = (n + 7) & ~size_t{7};
     std::memcpy(head + 8 + 16, body, padded);
     append_segment(out + MGI_OFF_NEXTSEG, head, MGI_SEG_ERROR, head + 8, uint16_t(16 + padded));
-    put16(out + MGI_OFF_LEN, uint16_t(8 + 16 + padded));
+    put_be16(out + MGI_OFF_LEN, uint16_t(8 + 16 + padded));
     ipc_send_to_peer(peer, MGI_IPC_MSG, out, uint32_t(MGI_HDR_LEN + 8 + 16 + padded), 0);
 }
 
 int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t *status, uint8_t *reply,
                     uint32_t *reply_len) {
-    if (len < MGI_HDR_LEN || msg[MGI_OFF_MARK] != MGI_MARK || be16(msg + MGI_OFF_LEN) + MGI_HDR_LEN > len) {
+    if (len < MGI_HDR_LEN || msg[MGI_OFF_MARK] != MGI_MARK || get_be16(msg + MGI_OFF_LEN) + MGI_HDR_LEN > len) {
         log("malformed MGI message from app%u (%u bytes): refused", peer->appid, len);
         uint8_t hdr[MGI_HDR_LEN] = {};
         if (len) std::memcpy(hdr, msg, std::min<uint32_t>(len, MGI_HDR_LEN));
@@ -185,7 +184,7 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
     std::copy(t.begin(), t.end(), target);
     uint32_t owner = owner_of(target);
     uint8_t type = msg[MGI_OFF_TYPE];
-    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && be32(msg + MGI_OFF_OFFSET) == MGI_NO_MORE;
+    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && get_be32(msg + MGI_OFF_OFFSET) == MGI_NO_MORE;
     if (owner == MGD_APPID && type != MGI_RQT_MGD_GET) {
         log("%s %s (%s) type %u from app%u: served here", through_mgd ? "set" : "get", object_name(t),
             path_text(t).c_str(), type, peer->appid);
@@ -201,7 +200,7 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
         auto log_set = [&](const std::string &outcome) {
             log("set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u: %s", object_name(t),
                 path_text(t).c_str(), type, peer->appid, msg[MGI_OFF_SRC], msg[MGI_OFF_TRANSACTION_ID],
-                be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
+                get_be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
         };
         if (owner) {
             relay_set(peer, msg, len, owner, log_set);
@@ -240,14 +239,14 @@ void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint
         if (type != MGI_RSP_PARTIAL) done(types);
         ipc_send_to_peer(peer, MGI_IPC_MSG, answer, cap, 0);
         if (type == MGI_RSP_FINAL || type == MGI_RSP_FINAL2) {
-            stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + be16(msg + MGI_OFF_LEN));
+            stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + get_be16(msg + MGI_OFF_LEN));
             config_changed_ = true;
         }
         if (type != MGI_RSP_PARTIAL) return;
         // More follows from the owner: ask for it as a closing request of the same set.
         req[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
         req[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-        put16(req.data() + MGI_OFF_LEN, 0);
+        put_be16(req.data() + MGI_OFF_LEN, 0);
         req.resize(MGI_HDR_LEN);
     }
 }
@@ -257,14 +256,14 @@ void Manager::answer_stored(ipc_peer_t *, const uint8_t *msg, uint32_t, uint8_t 
     std::memcpy(reply, msg, MGI_HDR_LEN);
     reply[MGI_OFF_TYPE] = MGI_RSP_FINAL;
     reply[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-    put16(reply + MGI_OFF_LEN, 0);
+    put_be16(reply + MGI_OFF_LEN, 0);
     auto it = stored_.find(target_of(msg));
     if (it != stored_.end() && !it->second.empty()) {
         uint8_t *head = reply + MGI_HDR_LEN;
         append_segment(reply + MGI_OFF_NEXTSEG, head, MGI_SEG_ANSWER, it->second.data(), uint16_t(it->second.size()));
-        put16(reply + MGI_OFF_LEN, uint16_t(8 + it->second.size()));
+        put_be16(reply + MGI_OFF_LEN, uint16_t(8 + it->second.size()));
     }
-    *reply_len = MGI_HDR_LEN + be16(reply + MGI_OFF_LEN);
+    *reply_len = MGI_HDR_LEN + get_be16(reply + MGI_OFF_LEN);
 }
 
 int Manager::on_transaction(const uint8_t *req, uint32_t len, int32_t *status, uint8_t *reply, uint32_t *reply_len,
@@ -339,8 +338,8 @@ int Manager::on_simple(uint16_t msg, const uint8_t *req, uint32_t len, int32_t *
     *status = 0;
     switch (msg) {
     case MGD_MSG_REQUEST_CONFIG:
-        log("configuration requested by app%u (id %u, sequence %u)", from, len >= 2 ? be16(req) : 0,
-            len >= 4 ? be16(req + 2) : 0);
+        log("configuration requested by app%u (id %u, sequence %u)", from, len >= 2 ? get_be16(req) : 0,
+            len >= 4 ? get_be16(req + 2) : 0);
         return IPC_HANDLER_NOREPLY;
     case MGD_MSG_DBG_CONFIG:
         log("debug configuration from app%u: %u %u %u", from, word(0), word(4), word(8));
@@ -386,18 +385,20 @@ int Manager::on_simple(uint16_t msg, const uint8_t *req, uint32_t len, int32_t *
         *reply_len = std::min<uint32_t>(*reply_len, 64);
         log("default value of %x... to app%u: zeros", word(0), from);
         return IPC_HANDLER_REPLY;
-    case 61: {
+    case MGMT_IMPORT_RQT_MSG: {
         // Import of one virtual system's configuration file.
-        char name[128] = {};
-        if (len >= 140) std::memcpy(name, req + 12, 127);
+        constexpr size_t name_at = offsetof(mgmt_import_rqt, file_name);
+        char name[sizeof(mgmt_import_rqt::file_name)] = {};
+        if (len >= name_at + sizeof name) std::memcpy(name, req + name_at, sizeof name - 1);
         std::memset(reply, 0, len);
         *reply_len = len;
-        if (len != 1348) {
+        char *reason = reinterpret_cast<char *>(reply) + MGMT_IMPORT_REASON_OFFSET;
+        if (len != sizeof(mgmt_import_rqt)) {
             *status = -1;
-            strlcpy(reinterpret_cast<char *>(reply) + 16, "malformed import request", 64);
+            strlcpy(reason, "malformed import request", 64);
         } else if (access(name, R_OK) != 0) {
             *status = -1;
-            strlcpy(reinterpret_cast<char *>(reply) + 16, "file not readable", 64);
+            strlcpy(reason, "file not readable", 64);
         }
         log("import of \"%s\" by app%u: %s", name, from, *status == 0 ? "done" : "refused");
         return IPC_HANDLER_REPLY;
