@@ -10,8 +10,8 @@
 #include "app/app_internal.h"
 #include "mgi/wire.h"
 #include "mgmt/mgi_app.h"
-#include "platform/ipc_flags.h"
-#include "platform/platform.h"
+#include "mgmt/platform/ipc_flags.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt::get_be16;
 using mgmt::get_be32;

@@ -9,7 +9,7 @@
 #include "app/app_internal.h"
 #include "mgi/wire.h"
 #include "mgmt/mgi_app.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt::put_be16;
 using mgmt::put_be32;

@@ -1,7 +1,7 @@
 // Device paths of the device operations.
 #include "device/device_internal.h"
 
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 
 namespace mgmt_device {
 

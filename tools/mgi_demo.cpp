@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "libmgmt.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

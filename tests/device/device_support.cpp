@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 
 namespace fs = std::filesystem;
 

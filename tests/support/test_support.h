@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgmt_test {
 

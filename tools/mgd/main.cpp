@@ -16,7 +16,7 @@
 #include "mgmt/device.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_services.h"
-#include "platform/questions.h"
+#include "mgmt/platform/questions.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgd {
 

@@ -23,6 +23,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -236,7 +237,16 @@ PLATFORM_API void console_print(const char *fmt, ...) __attribute__((format(prin
 typedef void (*console_sink_fn)(const char *text, void *ctx);
 PLATFORM_API void console_set_sink(console_sink_fn fn, void *ctx);
 
+/*
+ * strlcpy: copies at most size - 1 bytes of src and terminates dst (for a size above 0); returns
+ * strlen(src). A C library that has its own keeps it: glibc declares one from 2.38 (with
+ * _DEFAULT_SOURCE, which C++ and gnu C modes imply), libbsd and musl have one too. The stand-in
+ * builds its copy only where the C library lacks one, and as a weak symbol; this declaration
+ * steps aside where <string.h> made one, so that both compile side by side in C and C++.
+ */
+#if !(defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 38)) && defined(__USE_MISC))
 PLATFORM_API size_t strlcpy(char *dst, const char *src, size_t size);
+#endif
 
 /* Language words of the platform. */
 PLATFORM_API extern int _ui_language;
