@@ -2,17 +2,20 @@
 // the reference manager (mgd, application 2) and the example application
 // daemon (application 11), both running in the same runtime directory.
 // scripts/demo starts the daemons, runs this program and stops them.
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <getopt.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "libmgmt.h"
 #include "mgmt/platform/platform.h"
+#include "tools/cli.h"
 
 namespace {
 
@@ -218,25 +221,49 @@ void trap() {
 
 } // namespace
 
-int main(int argc, char **) {
-    if (argc != 1) {
-        std::fprintf(stderr, "usage: mgi_demo (run by scripts/demo, with mgd and app_daemon serving)\n");
-        return 2;
+int main(int argc, char **argv) {
+    static const option options[] = {{"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'},
+                                     {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) {
+        switch (c) {
+        case 'h':
+            std::printf("Usage: mgi_demo\n"
+                        "A front end (application 5) that shows the system at work: a set through mgd, a\n"
+                        "paged get, a filtered query, an exec, a transaction, errors and a trap. It needs\n"
+                        "mgd and app_daemon serving in the same runtime directory; ./scripts/demo starts\n"
+                        "them and runs it.\n"
+                        "\n"
+                        "  -h, --help      show this help and exit\n"
+                        "  -V, --version   show the version and exit\n");
+            return 0;
+        case 'V': return mgmt_cli::version("mgi_demo");
+        default: return mgmt_cli::usage_error("mgi_demo");
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "mgi_demo: '%s': no arguments are taken\n", argv[optind]);
+        return mgmt_cli::usage_error("mgi_demo");
     }
     ipc_init(5, 0);
+    const char *dir = ipc_runtime_dir();
+    if (!dir) {
+        std::fprintf(stderr, "mgi_demo: the runtime directory %s cannot be used: %s\n", ipc_runtime_dir_tried(),
+                     std::strerror(errno));
+        return 1;
+    }
     set_mgi_user("admin", 15);
     set_mgi_ip_addr("192.0.2.10");
     int locked = 0;
     if (get_mgd_config_lock_status(&locked) != 0) {
-        std::fprintf(stderr, "mgi_demo: mgd (application 2) does not answer in %s; ./scripts/demo starts it\n",
-                     ipc_runtime_dir());
+        std::fprintf(stderr, "mgi_demo: mgd (application 2) does not answer in %s; ./scripts/demo starts it\n", dir);
         return 1;
     }
     mgiInfo probe;
     init_mgi_info(&probe);
     if (final_get_aaa_radius_authorization(&probe, nullptr, nullptr) != 0) {
         std::fprintf(stderr, "mgi_demo: app_daemon (application 11) does not answer in %s; ./scripts/demo starts it\n",
-                     ipc_runtime_dir());
+                     dir);
         return 1;
     }
     std::printf("A front end (application 5) talks to mgd (application 2) and app_daemon (application 11).\n");
