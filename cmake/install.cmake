@@ -45,5 +45,8 @@ foreach(program mgd app_daemon mgictl)
   endif()
 endforeach()
 
+# The C examples as sources.
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/c/ DESTINATION ${CMAKE_INSTALL_DATADIR}/libmgmt/examples)
+
 # The licence and the README.
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
