@@ -6,7 +6,7 @@
 #   include/libmgmt/                          libmgmt.h, mgmt/*.h, mgmt/platform/*.h
 #   bin/                                      mgd, app_daemon, and mgictl when it is built
 #   share/libmgmt/examples/                   the C example daemon and front end, with their CMakeLists.txt
-#   share/doc/libmgmt/                        the guide (docs/), README.md, LICENSE
+#   share/doc/libmgmt/                        README.md, LICENSE, and the guide (docs/) in guide/
 #
 # Run paths. The installed programs find the libraries through $ORIGIN/../lib, relative to their
 # own place, so that the tree can be moved as a whole; libmgmt.so finds the stand-in beside itself
@@ -45,8 +45,9 @@ foreach(program mgd app_daemon mgictl)
   endif()
 endforeach()
 
-# The C examples as sources.
+# The C examples as sources, and the guide.
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/c/ DESTINATION ${CMAKE_INSTALL_DATADIR}/libmgmt/examples)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/guide)
 
 # The licence and the README.
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})

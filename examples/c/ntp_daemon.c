@@ -10,8 +10,10 @@
  *                get of type 31 lists only the servers whose name matches a regular expression.
  *   ntp_ntptime  an action (exec): sets the daemon's clock and reports it with a trap.
  *
- * docs/writing-a-daemon.md walks through this file. Build it against an installed libmgmt with
+ * The guide walks through this file: docs/writing-a-daemon.md in the source tree,
+ * share/doc/libmgmt/guide/ when installed. Build it against an installed libmgmt with
  *     cc -o ntp_daemon ntp_daemon.c $(pkg-config --cflags --libs libmgmt)
+ * (and -Wl,-rpath,$(pkg-config --variable=libdir libmgmt) for a prefix the loader does not search),
  * or with the CMakeLists.txt beside it. Run it with mgd in the same runtime directory.
  */
 #define _POSIX_C_SOURCE 200809L

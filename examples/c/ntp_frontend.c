@@ -13,8 +13,10 @@
  * Each step prints what it did and what came back. The exit status is 0 when every answer was
  * the expected one, 1 otherwise, 2 for a wrong command line.
  *
- * docs/writing-a-front-end.md walks through this file. Build it against an installed libmgmt with
+ * The guide walks through this file: docs/writing-a-front-end.md in the source tree,
+ * share/doc/libmgmt/guide/ when installed. Build it against an installed libmgmt with
  *     cc -o ntp_frontend ntp_frontend.c $(pkg-config --cflags --libs libmgmt)
+ * (and -Wl,-rpath,$(pkg-config --variable=libdir libmgmt) for a prefix the loader does not search),
  * or with the CMakeLists.txt beside it.
  */
 #define _POSIX_C_SOURCE 200809L
