@@ -55,6 +55,9 @@ start ntp_daemon ready "$work/pc/ntp_daemon" --page-rows 2
 
 if second=$("$prefix/bin/mgd" 2>&1); then fail "a second mgd started"; fi
 [[ $second == *"another mgd (pid $mgd_pid) serves $MGMT_IPC_DIR"* ]] || fail "second mgd: $second"
+if second=$(MGMT_IPC_DIR=/proc/none/run "$work/pc/ntp_daemon" 2>&1); then fail "ntp_daemon served in /proc"; fi
+[[ $second == *"the runtime directory /proc/none/run cannot be used: No such file or directory"* ]] ||
+    fail "ntp_daemon without a runtime directory: $second"
 
 for frontend in "$work/pc/ntp_frontend" "$work/cm/ntp_frontend"; do
     out=$(timeout 60 "$frontend") || fail "$frontend: $out"
