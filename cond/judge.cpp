@@ -8,7 +8,7 @@
 
 #include "cond/cond_internal.h"
 #include "mgmt/cond.h"
-#include "platform/strings.h"
+#include "mgmt/platform/strings.h"
 
 namespace {
 

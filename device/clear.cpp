@@ -12,9 +12,9 @@
 #include <initializer_list>
 
 #include "device/device_internal.h"
-#include "platform/device.h"
-#include "platform/platform.h"
-#include "platform/questions.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
+#include "mgmt/platform/questions.h"
 
 using mgmt_device::format_into;
 

@@ -15,8 +15,8 @@
 #include "device/device_internal.h"
 #include "device/exec_status.h"
 #include "mgmt/buf_list.h"
-#include "platform/device.h"
-#include "platform/platform.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt_device::ChildVerdict;
 using mgmt_device::format_into;

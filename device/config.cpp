@@ -13,8 +13,8 @@
 #include "device/device_internal.h"
 #include "mgmt/mgi.h"
 #include "mgmt/objects.h"
-#include "platform/device.h"
-#include "platform/platform.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt_device::format_into;
 

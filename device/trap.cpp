@@ -16,9 +16,9 @@
 #include <cstring>
 
 #include "device/device_internal.h"
-#include "platform/device.h"
-#include "platform/platform.h"
-#include "platform/questions.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
+#include "mgmt/platform/questions.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "mgi/wire.h"
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

@@ -97,8 +97,9 @@ MGMT_API int decode_app_mgi_index(mgiInfo *info);
 MGMT_API int decode_app_mgi_data(mgiInfo *info);
 MGMT_API int decode_app_error_handling(mgiInfo *info);
 
-/* Match segment of a type-31 request (sender's byte order). */
+/* Match segment of a type-31 request (sender's byte order): object ids 0 to MGI_MATCH_IDS - 1. */
 #define MGI_MATCH_REGEX 10
+#define MGI_MATCH_IDS 96
 typedef struct mgiMatchHdr {
     uint32_t mask[3];
     uint8_t type[120];

@@ -30,12 +30,14 @@
 #include <string_view>
 #include <vector>
 
+#include "mgmt/mgi.h"
+
 namespace {
 
-constexpr uint32_t kMaxPayload = 49688; // 50000-byte message less the 312-byte header
-constexpr size_t kMaxFields = 96;       // three mask words
-constexpr size_t kMaxSlots = 128;       // rqt_item slots
-constexpr size_t kMaxPath = 10;         // target words
+constexpr uint32_t kMaxPayload = MGI_MAX_PAYLOAD;
+constexpr size_t kMaxFields = 96;             // three mask words
+constexpr size_t kMaxSlots = MGI_ITEM_SLOTS;  // rqt_item slots
+constexpr size_t kMaxPath = MGI_TARGET_WORDS; // target words
 
 enum class Kind { U8 = 1, I8, U16, I16, U32, U64, Text, Bytes, Ref };
 

@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 #include "mgmt/device.h"
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 
 namespace fs = std::filesystem;
 

@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 
 #include "device_support.h"
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 
 using namespace mgmt_test;
 using namespace devtest;

@@ -4,7 +4,7 @@
 #include <dlfcn.h>
 #include <poll.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace fault {
 namespace {

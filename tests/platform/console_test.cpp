@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

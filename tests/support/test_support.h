@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgmt_test {
 
@@ -117,6 +117,7 @@ class Daemon {
     bool ok() const { return ready_; }
     int pid() const { return pid_; }
     std::string output() const;
+    const std::string &log_path() const { return log_; }
     // Waits until the output holds text, at most ms; true when it does.
     bool wait_output(const std::string &text, int ms = 5000) const;
     // Ends the daemon and returns its exit status as waitpid gives it.
