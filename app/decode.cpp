@@ -10,8 +10,8 @@
 #include "app/app_internal.h"
 #include "mgi/wire.h"
 #include "mgmt/mgi_app.h"
-#include "platform/ipc_flags.h"
-#include "platform/platform.h"
+#include "mgmt/platform/ipc_flags.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt::get_be16;
 using mgmt::get_be32;
@@ -30,7 +30,6 @@ thread_local Announced g_announced;
 
 constexpr uint8_t kLocalFlag = 4;
 constexpr int kConfigModeLocal = 8;
-constexpr int kMatchIds = 96;
 
 bool system_language_source(int src) { return src == 5 || src == 6 || src == 24 || src == 25; }
 
@@ -232,7 +231,7 @@ MGMT_API int decode_app_mgi_match_regex(mgiInfo *info) {
                     cursor += consumed;
                 }
                 ++id;
-                if (!(id < kMatchIds && left > 0)) break;
+                if (!(id < MGI_MATCH_IDS && left > 0)) break;
             }
         }
     }
@@ -241,8 +240,8 @@ MGMT_API int decode_app_mgi_match_regex(mgiInfo *info) {
         copy_bounded(&q, info->querydata, sizeof q);
         std::memcpy(local, q.mask, sizeof local);
         std::memcpy(info->match_mask, q.mask, sizeof q.mask);
-        if (id < kMatchIds && q.pattern_len > 0) {
-            for (; id < kMatchIds && !mask_empty(local); ++id) {
+        if (id < MGI_MATCH_IDS && q.pattern_len > 0) {
+            for (; id < MGI_MATCH_IDS && !mask_empty(local); ++id) {
                 if (!bit_set(local, id)) continue;
                 info->match_type[id] = q.type[id];
                 clear_bit(local, id);

@@ -9,15 +9,13 @@
 #include "app/app_internal.h"
 #include "mgi/wire.h"
 #include "mgmt/mgi_app.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt::put_be16;
 using mgmt::put_be32;
 using mgmt::app::rsp_fits;
 
 namespace {
-
-constexpr int kMatchSlots = 96;
 
 // A hook on the IPC arguments of a request; nothing to check here.
 void check_ipc(void *, void *, void *, uint32_t, int32_t *) {}
@@ -229,7 +227,7 @@ MGMT_API int mgi_final_rsp_message(mgiInfo *info) {
     if (info->rsp_cookie && info->rsp_cookie_len != 0)
         append_rsp_segment(info, MGI_SEG_COOKIE, info->rsp_cookie, info->rsp_cookie_len);
     if (info->decodeErr != 0) default_err_handle(info);
-    for (int i = 0; i < kMatchSlots && info->match_count > 0; ++i) {
+    for (int i = 0; i < MGI_MATCH_IDS && info->match_count > 0; ++i) {
         if (!info->match_regex[i]) continue;
         std::free(info->match_regex[i]);
         info->match_regex[i] = nullptr;

@@ -7,8 +7,8 @@
 
 #include "app/app_internal.h"
 #include "mgmt/mgi_app.h"
-#include "platform/questions.h"
-#include "platform/platform.h"
+#include "mgmt/platform/questions.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt::app::rsp_fits;
 

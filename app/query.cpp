@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "app/app_internal.h"
+#include "cond/cond_internal.h"
 #include "mgi/wire.h"
 #include "mgmt/cond.h"
 #include "mgmt/mgi_app.h"
@@ -110,14 +111,15 @@ MGMT_API void destruct_cond_context(condContext *ctx) {
         // the very pointer the last release freed in it) is not freed again,
         // and no pointer is freed twice in one release. The parser marks the
         // slots it fills as new.
+        void **released = mgmt::cond::released_words(ctx);
         char *freed_now[COND_WORDS];
         int nfreed = 0;
         for (int i = 0; i < COND_WORDS; ++i) {
             char *w = ctx->words[i];
-            if (!w || w == ctx->released_words[i]) continue;
+            if (!w || w == released[i]) continue;
             if (std::find(freed_now, freed_now + nfreed, w) != freed_now + nfreed) continue;
             freed_now[nfreed++] = w;
-            ctx->released_words[i] = w;
+            released[i] = w;
             std::free(w);
         }
     }

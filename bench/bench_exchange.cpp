@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

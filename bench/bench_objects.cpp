@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "mgmt/objects.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

@@ -23,6 +23,11 @@
 
 namespace mgmt::cond {
 
+// The pointers that the last release of ctx freed in its word slots, one per slot: a release skips
+// a slot that still holds the pointer it freed there, and the parser clears a slot's entry when
+// it fills the slot. Kept in the library's own storage.
+void **released_words(const condContext *ctx);
+
 inline constexpr char kMatch[] = "match";
 inline constexpr char kUnmatch[] = "unmatch";
 inline constexpr char kGt[] = "gt";

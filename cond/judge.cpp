@@ -8,7 +8,7 @@
 
 #include "cond/cond_internal.h"
 #include "mgmt/cond.h"
-#include "platform/strings.h"
+#include "mgmt/platform/strings.h"
 
 namespace {
 
@@ -161,7 +161,7 @@ MGMT_API int retrieve_postJudge_stdExpr(const uint32_t *path, const char *expres
         }
         words[n] = strdup(word);
         // A slot the parser fills holds a new word, whatever an earlier release left there.
-        if (words == gcondCtx.words) gcondCtx.released_words[n] = nullptr;
+        if (words == gcondCtx.words) released_words(&gcondCtx)[n] = nullptr;
         ++n;
         // Each step starts over at the copy's start, and so hands back its first word.
         word = strtok_r(copy, " ", &save);

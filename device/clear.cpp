@@ -12,9 +12,9 @@
 #include <initializer_list>
 
 #include "device/device_internal.h"
-#include "platform/device.h"
-#include "platform/platform.h"
-#include "platform/questions.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
+#include "mgmt/platform/questions.h"
 
 using mgmt_device::format_into;
 
@@ -120,8 +120,8 @@ MGMT_API int clear_customization_file_in_flash(void) {
     clear_dir("/flash/storage/reportfiles");
     if (vk_is_support_mysql()) {
         run_shellcmd("/bin/rm", "/bin/rm -rf /flash/mysql", 1, 0);
-        const mgmt_device::DevicePath data("/etc/mnt/nvme/mysql_data");
-        if (access(data.c_str(), R_OK) == 0) run_shellcmd("/bin/rm", "/bin/rm -rf /etc/mnt/nvme/mysql_data", 1, 0);
+        const char *data = "/etc/mnt/nvme/mysql_data";
+        if (access(data, R_OK) == 0) run_shellcmd("/bin/rm", "/bin/rm -rf /etc/mnt/nvme/mysql_data", 1, 0);
     }
     for (const char *dir : {"/ssd-data/reportfiles", "/flash/reportfiles", "/etc/mnt/nvme/reportfiles",
                             "/flash/storage/sqlite/report"})

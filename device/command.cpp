@@ -15,8 +15,8 @@
 #include "device/device_internal.h"
 #include "device/exec_status.h"
 #include "mgmt/buf_list.h"
-#include "platform/device.h"
-#include "platform/platform.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt_device::ChildVerdict;
 using mgmt_device::format_into;
@@ -74,13 +74,11 @@ void run_with_retries(RunOne run_one) {
     }
     buf_list_print(list, "%s\n", cmd);
 
-    char name[256];
-    format_into(name, sizeof name, "%s%s%d.tmp", MGMT_CMD_FILE_PREFIX, appid2appname(myipc.appid), getpid());
-    char file[PATH_MAX];
-    device_path(name, file, sizeof file);
+    char file[256];
+    format_into(file, sizeof file, "%s%s%d.tmp", MGMT_CMD_FILE_PREFIX, appid2appname(myipc.appid), getpid());
     FILE *fp = fopen(file, "w");
     if (!fp) {
-        console_print("MGMTLIB: open file %s failed\n", name);
+        console_print("MGMTLIB: open file %s failed\n", file);
         buf_list_free(list);
         exit(-1);
     }
@@ -101,26 +99,23 @@ void run_with_retries(RunOne run_one) {
     buf_list_free(list);
     fclose(fp);
 
-    char cli[PATH_MAX];
-    device_path(MGMT_CLI_PATH, cli, sizeof cli);
     run_with_retries([&] {
         char number[100];
         format_into(number, sizeof number, "%d", num);
         char arg0[] = "cli", arg_p[] = "-p", arg_i[] = "-i";
         char *argv[] = {arg0, arg_p, file, arg_i, number, nullptr};
-        execv(cli, argv);
+        execv(MGMT_CLI_PATH, argv);
         console_print("MGMTLIB: execv failed\n");
         exit(-1);
     });
-    if (unlink(file) != 0) console_print("MGMTLIB: delete file (%s) error\n", name);
+    if (unlink(file) != 0) console_print("MGMTLIB: delete file (%s) error\n", file);
     exit(0);
 }
 
 // The first child of exec_command_file_redirect.
 [[noreturn]] void file_redirect_child(const char *file, const char *output, int mode) {
     ipc_close();
-    char cli[PATH_MAX];
-    device_path(MGMT_CLI_PATH, cli, sizeof cli);
+    const char *cli = MGMT_CLI_PATH;
     run_with_retries([&] {
         char command[1024];
         if (mode == 1)

@@ -13,10 +13,9 @@
 #include "device/device_internal.h"
 #include "mgmt/mgi.h"
 #include "mgmt/objects.h"
-#include "platform/device.h"
-#include "platform/platform.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
 
-using mgmt_device::DevicePath;
 using mgmt_device::format_into;
 
 namespace {
@@ -187,8 +186,7 @@ MGMT_API int libmgmt_import_allvsys_configuration(char *file, const char *reques
 }
 
 MGMT_API int libmgmt_is_start_with_default_config(void) {
-    const DevicePath marker(MGMT_START_STATIC_CONFIG_FILE);
-    return access(marker.c_str(), F_OK) == 0 ? 1 : 0;
+    return access(MGMT_START_STATIC_CONFIG_FILE, F_OK) == 0 ? 1 : 0;
 }
 
 } // extern "C"

@@ -18,13 +18,6 @@ __attribute__((format(printf, 3, 4))) inline int format_into(char *out, size_t s
     return n;
 }
 
-// The file name of a device path (below MGMT_SYSROOT when that is set).
-struct DevicePath {
-    char name[PATH_MAX];
-    explicit DevicePath(const char *path);
-    const char *c_str() const { return name; }
-};
-
 } // namespace mgmt_device
 
 // The IPC road of a trap: the record framed and sent to the trap receiver.

@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "device/device_internal.h"
-#include "platform/device.h"
-#include "platform/platform.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
 
 using mgmt_device::format_into;
 

@@ -13,11 +13,10 @@
 #include <cstring>
 
 #include "device/device_internal.h"
-#include "platform/device.h"
-#include "platform/platform.h"
-#include "platform/questions.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
+#include "mgmt/platform/questions.h"
 
-using mgmt_device::DevicePath;
 using mgmt_device::format_into;
 
 namespace {
@@ -42,9 +41,9 @@ void free_both(void *a, void *b) {
 
 // Step 4 of the storage judgement: the console log, when it exists, must be writable.
 int console_log_state() {
-    const DevicePath log(MGMT_CONSOLE_LOG_FILE);
-    if (access(log.c_str(), F_OK) != 0) return 0;
-    return access(log.c_str(), W_OK) == -1 ? 2 : 0;
+    const char *log = MGMT_CONSOLE_LOG_FILE;
+    if (access(log, F_OK) != 0) return 0;
+    return access(log, W_OK) == -1 ? 2 : 0;
 }
 
 } // namespace
@@ -52,8 +51,8 @@ int console_log_state() {
 extern "C" {
 
 MGMT_API int get_child_monitord_pid(void) {
-    const DevicePath path(MGMT_CHILD_MONITORD_PID_FILE);
-    FILE *fp = fopen(path.c_str(), "r");
+    const char *path = MGMT_CHILD_MONITORD_PID_FILE;
+    FILE *fp = fopen(path, "r");
     if (!fp) return -1;
     char text[16];
     std::memset(text, 0, sizeof text);
@@ -100,9 +99,9 @@ MGMT_API int vk_is_storage_available(int32_t pid) {
 }
 
 MGMT_API const char *get_device_uuid(void) {
-    const DevicePath path(MGMT_DEVICE_UUID_FILE);
-    if (access(path.c_str(), R_OK) != 0) return "";
-    FILE *fp = fopen(path.c_str(), "r");
+    const char *path = MGMT_DEVICE_UUID_FILE;
+    if (access(path, R_OK) != 0) return "";
+    FILE *fp = fopen(path, "r");
     if (!fp) return "";
     // One word, as much of it as the buffer holds.
     if (fscanf(fp, "%127s", g_device_uuid) == EOF) {
@@ -155,8 +154,8 @@ MGMT_API int get_session_cut(uint32_t *words) {
 }
 
 MGMT_API int libmgmt_procfs_vsys_lock_status_ioctl(uint32_t request, void *arg) {
-    const DevicePath path(MGMT_VSYS_LOCK_PROC);
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const char *path = MGMT_VSYS_LOCK_PROC;
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         // The path in the text is not the one opened; it stays so.
         console_print("pid %d, cmd %u, Open /proc/mgd_vsys_lock/mgd_vsys_lock_status failed : %m\n", int(getpid()),

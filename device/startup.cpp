@@ -10,8 +10,8 @@
 #include <libintl.h>
 #include <sys/wait.h>
 
-#include "platform/device.h"
-#include "platform/platform.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 constexpr uint32_t kAdmindAppid = 15;

@@ -16,9 +16,9 @@
 #include <cstring>
 
 #include "device/device_internal.h"
-#include "platform/device.h"
-#include "platform/platform.h"
-#include "platform/questions.h"
+#include "mgmt/platform/device.h"
+#include "mgmt/platform/platform.h"
+#include "mgmt/platform/questions.h"
 
 namespace {
 
@@ -103,14 +103,14 @@ MGMT_API void vk_agent_trap_init(void) {
         return;
     }
     signal(SIGPIPE, SIG_IGN);
-    const mgmt_device::DevicePath fifo(agent_trap_fifo_path);
-    if (mkfifo(fifo.c_str(), 0600) < 0 && errno != EEXIST) {
+    const char *fifo = agent_trap_fifo_path;
+    if (mkfifo(fifo, 0600) < 0 && errno != EEXIST) {
         printf("AGENT: cannot create fifo, errno: %d\n", errno);
         std::free(agent_trap_send_buf);
         agent_trap_send_buf = nullptr;
         return;
     }
-    agent_trap_fifo = open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    agent_trap_fifo = open(fifo, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (agent_trap_fifo < 0 && errno != ENXIO) printf("AGENT: cannot open fifo, errno: %d\n", errno);
 }
 
@@ -121,8 +121,8 @@ MGMT_API int vk_private_trap_via_fifo(int32_t trap_code, const void *payload, in
     if (len < 0) return -1;
     if (!agent_trap_send_buf) return -1;
     if (agent_trap_fifo < 0) {
-        const mgmt_device::DevicePath fifo(agent_trap_fifo_path);
-        agent_trap_fifo = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        const char *fifo = agent_trap_fifo_path;
+        agent_trap_fifo = open(fifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         if (agent_trap_fifo < 0 && errno != ENXIO) {
             printf("AGENT: cannot open fifo, errno: %d\n", errno);
             return -1;

@@ -15,19 +15,22 @@
 //   aaa_user_mapping_entity (0xe0018)         registered without encodeData
 //   aaa_connect_control_user (0xe0019)        registered without decodeData
 //
-// Usage: app_daemon [--rows N] [--appid ID]
+// Usage: app_daemon [--rows N] [--appid ID] (--help tells more).
 // It prints "ready" on standard output once it serves, and stops on SIGTERM or SIGINT.
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
+#include <getopt.h>
 #include <vector>
 
 #include "libmgmt.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
+#include "tools/cli.h"
 
 namespace {
 
@@ -189,7 +192,7 @@ int role_encode(mgiInfo *info) {
     }
 
     // A walk: the first request has no cookie, the others send back the one of the last answer.
-    uint32_t cookie[6] = {};
+    uint32_t cookie[MGI_COOKIE_WORDS] = {};
     bool first = !info->cookie || info->cookie_len != sizeof cookie;
     if (first) {
         build_walk(info, ctx);
@@ -233,7 +236,7 @@ int role_encode(mgiInfo *info) {
         mgi_update_rsp_data(info, end, sizeof(RoleRecord));
     }
     set_cookie_by_rsp_data(cookie, count, walk_state(ctx).generation);
-    static uint32_t out_cookie[6];
+    static uint32_t out_cookie[MGI_COOKIE_WORDS];
     if (cookie[0] <= cookie[1] && count > 0) {
         std::memcpy(out_cookie, cookie, sizeof out_cookie);
         mgi_common_cookie_hton(out_cookie);
@@ -369,29 +372,55 @@ void on_signal(int) { ipc_stop(); }
 } // namespace
 
 int main(int argc, char **argv) {
-    uint32_t rows = 500, appid = 11;
-    setvbuf(stdout, nullptr, _IOLBF, 0); // the library's lines reach a pipe as they come
-    for (int i = 1; i < argc; i += 2) {
-        char *end = nullptr;
-        unsigned long v = i + 1 < argc ? std::strtoul(argv[i + 1], &end, 10) : 0;
-        bool number = end && end != argv[i + 1] && *end == '\0';
-        if (number && std::strcmp(argv[i], "--rows") == 0 && v > 0 && v <= 100000) {
-            rows = uint32_t(v);
-        } else if (number && std::strcmp(argv[i], "--appid") == 0 && v > 0 && v <= 0xffff) {
-            appid = uint32_t(v);
-        } else {
-            std::fprintf(stderr, "usage: app_daemon [--rows N (1 to 100000)] [--appid ID (1 to 65535)]\n");
-            return 2;
+    unsigned long rows = 500, appid = 11;
+    static const option options[] = {{"rows", required_argument, nullptr, 'r'},
+                                     {"appid", required_argument, nullptr, 'a'},
+                                     {"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'},
+                                     {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) {
+        switch (c) {
+        case 'r':
+            if (!mgmt_cli::number("app_daemon", "--rows", optarg, 1, 100000, &rows))
+                return mgmt_cli::usage_error("app_daemon");
+            break;
+        case 'a':
+            if (!mgmt_cli::number("app_daemon", "--appid", optarg, 1, 0xffff, &appid))
+                return mgmt_cli::usage_error("app_daemon");
+            break;
+        case 'h':
+            std::printf("Usage: app_daemon [--rows N] [--appid ID]\n"
+                        "An application daemon serving the aaa_* objects of the management tree over MGI.\n"
+                        "\n"
+                        "      --rows N      roles in the table, 1 to 100000 (500)\n"
+                        "      --appid ID    the application id to serve as, 1 to 65535 (11, the owner the\n"
+                        "                    catalogue gives these objects: sets through mgd reach only it)\n"
+                        "  -h, --help        show this help and exit\n"
+                        "  -V, --version     show the version and exit\n"
+                        "\n"
+                        "It serves in the runtime directory ($MGMT_IPC_DIR, else /run/mgmt where writable,\n"
+                        "else /tmp/mgmt-<uid>), prints \"ready\" once it does, and stops on SIGTERM or SIGINT.\n");
+            return 0;
+        case 'V': return mgmt_cli::version("app_daemon");
+        default: return mgmt_cli::usage_error("app_daemon");
         }
     }
-    make_roles(rows);
+    if (optind < argc) {
+        std::fprintf(stderr, "app_daemon: '%s': no arguments are taken, only options\n", argv[optind]);
+        return mgmt_cli::usage_error("app_daemon");
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0); // the library's lines reach a pipe as they come
+    make_roles(uint32_t(rows));
     if (register_entities() != 0) {
-        std::fprintf(stderr, "app_daemon: cannot register the entities\n");
+        std::fprintf(stderr, "app_daemon: cannot register the entities: the role items do not lay out as the record, or memory ran out\n");
         return 1;
     }
     free_cond_ctx_by_uiInfo(); // the condition context's lists start empty
-    if (ipc_register_handler(MGI_IPC_MSG, handle_mgi_msg) != 0 || ipc_register(appid, 0) != 0) {
-        std::fprintf(stderr, "app_daemon: cannot register as application %u\n", appid);
+    ipc_register_handler(MGI_IPC_MSG, handle_mgi_msg);
+    if (ipc_register(uint32_t(appid), 0) != 0) {
+        char why[512];
+        ipc_register_error(uint32_t(appid), 0, errno, why, sizeof why);
+        std::fprintf(stderr, "app_daemon: cannot serve as application %lu: %s\n", appid, why);
         return 1;
     }
     std::signal(SIGTERM, on_signal);

@@ -9,6 +9,7 @@
 // ends the input and prints the line; Ctrl-C, or Ctrl-D on an empty line,
 // gives up.
 
+#include <getopt.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <string>
 
 #include "libmgmt.h"
+#include "tools/cli.h"
 
 namespace {
 
@@ -201,7 +203,32 @@ struct editor {
 
 }  // namespace
 
-int main() {
+int main(int argc, char **argv) {
+    static const option options[] = {{"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'},
+                                     {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) {
+        switch (c) {
+        case 'h':
+            std::printf("Usage: lineedit\n"
+                        "Edits one line on the terminal with libmgmt's line editor and prints it.\n"
+                        "Keys: printable characters insert (Ctrl-O or Insert toggles overwrite); Left/Right,\n"
+                        "Ctrl-B/Ctrl-F move; Alt-B/Alt-F, Ctrl-Left/Ctrl-Right move a word; Home/End, Ctrl-A/\n"
+                        "Ctrl-E go to the ends; Backspace, Delete, Ctrl-D delete; Ctrl-W, Alt-Backspace, Alt-D,\n"
+                        "Ctrl-K, Ctrl-U kill; Ctrl-T transposes; Ctrl-L redraws; Enter accepts; Ctrl-C, or\n"
+                        "Ctrl-D on an empty line, gives up (exit status 1).\n"
+                        "\n"
+                        "  -h, --help      show this help and exit\n"
+                        "  -V, --version   show the version and exit\n");
+            return 0;
+        case 'V': return mgmt_cli::version("lineedit");
+        default: return mgmt_cli::usage_error("lineedit");
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "lineedit: '%s': no arguments are taken\n", argv[optind]);
+        return mgmt_cli::usage_error("lineedit");
+    }
     enter_raw_mode();
     editor ed;
     term_out("> ");

@@ -3,6 +3,7 @@
 #define LIBMGMT_H
 
 #include "mgmt/export.h"
+#include "mgmt/version.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_app.h"
 #include "mgmt/cond.h"

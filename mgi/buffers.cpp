@@ -5,15 +5,16 @@
 
 #include "mgi/wire.h"
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 using namespace mgmt;
 
 namespace {
 
-unsigned char *alloc_buffer(uint32_t extra) {
-    auto *p = static_cast<unsigned char *>(ipcmsg_alloc(MGI_MAX_LEN + extra));
-    if (p) std::memset(p, 0, MGI_MAX_LEN + extra);
+// One buffer of a pair: exactly the largest message, as the platform allocates it.
+unsigned char *alloc_buffer() {
+    auto *p = static_cast<unsigned char *>(ipcmsg_alloc(MGI_MAX_LEN));
+    if (p) std::memset(p, 0, MGI_MAX_LEN);
     return p;
 }
 
@@ -27,8 +28,8 @@ extern "C" {
 MGMT_API mgiBuf *init_mgi_r(void) {
     auto *buf = static_cast<mgiBuf *>(std::calloc(1, sizeof(mgiBuf)));
     if (buf) {
-        buf->sbuf = alloc_buffer(kBufferSlack);
-        buf->rbuf = alloc_buffer(kBufferSlack);
+        buf->sbuf = alloc_buffer();
+        buf->rbuf = alloc_buffer();
     }
     if (!buf || !buf->sbuf || !buf->rbuf) {
         console_print("MGI: failed to alloc memory\n");
@@ -71,8 +72,8 @@ MGMT_API unsigned char *get_mgi_rbuf(void) { return get_mgi_rbuf_r(global_mgi_bu
 
 MGMT_API mgiBuf *init_mgi_exchange_r(mgiBuf *buf) {
     if (!buf) return init_mgi_r();
-    if (!buf->sbuf) buf->sbuf = alloc_buffer(kBufferSlack);
-    if (!buf->rbuf) buf->rbuf = alloc_buffer(kBufferSlack);
+    if (!buf->sbuf) buf->sbuf = alloc_buffer();
+    if (!buf->rbuf) buf->rbuf = alloc_buffer();
     if (buf->sbuf) std::memset(buf->sbuf, 0, MGI_MAX_LEN);
     if (buf->rbuf) std::memset(buf->rbuf, 0, MGI_MAX_LEN);
     return buf;

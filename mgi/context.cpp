@@ -1,12 +1,27 @@
 // The request context (mgiInfo): its life, setters, getters, the process
 // identity of the client and the thread's error.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "mgi/wire.h"
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
+
+namespace {
+
+// How many of len bytes a copy behind the present udcdata may write. Inside the pair's send
+// buffer the copy stops at the buffer's end: the accepted total counts the data alone, while its
+// segment head stands ahead of it in the same buffer. Memory of the caller's is the caller's.
+size_t copy_room(const mgiInfo *info, const unsigned char *base, size_t len) {
+    const mgiBuf *buf = info->mgi_buf;
+    if (!buf || !buf->sbuf || base < buf->sbuf || base >= buf->sbuf + MGI_MAX_LEN) return len;
+    const unsigned char *at = base + info->udcdata_len, *end = buf->sbuf + MGI_MAX_LEN;
+    return at >= end ? 0 : std::min(len, size_t(end - at));
+}
+
+} // namespace
 
 extern "C" {
 
@@ -103,7 +118,7 @@ MGMT_API int mgi_update_rqt_udcdata(mgiInfo *info, void *data, uint16_t len) {
         console_print("MGI: reqest data leng (%u) is incorrect\n", total);
         return -1;
     }
-    if (len && data) std::memmove(base + info->udcdata_len, data, len);
+    if (len && data) std::memmove(base + info->udcdata_len, data, copy_room(info, base, len));
     info->udcdata_len = static_cast<uint16_t>(total);
     return 0;
 }

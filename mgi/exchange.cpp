@@ -7,16 +7,13 @@
 
 #include "mgi/wire.h"
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 using namespace mgmt;
 
 namespace mgmt {
 
-uint32_t own_appid() {
-    ipc_handle_t *self = ipc_self();
-    return self ? self->appid : myipc.appid;
-}
+uint32_t own_appid() { return myipc.appid; }
 
 } // namespace mgmt
 
@@ -127,8 +124,8 @@ int exchange_through_mgd(mgiBuf *buf, mgi_rsp_callback callback, int stride, int
         return -1;
     }
     bool call_ok = true;
-    ipc_handle_t *self = ipc_self();
-    int fd = self ? self->fd : -1;
+    // The send opened the thread's descriptor: replies arrive there.
+    const int fd = myipc.fd;
     for (;;) {
         struct pollfd p = {fd, POLLIN | POLLPRI, 0};
         errno = 0;

@@ -90,8 +90,15 @@ MGMT_API int mgi_get_rsp_private_err_code(void) { return mgi_get_rsp_private_err
 
 MGMT_API char *get_errString_r(mgiBuf *buf) {
     const unsigned char *p = error_body(buf);
-    // The guard bytes behind the buffer end any text the far side left open.
-    return p ? reinterpret_cast<char *>(const_cast<unsigned char *>(p) + sizeof(mgiErrBody)) : nullptr;
+    if (!p) return nullptr;
+    auto *text = reinterpret_cast<char *>(const_cast<unsigned char *>(p) + sizeof(mgiErrBody));
+    auto *end = reinterpret_cast<char *>(buf->rbuf + MGI_MAX_LEN);
+    // A text that the far side left open ends inside the buffer: cut at its last byte, and an
+    // error body that fills the buffer to its end has an empty text.
+    static char empty[1];
+    if (text == end) return empty;
+    if (!std::memchr(text, 0, size_t(end - text))) end[-1] = 0;
+    return text;
 }
 MGMT_API char *get_errString(void) { return get_errString_r(global_mgi_buf); }
 MGMT_API char *mgi_get_rsp_err_string_r(mgiBuf *buf) { return get_errString_r(buf); }

@@ -7,8 +7,8 @@
 #include "mgi/wire.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_services.h"
-#include "platform/platform.h"
-#include "platform/questions.h"
+#include "mgmt/platform/platform.h"
+#include "mgmt/platform/questions.h"
 
 using namespace mgmt;
 

@@ -28,12 +28,6 @@ inline uint32_t get_raw32(const unsigned char *p) {
     return v;
 }
 
-// Both buffers of a pair carry a few bytes past the message capacity: in the
-// receive buffer they stay zero, so that a text the far side left unterminated
-// still ends inside the allocation; in the send buffer they hold the body of a
-// request whose data (counted without its segment head) fills the whole limit.
-constexpr uint32_t kBufferSlack = 8;
-
 // The application id of the calling thread.
 uint32_t own_appid();
 

@@ -12,7 +12,7 @@
 #include "mgmt/catalogue.h"
 #include "mgmt/mgi.h"
 #include "mgmt/objects.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 /* A text field: the argument points at a char pointer; a null text leaves the field alone. */
 static inline void mgmt_put_text(unsigned char *at, const void *arg, size_t size) {

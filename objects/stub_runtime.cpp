@@ -6,19 +6,15 @@
  * first, from the root down, then the object's own record, each directly
  * behind the one before.
  */
-#include <arpa/inet.h>
-
+#include "mgi/wire.h"
 #include "objects/objects_internal.h"
+
+using mgmt::put_be32;
 
 namespace {
 
 /* A path has at most ten words, so a chain has at most nine parents. */
 constexpr int kMaxChain = MGI_TARGET_WORDS;
-
-void put_be32(unsigned char *at, uint32_t v) {
-    v = htonl(v);
-    memcpy(at, &v, sizeof v);
-}
 
 /* The object's parents with an index record, root first; their number. */
 int parents_of(const libmgmt_object *obj, const libmgmt_object **up) {

@@ -1,8 +1,8 @@
 /*
- * The platform stand-in: console output with a capture sink, application names, strlcpy and the
- * platform's language words.
+ * The platform stand-in: console output with a capture sink, application names, strlcpy (where the
+ * C library has none) and the platform's language words.
  */
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 #include "ipc_internal.h"
 
 #include <cerrno>
@@ -91,7 +91,9 @@ const char *appid2appname(uint32_t id) {
     return name;
 }
 
-size_t strlcpy(char *dst, const char *src, size_t size) {
+#ifndef PLATFORM_LIBC_HAS_STRLCPY
+/* Weak: a static link beside libbsd's copy takes that one; in a dynamic link either serves alike. */
+__attribute__((weak)) size_t strlcpy(char *dst, const char *src, size_t size) {
     size_t n = strlen(src);
     if (size) {
         size_t c = n < size - 1 ? n : size - 1;
@@ -100,5 +102,6 @@ size_t strlcpy(char *dst, const char *src, size_t size) {
     }
     return n;
 }
+#endif
 
 } // extern "C"

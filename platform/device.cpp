@@ -2,7 +2,7 @@
  * The platform stand-in, device services: remote sends and publish channels, running programs,
  * reboot, local time, the device log, the boot console, translation and device paths.
  */
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 #include "ipc_internal.h"
 
 #include <cerrno>

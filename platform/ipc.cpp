@@ -85,7 +85,10 @@ int make_dirs(const char *path) {
 
 int resolve_dir(const char *env, char *out) { // under g_lock
     if (env) {
-        if (strlen(env) + 24 >= kPathMax) return -ENAMETOOLONG; // room for the longest name
+        if (strlen(env) + 24 >= kPathMax) { // room for the longest name
+            snprintf(out, kPathMax, "%s", env);
+            return -ENAMETOOLONG;
+        }
         strcpy(out, env);
         return make_dirs(out);
     }
@@ -94,6 +97,9 @@ int resolve_dir(const char *env, char *out) { // under g_lock
     snprintf(out, kPathMax, "/tmp/mgmt-%u", (unsigned)getuid());
     return make_dirs(out);
 }
+
+/* The directory the last resolution on this thread tried. */
+thread_local char t_dir_tried[kPathMax];
 
 /* Copies the current runtime directory (re-resolved when MGMT_IPC_DIR changed). 0 or -errno. */
 int runtime_dir(char *out, unsigned *gen, bool force = false) {
@@ -104,6 +110,7 @@ int runtime_dir(char *out, unsigned *gen, bool force = false) {
     if (force || !g_dir_ok || strcmp(key, g_dir_key) != 0) {
         char dir[kPathMax];
         int rc = resolve_dir(env, dir);
+        strcpy(t_dir_tried, dir);
         if (rc < 0) {
             g_dir_ok = false;
             return rc;
@@ -375,8 +382,13 @@ uint32_t ipc_own_slot(void) { return env_u32("MGMT_SLOT", 0); }
 
 const char *ipc_runtime_dir(void) {
     static thread_local char dir[kPathMax];
-    return runtime_dir(dir, nullptr) == 0 ? dir : nullptr;
+    int rc = runtime_dir(dir, nullptr);
+    if (rc == 0) return dir;
+    errno = -rc;
+    return nullptr;
 }
+
+const char *ipc_runtime_dir_tried(void) { return t_dir_tried; }
 
 uint32_t mktipcid(uint32_t slot, uint32_t instance, uint32_t appid) {
     return (slot & 0xff) << 24 | (instance & 0xff) << 16 | (appid & 0xffff);

@@ -48,7 +48,10 @@ thread_local ipc_endpoint *t_current = nullptr;
 
 ipc_endpoint *open_endpoint(uint32_t appid, uint32_t instance, void *ctx, ipc_handler_fn *table) {
     auto *ep = new (std::nothrow) ipc_endpoint;
-    if (!ep) return nullptr;
+    if (!ep) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     ep->id = Src{ipc_own_slot(), appid, instance};
     ep->ctx = ctx;
     if (!table) table = ep->own_table = (ipc_handler_fn *)calloc(kHandlers, sizeof(ipc_handler_fn));
@@ -56,11 +59,16 @@ ipc_endpoint *open_endpoint(uint32_t appid, uint32_t instance, void *ctx, ipc_ha
     char name[64];
     snprintf(name, sizeof name, "s%u.a%u.i%u", ep->id.slot, appid, instance);
     ep->stopfd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (table && ep->stopfd >= 0) ep->fd = open_bound(name, true, &ep->own);
+    int err = !table ? ENOMEM : errno;
+    if (table && ep->stopfd >= 0) {
+        ep->fd = open_bound(name, true, &ep->own);
+        if (ep->fd < 0) err = -ep->fd;
+    }
     if (ep->fd < 0) {
         if (ep->stopfd >= 0) close(ep->stopfd);
         free(ep->own_table);
         delete ep;
+        errno = err;
         return nullptr;
     }
     set_send_timeout(ep->fd, default_timeout_ms(), &ep->sndtimeo);
@@ -177,7 +185,9 @@ int ipc_register(uint32_t appid, uint32_t instance) {
     ipc_init(appid, instance);
     close_endpoint(g_proc.exchange(nullptr));
     ipc_endpoint *ep = open_endpoint(appid, instance, nullptr, g_proc_handlers);
+    int err = errno;
     g_proc.store(ep);
+    errno = err;
     return ep ? 0 : -1;
 }
 

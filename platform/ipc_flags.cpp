@@ -1,7 +1,7 @@
 // Local flags of the IPC library: one word per process, bit n for flag n.
 #include <atomic>
 
-#include "platform/ipc_flags.h"
+#include "mgmt/platform/ipc_flags.h"
 
 namespace {
 std::atomic<uint32_t> g_local_flags{0};

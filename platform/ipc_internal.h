@@ -4,7 +4,7 @@
 #ifndef PLATFORM_IPC_INTERNAL_H
 #define PLATFORM_IPC_INTERNAL_H
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 #include <atomic>
 

@@ -2,7 +2,7 @@
 // TCP socket (socket options and interface addresses) and the VRF of an
 // interface (rtnetlink link queries).
 
-#include "platform/netif.h"
+#include "mgmt/platform/netif.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>

@@ -1,5 +1,5 @@
 // Platform questions of the stand-in, answered from the environment.
-#include "platform/questions.h"
+#include "mgmt/platform/questions.h"
 
 #include <cstdlib>
 #include <cstring>

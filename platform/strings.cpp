@@ -1,7 +1,7 @@
 /*
  * The platform stand-in: string and address conversions.
  */
-#include "platform/strings.h"
+#include "mgmt/platform/strings.h"
 
 extern "C" {
 

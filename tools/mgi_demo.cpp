@@ -2,17 +2,20 @@
 // the reference manager (mgd, application 2) and the example application
 // daemon (application 11), both running in the same runtime directory.
 // scripts/demo starts the daemons, runs this program and stops them.
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <getopt.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "libmgmt.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
+#include "tools/cli.h"
 
 namespace {
 
@@ -70,7 +73,7 @@ void say_error(const mgiInfo &info, const char *who) {
 
 int set_radius(mgiInfo &info, uint32_t enable, uint32_t timeout) {
     init_mgi_info(&info);
-    mgi_set_rqt_type(&info, 1);
+    mgi_set_rqt_type(&info, MGI_RQT_SET);
     info.rqt_item[0] = &enable;
     info.rqt_item[1] = &timeout;
     return final_set_aaa_radius_authorization(&info, nullptr);
@@ -103,7 +106,7 @@ void paged_get() {
     step(2, "Paged get: the whole table of roles, straight from application 11");
     mgiInfo info;
     init_mgi_info(&info);
-    mgi_set_rqt_type(&info, 2);
+    mgi_set_rqt_type(&info, MGI_RQT_GET);
     Parts parts;
     int rc = collecting(parts, [&] { return final_get_aaa_role(&info, collect, nullptr); });
     std::vector<Role> roles = roles_of(parts);
@@ -140,7 +143,7 @@ void filtered_query() {
     std::printf("   the same table with the condition \"privilege gt 10\":\n");
     char cond[] = "privilege gt 10";
     init_mgi_info(&info);
-    mgi_set_rqt_type(&info, 2);
+    mgi_set_rqt_type(&info, MGI_RQT_GET);
     mgi_set_rqt_condition(&info, cond, sizeof cond - 1);
     rc = final_get_aaa_role(&info, nullptr, nullptr);
     std::printf("   final_get_aaa_role: result %d, answer type %u\n", rc, get_mgi_resp_type_r(info.mgi_buf));
@@ -198,7 +201,7 @@ void errors() {
     const libmgmt_object *o = libmgmt_object_find("admind_utmp");
     if (o && o->set) {
         init_mgi_info(&info);
-        mgi_set_rqt_type(&info, 1);
+        mgi_set_rqt_type(&info, MGI_RQT_SET);
         rc = o->set(&info, nullptr);
         std::printf("   set %s, owned by application %u, which is not running: result %d\n", o->name, o->owner, rc);
         say_error(info, "mgd answered");
@@ -218,25 +221,49 @@ void trap() {
 
 } // namespace
 
-int main(int argc, char **) {
-    if (argc != 1) {
-        std::fprintf(stderr, "usage: mgi_demo (run by scripts/demo, with mgd and app_daemon serving)\n");
-        return 2;
+int main(int argc, char **argv) {
+    static const option options[] = {{"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'},
+                                     {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) {
+        switch (c) {
+        case 'h':
+            std::printf("Usage: mgi_demo\n"
+                        "A front end (application 5) that shows the system at work: a set through mgd, a\n"
+                        "paged get, a filtered query, an exec, a transaction, errors and a trap. It needs\n"
+                        "mgd and app_daemon serving in the same runtime directory; ./scripts/demo starts\n"
+                        "them and runs it.\n"
+                        "\n"
+                        "  -h, --help      show this help and exit\n"
+                        "  -V, --version   show the version and exit\n");
+            return 0;
+        case 'V': return mgmt_cli::version("mgi_demo");
+        default: return mgmt_cli::usage_error("mgi_demo");
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "mgi_demo: '%s': no arguments are taken\n", argv[optind]);
+        return mgmt_cli::usage_error("mgi_demo");
     }
     ipc_init(5, 0);
+    const char *dir = ipc_runtime_dir();
+    if (!dir) {
+        std::fprintf(stderr, "mgi_demo: the runtime directory %s cannot be used: %s\n", ipc_runtime_dir_tried(),
+                     std::strerror(errno));
+        return 1;
+    }
     set_mgi_user("admin", 15);
     set_mgi_ip_addr("192.0.2.10");
     int locked = 0;
     if (get_mgd_config_lock_status(&locked) != 0) {
-        std::fprintf(stderr, "mgi_demo: mgd (application 2) does not answer in %s; ./scripts/demo starts it\n",
-                     ipc_runtime_dir());
+        std::fprintf(stderr, "mgi_demo: mgd (application 2) does not answer in %s; ./scripts/demo starts it\n", dir);
         return 1;
     }
     mgiInfo probe;
     init_mgi_info(&probe);
     if (final_get_aaa_radius_authorization(&probe, nullptr, nullptr) != 0) {
         std::fprintf(stderr, "mgi_demo: app_daemon (application 11) does not answer in %s; ./scripts/demo starts it\n",
-                     ipc_runtime_dir());
+                     dir);
         return 1;
     }
     std::printf("A front end (application 5) talks to mgd (application 2) and app_daemon (application 11).\n");

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "mgmt/sorter.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "platform/netif.h"
+#include "mgmt/platform/netif.h"
 
 namespace {
 

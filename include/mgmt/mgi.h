@@ -25,7 +25,15 @@ MGMT_BEGIN_DECLS
 #define MGI_NO_MORE 0xFFFFFFFFu  /* header offset of a request through MGD */
 #define MGD_APPID 2
 
-/* Message types. */
+/*
+ * Message types, header byte 129. Requests: the library fixes 22, 30 and 31
+ * and carries any other value unchanged; set 1 and get 2 are the convention
+ * of the front ends and daemons of this tree (a daemon tells a set by its
+ * road, rqt_no_more, not by this byte). Answers: 15 or 27 ends an answer, 16
+ * says that more follows, 18 is an error answer with a segment 135.
+ */
+#define MGI_RQT_SET 1
+#define MGI_RQT_GET 2
 #define MGI_RSP_FINAL 15
 #define MGI_RSP_PARTIAL 16
 #define MGI_RSP_ERROR 18
@@ -489,7 +497,12 @@ MGMT_API void *get_mgi_resp_data(void);
 MGMT_API int record_rsp_seg_r(mgiBuf *buf, void **data, uint32_t *data_len, void **err, uint32_t *err_len,
                               void **cookie, uint32_t *cookie_len);
 
-/* Common cookie: six u32 words. */
+/*
+ * Common cookie: six u32 words, the body of segment 132 for the objects that
+ * use it. Word 0 the first index wanted, word 1 the last, word 2 the server's
+ * own value; big-endian on the wire except word 3.
+ */
+#define MGI_COOKIE_WORDS 6
 MGMT_API uint32_t get_mgi_rsp_data_num(uint64_t size);
 MGMT_API int get_rqt_num_by_cookie(uint32_t *cookie);
 MGMT_API void set_cookie_by_rsp_data(uint32_t *cookie, uint32_t count, uint32_t value);

@@ -97,8 +97,9 @@ MGMT_API int decode_app_mgi_index(mgiInfo *info);
 MGMT_API int decode_app_mgi_data(mgiInfo *info);
 MGMT_API int decode_app_error_handling(mgiInfo *info);
 
-/* Match segment of a type-31 request (sender's byte order). */
+/* Match segment of a type-31 request (sender's byte order): object ids 0 to MGI_MATCH_IDS - 1. */
 #define MGI_MATCH_REGEX 10
+#define MGI_MATCH_IDS 96
 typedef struct mgiMatchHdr {
     uint32_t mask[3];
     uint8_t type[120];
@@ -252,8 +253,7 @@ typedef struct condContext {
     char *words[COND_WORDS];
     int32_t connectors[COND_CONNECTORS];
     void *extra;
-    void *released_words[COND_WORDS]; /* the library's own: what the last release freed */
-    uint8_t app_area[COND_APP_AREA];  /* the daemon's; never touched by the library */
+    uint8_t app_area[COND_APP_AREA]; /* the daemon's; never touched by the library */
 } condContext;
 
 MGMT_API extern condContext gcondCtx;
@@ -292,6 +292,7 @@ static_assert(offsetof(mgiMatchHdr, pattern_len) == 132 && sizeof(mgiMatchHdr) =
 static_assert(offsetof(appQueryRecord, length) == 132 && sizeof(appQueryRecord) == APP_QUERY_RECORD_HDR,
               "query record");
 static_assert(offsetof(cond_data_node, next) == sizeof(void *), "row link is the second word");
+static_assert(sizeof(void *) != 8 || offsetof(condContext, app_area) == 344, "the daemon's area follows extra");
 #endif
 
 #endif

@@ -30,12 +30,14 @@
 #include <string_view>
 #include <vector>
 
+#include "mgmt/mgi.h"
+
 namespace {
 
-constexpr uint32_t kMaxPayload = 49688; // 50000-byte message less the 312-byte header
-constexpr size_t kMaxFields = 96;       // three mask words
-constexpr size_t kMaxSlots = 128;       // rqt_item slots
-constexpr size_t kMaxPath = 10;         // target words
+constexpr uint32_t kMaxPayload = MGI_MAX_PAYLOAD;
+constexpr size_t kMaxFields = 96;             // three mask words
+constexpr size_t kMaxSlots = MGI_ITEM_SLOTS;  // rqt_item slots
+constexpr size_t kMaxPath = MGI_TARGET_WORDS; // target words
 
 enum class Kind { U8 = 1, I8, U16, I16, U32, U64, Text, Bytes, Ref };
 
@@ -541,6 +543,20 @@ std::string header(const std::vector<Row> &rows) {
     return o;
 }
 
+// The names the generated layer exports, one per line, for the library's version script.
+std::string exports(const std::vector<Row> &rows) {
+    std::string o;
+    for (const Row &r : rows) {
+        o += "construct_" + r.name + "_entity\n";
+        if (r.index_count) o += "construct_" + r.name + "_index\nconstruct_" + r.name + "_new_index\n";
+        if (r.ops == "sg")
+            o += "final_set_" + r.name + "\nfinal_get_" + r.name + "\n";
+        else
+            o += "final_exec_" + r.name + "\n";
+    }
+    return o;
+}
+
 std::string chunk(const std::vector<Row> &rows, size_t from, size_t to) {
     std::string o = kBanner;
     o += "#include \"objects/objects_internal.h\"\n\n";
@@ -656,5 +672,6 @@ int main(int argc, char **argv) {
                               chunk(rows, bounds[c], bounds[c + 1])) &&
              ok;
     ok = write_if_changed(src_dir + "/catalogue_data.cpp", table(rows)) && ok;
+    ok = write_if_changed(src_dir + "/objects.exports", exports(rows)) && ok;
     return ok ? 0 : 1;
 }

@@ -2,6 +2,8 @@
 // tables and their layout.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -83,12 +85,15 @@ TEST(EntityTree, MadeUpPathStepsLookUpAndPrinting) {
 }
 
 TEST(EntityTree, ItemsByNameAndAlias) {
-    static appItem items[] = {
+    // The entity keeps the table; each run starts from the same one.
+    static const appItem initial[] = {
         {{"name", "n", nullptr}, 5, 32},
         {{"id", nullptr}, 2, 0},
         {{"addr", "ip", "ipaddr", "address", nullptr}, 10, 0},
         {{nullptr}, 0, 0},
     };
+    static appItem items[std::size(initial)];
+    std::copy(std::begin(initial), std::end(initial), items);
     appEntity *e = add_entity({0x7f0001}, 0x7f0002, 0, nullptr, nullptr, nullptr, nullptr, items);
     EXPECT_EQ(get_item_by_name(e, "n"), &items[0]);
     EXPECT_EQ(get_item_by_name(e, "ipaddr"), &items[2]); // an alias in the third name

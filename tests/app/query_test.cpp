@@ -103,7 +103,7 @@ TEST(CondContext, ReleaseFreesAndResets) {
     EXPECT_EQ(ctx.connectors[0], -1);
     condContext before = ctx;
     destruct_cond_context(&ctx); // an empty, initialised context stays as it was
-    EXPECT_EQ(0, std::memcmp(&before, &ctx, offsetof(condContext, released_words)));
+    EXPECT_EQ(0, std::memcmp(&before, &ctx, sizeof ctx));
 
     // Three words, a node in each expression list, a row and an extra block.
     for (int i = 0; i < 3; ++i) ctx.words[i] = strdup("w");

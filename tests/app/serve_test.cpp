@@ -8,7 +8,7 @@
 #include <string>
 
 #include "app_fixture.h"
-#include "platform/ipc_flags.h"
+#include "mgmt/platform/ipc_flags.h"
 
 using namespace app_test;
 using mgmt_test::be16;

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "platform/strings.h"
+#include "mgmt/platform/strings.h"
 
 namespace {
 

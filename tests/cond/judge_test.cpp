@@ -415,8 +415,11 @@ TEST(Release, WordsAndLists) {
 // Two conditions in a row in the process's context: a long one, then a short
 // one that leaves the long one's upper slots in place. Each release frees what
 // its parse made, and no word twice (the sanitizer build would stop here).
+// The daemon's area behind `extra` stays as the daemon left it throughout.
 TEST(Release, ShorterConditionAfterALongOneFreesEachWordOnce) {
     free_cond_ctx_by_uiInfo();
+    std::memset(gcondCtx.app_area, 0xa5, sizeof gcondCtx.app_area);
+    const std::vector<uint8_t> area(gcondCtx.app_area, gcondCtx.app_area + sizeof gcondCtx.app_area);
     EXPECT_EQ(retrieve_postJudge_stdExpr(nullptr, "speed gt 3", gcondCtx.words, gcondCtx.connectors,
                                          &gcondCtx.expr_list),
               -1987);
@@ -429,8 +432,10 @@ TEST(Release, ShorterConditionAfterALongOneFreesEachWordOnce) {
                                          &gcondCtx.expr_list),
               -1988);
     EXPECT_STREQ(gcondCtx.words[3], "and");
+    EXPECT_EQ(default_post_logic_analyze(&gcondCtx.data_list, &gcondCtx.expr_list), 0);
     free_cond_ctx_by_uiInfo(); // frees the four new words only
     free_cond_ctx_by_uiInfo(); // nothing left: words[0] is empty
+    EXPECT_EQ(std::vector<uint8_t>(gcondCtx.app_area, gcondCtx.app_area + sizeof gcondCtx.app_area), area);
 }
 
 } // namespace

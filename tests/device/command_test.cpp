@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <sstream>
 
 #include <sys/stat.h>
@@ -46,13 +47,14 @@ bool any_child() {
 
 // Waits until no child is left, running or ended. A child may end before the call has installed
 // its handler for SIGCHLD, which then runs here in its stead.
-bool children_gone(int ms = 5000) {
-    return eventually(
-        [] {
-            sig_int(SIGCHLD);
-            return !any_child();
-        },
-        ms);
+bool children_gone(int ms = 5000) { return devtest::children_gone([] { sig_int(SIGCHLD); }, ms); }
+
+// Calls fn on this thread as application app. The library's children are forked while this
+// process has no other thread, so that what they run at exit finds no lock held.
+void as_app(uint32_t app, const std::function<void()> &fn) {
+    ipc_set_thread_identity(app, 0);
+    fn();
+    ipc_reset();
 }
 
 void (*sigchld_handler())(int) {
@@ -104,8 +106,10 @@ class Command : public ::testing::Test {
     // Waits for calls of exec_command_set to be over: the interpreter ran n times, the command
     // files are gone and no child is left.
     bool runs_over(size_t n) {
-        return eventually([&] { return lines(log_text()) >= n && command_files().empty(); }) && children_gone();
+        return files_settle([&] { return lines(log_text()) >= n && command_files().empty(); }) && children_gone();
     }
+    // Waits until pred holds, tried again on each change to the device's /etc or the test's files.
+    bool files_settle(const std::function<bool()> &pred) { return wait_until(pred, {root.path("/etc"), root.dir()}); }
     // The process id in the name of the command file of each run: root + "/etc/CMD_app77" + pid + ".tmp".
     std::vector<std::string> file_pids() {
         std::vector<std::string> pids;
@@ -140,7 +144,7 @@ TEST(ChildStatus, ExitAndKillAreDoneStopWaitsAndOnlyAnImpossibleStatusRetries) {
 
 TEST_F(Command, SetWritesTheCommandFileRunsTheInterpreterAndRemovesTheFile) {
     int rc = -9;
-    run_as(77, [&] { rc = exec_command_set("set hostname dev1", 42); });
+    as_app(77, [&] { rc = exec_command_set("set hostname dev1", 42); });
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(sigchld_handler(), &sig_int) << "the handler stays in place";
     ASSERT_TRUE(runs_over(1)) << log_text();
@@ -159,14 +163,14 @@ TEST_F(Command, LongAndMultiLineCommandsReachTheFileWhole) {
     const std::string texts[] = {many_lines, std::string(2500, 'x')};
     for (size_t i = 0; i < std::size(texts); ++i) {
         std::remove((log + ".commands").c_str());
-        run_as(77, [&] { EXPECT_EQ(exec_command_set(texts[i].c_str(), 1), 0); });
+        as_app(77, [&] { EXPECT_EQ(exec_command_set(texts[i].c_str(), 1), 0); });
         ASSERT_TRUE(runs_over(i + 1));
         EXPECT_EQ(commands(), texts[i] + "\n") << i;
     }
 }
 
 TEST_F(Command, TwoCallsInShortOrderUseTwoFiles) {
-    run_as(77, [&] {
+    as_app(77, [&] {
         EXPECT_EQ(exec_command_set("first", 1), 0);
         EXPECT_EQ(exec_command_set("second", 2), 0);
     });
@@ -184,9 +188,9 @@ TEST_F(Command, InterpreterFailureOrSignalEndsTheRunWithoutRetry) {
     for (const char *action : {"exit3", "kill"}) {
         std::remove(log.c_str());
         setenv("CLI_TEST_ACTION", action, 1);
-        run_as(77, [&] { EXPECT_EQ(exec_command_set("set x", 0), 0); });
+        as_app(77, [&] { EXPECT_EQ(exec_command_set("set x", 0), 0); });
         ASSERT_TRUE(runs_over(1)) << action;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        // Every child is gone, the one that would try again among them.
         EXPECT_EQ(lines(log_text()), 1u) << action << ": one try only";
         EXPECT_EQ(read_file(root.console()), "") << action;
     }
@@ -195,7 +199,7 @@ TEST_F(Command, InterpreterFailureOrSignalEndsTheRunWithoutRetry) {
 TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
     // The interpreter removed the file itself: the child's own removal fails.
     setenv("CLI_TEST_ACTION", "rm", 1);
-    run_as(77, [&] { EXPECT_EQ(exec_command_set("set y", 0), 0); });
+    as_app(77, [&] { EXPECT_EQ(exec_command_set("set y", 0), 0); });
     ASSERT_TRUE(runs_over(1));
     EXPECT_NE(digits_between(read_file(root.console()), "MGMTLIB: delete file (/etc/CMD_app77", ".tmp) error\n"), "")
         << read_file(root.console()) << " (the text keeps the device path)";
@@ -204,8 +208,8 @@ TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
     // No interpreter: the grandchild says so, and the file is removed all the same.
     std::remove(root.console().c_str());
     std::remove(root.path(MGMT_CLI_PATH).c_str());
-    run_as(77, [&] { EXPECT_EQ(exec_command_set("set z", 0), 0); });
-    ASSERT_TRUE(eventually([&] { return command_files().empty(); }) && children_gone());
+    as_app(77, [&] { EXPECT_EQ(exec_command_set("set z", 0), 0); });
+    ASSERT_TRUE(files_settle([&] { return command_files().empty(); }) && children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: execv failed\n");
 
     // No /etc: the file cannot be made; no interpreter runs.
@@ -213,7 +217,7 @@ TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
     std::remove(log.c_str());
     write_file(root.path(MGMT_CLI_PATH), kInterpreter, 0755);
     rmdir(root.path("/etc").c_str());
-    run_as(78, [&] { EXPECT_EQ(exec_command_set("set w", 0), 0); });
+    as_app(78, [&] { EXPECT_EQ(exec_command_set("set w", 0), 0); });
     ASSERT_TRUE(children_gone());
     EXPECT_NE(digits_between(read_file(root.console()), "MGMTLIB: open file /etc/CMD_app78", ".tmp failed\n"), "")
         << read_file(root.console());
@@ -237,7 +241,7 @@ TEST_F(Command, RefusalsAndForkFailures) {
 
     // The child cannot start the interpreter: it gives up and leaves its file.
     hooks::fail_fork(1, true);
-    run_as(77, [&] { EXPECT_EQ(exec_command_set("set b", 0), 0); });
+    as_app(77, [&] { EXPECT_EQ(exec_command_set("set b", 0), 0); });
     ASSERT_TRUE(children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: fork process failed\n");
     const auto left = command_files();
@@ -259,7 +263,7 @@ TEST_F(Command, AnImpossibleStatusIsTriedAgainAfterItsText) {
 TEST_F(Command, ChildWithoutMemoryForItsListEndsAtOnce) {
     if (!hooks::malloc_hook_available()) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     hooks::fail_alloc_of_size(sizeof(buf_list), 1, true);
-    run_as(77, [&] { EXPECT_EQ(exec_command_set("set c", 0), 0); });
+    as_app(77, [&] { EXPECT_EQ(exec_command_set("set c", 0), 0); });
     ASSERT_TRUE(children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: alloc momery failed\n");
     EXPECT_TRUE(command_files().empty());
@@ -306,7 +310,7 @@ TEST_F(Redirect, ModesChooseTheOptionsAndOutputIsAppended) {
 
     EXPECT_EQ(run(0, 0), 0);
     EXPECT_EQ(sigchld_handler(), &sig_int) << "without wait the handler reaps the child";
-    ASSERT_TRUE(eventually([&] { return !exists(file); }) && children_gone());
+    ASSERT_TRUE(files_settle([&] { return !exists(file); }) && children_gone());
 }
 
 TEST_F(Redirect, FailedRemovalIsReportedOnTheConsoleForModeZeroElseOnTheBootConsole) {
@@ -328,7 +332,7 @@ TEST_F(Redirect, AWaitThatDoesNotGiveTheChildIsReported) {
     EXPECT_EQ(run(0, 1), 0);
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: wait failed\n");
     // The child was not reaped by the call: it ends and is reaped here.
-    ASSERT_TRUE(eventually([&] { return !exists(file); }));
+    ASSERT_TRUE(files_settle([&] { return !exists(file); }));
     int status = 0;
     EXPECT_GT(waitpid(-1, &status, 0), 0);
 }

@@ -7,13 +7,18 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/device.h"
+#include "mgmt/device.h"
+#include "mgmt/platform/device.h"
 
 namespace fs = std::filesystem;
 
@@ -63,6 +68,25 @@ Sysroot::~Sysroot() {
         unsetenv(name);
     std::error_code ec;
     if (!dir_.empty()) fs::remove_all(dir_, ec);
+}
+
+bool children_gone(const std::function<void()> &reap, int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        reap();
+        long pid = 0;
+        std::error_code ec;
+        for (const auto &task : fs::directory_iterator("/proc/self/task", ec))
+            if (std::ifstream(task.path() / "children") >> pid) break;
+        if (pid <= 0) return true;
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+        if (left <= 0) return false;
+        pollfd p = {int(syscall(SYS_pidfd_open, pid_t(pid), 0)), POLLIN, 0};
+        if (p.fd < 0) continue; // reaped meanwhile
+        poll(&p, 1, int(left));
+        close(p.fd);
+    }
 }
 
 std::string read_file(const std::string &path) {
@@ -261,8 +285,56 @@ void clear_recorded() { log.clear(); }
 
 using namespace devtest::hooks;
 
+// ---------------------------------------------------------------- the device tree
+//
+// The library opens and runs device paths as they are written ("/etc/CMD_...", "/flash/...",
+// "/usr/local/sbin/cli"). While a Sysroot lives, the calls below take those paths below its root:
+// file opens, access, mkfifo, unlink, the program and arguments of execv, and the words of a
+// command line given to system(). Other paths pass unchanged. Nothing here allocates: the
+// library's children call these between fork and exit.
+
+namespace {
+
+bool is_device_path(const char *p) {
+    for (const char *prefix : {"/etc/", "/flash/", "/usr/local/sbin/", "/proc/mgd_", MGMT_CHILD_MONITORD_PID_FILE,
+                               MGMT_START_STATIC_CONFIG_FILE})
+        if (std::strncmp(p, prefix, std::strlen(prefix)) == 0) return true;
+    return false;
+}
+
+// path below MGMT_SYSROOT when it is a device path and a root is set; else path itself.
+const char *in_tree(const char *path, char *buf, size_t size) {
+    const char *root = getenv("MGMT_SYSROOT");
+    if (!path || !root || !*root || !is_device_path(path)) return path;
+    snprintf(buf, size, "%s%s", root, path);
+    return buf;
+}
+
+// The words of a command line that are device paths, taken below MGMT_SYSROOT.
+const char *command_in_tree(const char *command, char *buf, size_t size) {
+    const char *root = getenv("MGMT_SYSROOT");
+    if (!command || !root || !*root) return command;
+    size_t at = 0;
+    for (const char *p = command; *p && at + 1 < size; ++p) {
+        if ((p == command || p[-1] == ' ') && is_device_path(p))
+            for (const char *r = root; *r && at + 1 < size; ++r)
+                buf[at++] = *r;
+        if (at + 1 < size) buf[at++] = *p;
+    }
+    buf[at] = 0;
+    return buf;
+}
+
+} // namespace
+
+
 // The function that a stand-in named `name` hides, of the type fn_t.
-#define REAL(name) static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, name))
+// The look-up runs once, at the first call; a thread that waits for another's look-up may find
+// errno changed by that wait, so errno is kept across it.
+#define REAL(name)                                                                                                     \
+    const int saved_errno_ = errno;                                                                                    \
+    static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, name));                                          \
+    errno = saved_errno_
 
 // Children of the library end with exit(); leak checking belongs to the test process only.
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() { return in_child(); }
@@ -319,7 +391,8 @@ extern "C" __attribute__((visibility("default"))) pid_t wait(int *status) {
 extern "C" __attribute__((visibility("default"))) int system(const char *command) {
     using fn_t = int (*)(const char *);
     REAL("system");
-    if (system_mode == SystemMode::run) return real(command);
+    char line[4096];
+    if (system_mode == SystemMode::run) return real(command_in_tree(command, line, sizeof line));
     if (system_mode == SystemMode::fail) return -1;
     log.push_back(std::string("system: ") + (command ? command : "(null)"));
     return 0;
@@ -337,11 +410,62 @@ extern "C" __attribute__((visibility("default"))) FILE *popen(const char *comman
     return nullptr;
 }
 
+#define IN_TREE(name, path)                                                                                            \
+    char name##_buf[PATH_MAX];                                                                                         \
+    const char *name = in_tree(path, name##_buf, sizeof name##_buf)
+
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
+    using fn_t = FILE *(*)(const char *, const char *);
+    REAL("fopen");
+    IN_TREE(p, path);
+    return real(p, mode);
+}
+
+extern "C" __attribute__((visibility("default"))) int open(const char *path, int flags, ...) {
+    using fn_t = int (*)(const char *, int, ...);
+    REAL("open");
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? mode_t(va_arg(ap, int)) : 0;
+    va_end(ap);
+    IN_TREE(p, path);
+    return real(p, flags, mode);
+}
+
+extern "C" __attribute__((visibility("default"))) int mkfifo(const char *path, mode_t mode) {
+    using fn_t = int (*)(const char *, mode_t);
+    REAL("mkfifo");
+    IN_TREE(p, path);
+    return real(p, mode);
+}
+
+extern "C" __attribute__((visibility("default"))) int unlink(const char *path) {
+    using fn_t = int (*)(const char *);
+    REAL("unlink");
+    IN_TREE(p, path);
+    return real(p);
+}
+
+extern "C" __attribute__((visibility("default"))) int execv(const char *path, char *const argv[]) {
+    using fn_t = int (*)(const char *, char *const[]);
+    REAL("execv");
+    // Static: a caller may run on a small stack (a clone child), and an exec replaces everything.
+    static char file[PATH_MAX], bufs[8][PATH_MAX];
+    static char *args[9];
+    size_t n = 0;
+    for (; argv[n] && n < 8; ++n)
+        args[n] = const_cast<char *>(in_tree(argv[n], bufs[n], sizeof bufs[n]));
+    args[n] = nullptr;
+    return real(in_tree(path, file, sizeof file), argv[n] ? argv : args);
+}
+
 extern "C" __attribute__((visibility("default"))) int access(const char *path, int mode) {
     using fn_t = int (*)(const char *, int);
     REAL("access");
-    const std::string p = path;
-    if (access_suffix.empty() || !(mode & access_mode) || !p.ends_with(access_suffix)) return real(path, mode);
+    if (access_suffix.empty() || !(mode & access_mode) || !std::string_view(path).ends_with(access_suffix)) {
+        IN_TREE(p, path);
+        return real(p, mode);
+    }
     errno = EACCES;
     return -1;
 }

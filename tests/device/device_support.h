@@ -6,6 +6,7 @@
 #define MGMT_TEST_DEVICE_SUPPORT_H
 
 #include <chrono>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <thread>
@@ -41,15 +42,9 @@ void write_file(const std::string &path, const std::string &text, int mode = 064
 bool exists(const std::string &path);
 void make_dirs(const std::string &path);
 
-// Waits until pred holds, at most ms milliseconds.
-template <typename Pred> bool eventually(Pred pred, int ms = 5000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+// Waits until this process has no child left, running or ended, at most ms milliseconds; reap is
+// called first and after each child ends (a pidfd), to reap what has ended.
+bool children_gone(const std::function<void()> &reap, int ms = 5000);
 
 // Words in host order and in big-endian order, a host-order word read back, the terminated text at
 // off read no further than len bytes, and bytes with a text behind them.

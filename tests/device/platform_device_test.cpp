@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 
 #include "device_support.h"
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 
 using namespace mgmt_test;
 using namespace devtest;
@@ -25,7 +25,7 @@ TEST(StandIn, ShellCommandsPathsRebootAndTheBootConsole) {
     EXPECT_EQ(run_shellcmd("/bin/sh", ("sleep 0.2; echo late > " + out).c_str(), 0, 0), 0);
     siginfo_t info{};
     EXPECT_NE(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), 0) << "nothing to reap without wait";
-    EXPECT_TRUE(eventually([&] { return read_file(out) == "late\n"; }));
+    EXPECT_TRUE(wait_until([&] { return read_file(out) == "late\n"; }, {root.dir()}));
 
     char path[256];
     EXPECT_EQ(std::string(device_path("/etc/x", path, sizeof path)), root.root() + "/etc/x");

@@ -46,20 +46,27 @@ TEST_F(Probes, ChildMonitorPidIsDigitsAloneWithoutLineEnd) {
     }
 }
 
-// The watched process is remembered for the life of the process: this is the first storage
-// question of the program.
+// The watched process is remembered for the life of the process: the questions are asked in a
+// process started afresh for them, where none has been asked before.
 TEST_F(Probes, StorageWatchesTheRememberedProcess) {
-    EXPECT_EQ(vk_is_storage_available(0), -1) << "nothing remembered and no child monitor";
-    monitord(std::to_string(getpid()));
-    hooks::set_popen(hooks::PopenMode::record, "cat /proc/$PPID/status | grep State");
-    EXPECT_EQ(vk_is_storage_available(0), 0) << "running, and no console log: fine";
-    EXPECT_EQ(vk_is_storage_available(-5), 0);
-    const pid_t other = getppid();
-    EXPECT_EQ(vk_is_storage_available(other), 0);
-    EXPECT_EQ(vk_is_storage_available(0), 0);
-    const std::string mine = "popen r: cat /proc/" + std::to_string(getpid()) + "/status | grep State";
-    const std::string theirs = "popen r: cat /proc/" + std::to_string(other) + "/status | grep State";
-    EXPECT_EQ(hooks::recorded(), (std::vector<std::string>{mine, mine, theirs, theirs}));
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            std::string seen = std::to_string(vk_is_storage_available(0)); // nothing remembered, no monitor
+            monitord(std::to_string(getpid()));
+            hooks::set_popen(hooks::PopenMode::record, "cat /proc/$PPID/status | grep State");
+            for (pid_t pid : {0, -5, getppid(), 0})
+                seen += " " + std::to_string(vk_is_storage_available(pid));
+            seen += "\n";
+            for (const std::string &line : hooks::recorded())
+                seen += line + "\n";
+            const std::string mine = "popen r: cat /proc/" + std::to_string(getpid()) + "/status | grep State\n";
+            const std::string theirs = "popen r: cat /proc/" + std::to_string(getppid()) + "/status | grep State\n";
+            const bool ok = seen == "-1 0 0 0 0\n" + mine + mine + theirs + theirs;
+            if (!ok) fprintf(stderr, "%s", seen.c_str());
+            _exit(ok ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {

@@ -13,7 +13,7 @@
 
 #include "device_support.h"
 #include "mgmt/device.h"
-#include "platform/device.h"
+#include "mgmt/platform/device.h"
 
 using namespace mgmt_test;
 using namespace devtest;

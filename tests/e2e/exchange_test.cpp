@@ -169,23 +169,11 @@ TEST_F(Exchange, ThroughMgdWritesContextFieldsAndSendsToTheManager) {
     EXPECT_EQ(r.src_app, 5u);
     ASSERT_EQ(r.bytes.size(), 312u + 4u); // IPC length is len plus the header
     const uint8_t *h = r.bytes.data();
-    EXPECT_EQ(h[0], 8);
-    EXPECT_EQ(h[3], 0x21);
-    EXPECT_EQ(h[4], 96);
-    EXPECT_EQ(h[5], 2);
-    EXPECT_EQ(be16(h + 6), 0x0a0b);
-    EXPECT_EQ(be16(h + 46), 0x0c0d);
-    EXPECT_EQ(be32(h + 88), 0xe0001u);
-    EXPECT_EQ(be32(h + 92), 0xe0002u);
-    EXPECT_EQ(h[128], 0); // a plain record, no chain
-    EXPECT_EQ(h[129], 3);
-    EXPECT_EQ(be16(h + 130), 4);
-    EXPECT_EQ(be32(h + 132), 0xFFFFFFFFu);
-    EXPECT_EQ(be32(h + 144), 0x80000001u);
-    EXPECT_EQ(be32(h + 148), 0u);
-    EXPECT_EQ(be32(h + 216), 0x01020304u);
-    EXPECT_EQ(be32(h + 308), 0x05060708u);
-    EXPECT_EQ(be32(h + 312), 0xdeadbeefu);
+    // A plain record, no chain (nextseg 0 at 128).
+    expect_fields(h, {{0, 1, 8}, {3, 1, 0x21}, {4, 1, 96}, {5, 1, 2}, {6, 2, 0x0a0b}, {46, 2, 0x0c0d},
+                      {88, 4, 0xe0001}, {92, 4, 0xe0002}, {128, 1, 0}, {129, 1, 3}, {130, 2, 4},
+                      {132, 4, 0xFFFFFFFF}, {144, 4, 0x80000001}, {148, 4, 0}, {216, 4, 0x01020304},
+                      {308, 4, 0x05060708}, {312, 4, 0xdeadbeef}});
 }
 
 std::vector<uint8_t> g_seen;
@@ -358,8 +346,10 @@ TEST_F(Exchange, PairsThatCannotBeMadeAreReportedAndNothingIsKept) {
     run_as(5, [&] {
         fault::arm_alloc_failures(1); // the send buffer
         EXPECT_EQ(init_mgi_r(), nullptr);
+        EXPECT_EQ(fault::last_alloc_size, MGI_MAX_LEN) << "no buffer larger than the largest message";
         fault::arm_alloc_failures(1, 1); // the receive buffer, after the send buffer was had
         EXPECT_EQ(init_mgi_r(), nullptr);
+        EXPECT_EQ(fault::last_alloc_size, MGI_MAX_LEN);
         EXPECT_EQ(cap.text(), "MGI: failed to alloc memory\nMGI: failed to alloc memory\n");
 
         // A context without a pair still initialises, and the exchange refuses it.
@@ -412,21 +402,10 @@ TEST_F(Exchange, DirectWritesContextFieldsOnce) {
     const Bytes b = app.received()[0].bytes;
     ASSERT_EQ(b.size(), 312u);
     const uint8_t *h = b.data();
-    EXPECT_EQ(h[3], 0x31);
-    EXPECT_EQ(h[5], 4);
-    EXPECT_EQ(be16(h + 6), 0x0102);
-    EXPECT_EQ(be16(h + 46), 0); // not written on this road
-    EXPECT_EQ(h[128], 139);
-    EXPECT_EQ(h[129], 2);
-    EXPECT_EQ(be16(h + 130), 0);
-    EXPECT_EQ(be32(h + 132), 0x1234u);
-    EXPECT_EQ(be16(h + 140), 0x4321);
-    EXPECT_EQ(be32(h + 144), 0x16u);
-    EXPECT_EQ(be32(h + 148), 0x11u);
-    EXPECT_EQ(be32(h + 164), 0x12u);
-    EXPECT_EQ(be32(h + 216), 0x13u);
-    EXPECT_EQ(be32(h + 220), 0x14u);
-    EXPECT_EQ(be32(h + 308), 0x15u);
+    // The destination's vsys id (46) is not written on this road.
+    expect_fields(h, {{3, 1, 0x31}, {5, 1, 4}, {6, 2, 0x0102}, {46, 2, 0}, {128, 1, 139}, {129, 1, 2},
+                      {130, 2, 0}, {132, 4, 0x1234}, {140, 2, 0x4321}, {144, 4, 0x16}, {148, 4, 0x11},
+                      {164, 4, 0x12}, {216, 4, 0x13}, {220, 4, 0x14}, {308, 4, 0x15}});
     EXPECT_STREQ(reinterpret_cast<const char *>(h + 240), "task-1");
     EXPECT_STREQ(reinterpret_cast<const char *>(h + 273), "probe");
 }

@@ -4,7 +4,7 @@
 #include <dlfcn.h>
 #include <poll.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace fault {
 namespace {
@@ -13,6 +13,8 @@ thread_local int recv_failures = 0;
 thread_local int alloc_failures = 0;
 thread_local int alloc_skip = 0;
 } // namespace
+
+thread_local uint32_t last_alloc_size = 0;
 
 void arm_poll(const PollFault &f) { poll_fault = f; poll_fault.armed = true; }
 void arm_recv_failures(int count) { recv_failures = count; }
@@ -29,36 +31,43 @@ void disarm() {
 
 } // namespace fault
 
+namespace {
+// The functions this program stands in for, looked up before main: a look-up at the first call
+// could make a thread wait for another's, and that wait may leave errno changed.
+template <typename Fn> Fn next(const char *name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
+using poll_fn = int (*)(struct pollfd *, nfds_t, int);
+using recv_fn = int (*)(ipc_peer_t *, void *, uint32_t *, int);
+using alloc_fn = void *(*)(uint32_t);
+const poll_fn real_poll = next<poll_fn>("poll");
+const recv_fn real_recv = next<recv_fn>("ipcmsg_recv_sync");
+const alloc_fn real_alloc = next<alloc_fn>("ipcmsg_alloc");
+} // namespace
+
 extern "C" __attribute__((visibility("default"))) int poll(struct pollfd *fds, nfds_t n, int timeout) {
-    using poll_fn = int (*)(struct pollfd *, nfds_t, int);
-    static poll_fn real = reinterpret_cast<poll_fn>(dlsym(RTLD_NEXT, "poll"));
     if (fault::poll_fault.armed) {
         fault::poll_fault.armed = false;
         for (nfds_t i = 0; i < n; ++i) fds[i].revents = fault::poll_fault.revents;
         errno = fault::poll_fault.err;
         return fault::poll_fault.result;
     }
-    return real(fds, n, timeout);
+    return real_poll(fds, n, timeout);
 }
 
 extern "C" __attribute__((visibility("default"))) int ipcmsg_recv_sync(ipc_peer_t *peer, void *buf, uint32_t *len, int block) {
-    using recv_fn = int (*)(ipc_peer_t *, void *, uint32_t *, int);
-    static recv_fn real = reinterpret_cast<recv_fn>(dlsym(RTLD_NEXT, "ipcmsg_recv_sync"));
     if (fault::recv_failures > 0) {
         --fault::recv_failures;
         return -1;
     }
-    return real(peer, buf, len, block);
+    return real_recv(peer, buf, len, block);
 }
 
 extern "C" __attribute__((visibility("default"))) void *ipcmsg_alloc(uint32_t size) {
-    using alloc_fn = void *(*)(uint32_t);
-    static alloc_fn real = reinterpret_cast<alloc_fn>(dlsym(RTLD_NEXT, "ipcmsg_alloc"));
+    fault::last_alloc_size = size;
     if (fault::alloc_skip > 0) {
         --fault::alloc_skip;
     } else if (fault::alloc_failures > 0) {
         --fault::alloc_failures;
         return nullptr;
     }
-    return real(size);
+    return real_alloc(size);
 }

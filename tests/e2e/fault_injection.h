@@ -4,6 +4,8 @@
 #ifndef MGMT_TEST_FAULT_INJECTION_H
 #define MGMT_TEST_FAULT_INJECTION_H
 
+#include <cstdint>
+
 namespace fault {
 
 struct PollFault {
@@ -19,6 +21,8 @@ void arm_recv_failures(int count);
 // The next `count` ipcmsg_alloc calls of this thread fail, after `skip` that succeed.
 void arm_alloc_failures(int count, int skip = 0);
 void disarm();
+// The size of this thread's last ipcmsg_alloc call.
+extern thread_local uint32_t last_alloc_size;
 
 } // namespace fault
 

@@ -7,7 +7,7 @@
 #include "fault_injection.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_services.h"
-#include "platform/questions.h"
+#include "mgmt/platform/questions.h"
 #include "test_support.h"
 
 using namespace mgmt_test;

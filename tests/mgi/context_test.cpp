@@ -229,6 +229,7 @@ TEST(Request, UdcdataGrowsInPlaceOrByCopyWithinTheLimit) {
     std::memset(chunk, 0x61, sizeof chunk);
     EXPECT_EQ(mgi_update_rqt_udcdata(&info, chunk, 49684), 0); // total 49688 fits
     EXPECT_EQ(info.udcdata_len, 49688);
+    EXPECT_EQ(info.mgi_buf->sbuf[MGI_MAX_LEN - 1], 0x61) << "copied up to the buffer's end, and cut there";
     EXPECT_EQ(cap.text(), "");
     info.udcdata_len = 4;
     EXPECT_EQ(mgi_update_rqt_udcdata(&info, chunk, 49685), -1); // 49689 does not

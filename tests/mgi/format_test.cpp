@@ -128,31 +128,15 @@ TEST(Header, PrepareThroughMgdPlacesEveryFieldBigEndian) {
     uint8_t record[6] = {1, 2, 3, 4, 5, 6};
     prepare_mgi_exchange_r(buf, target, 0, 77, 6, 1234, 0xbeef, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, record);
     const uint8_t *h = buf->sbuf;
-    EXPECT_EQ(h[0], 8);
-    EXPECT_EQ(h[2], 0); // reserved: kept as the cleared buffer held it
-    EXPECT_EQ(h[3], 0x42);
-    EXPECT_EQ(h[4], 96);
-    EXPECT_EQ(h[5], 0x07); // low byte of the language word
-    EXPECT_EQ(be16(h + 6), 0x0102);
+    // Byte 2 is reserved (kept as the cleared buffer held it), 5 the low byte of the language
+    // word; the offset given is ignored (132).
+    expect_fields(h, {{0, 1, 8}, {2, 1, 0}, {3, 1, 0x42}, {4, 1, 96}, {5, 1, 0x07}, {6, 2, 0x0102},
+                      {40, 4, 0x0a0b0c0d}, {44, 2, 0x0304}, {88, 4, 0xe0001}, {92, 4, 0xe0002}, {96, 4, 0},
+                      {128, 1, 0}, {129, 1, 77}, {130, 2, 6}, {132, 4, 0xFFFFFFFF}, {140, 2, 0xbeef},
+                      {144, 4, 0}, {152, 4, 0x11}, {156, 4, 0x22}, {160, 4, 0x33}, {168, 4, 0x44},
+                      {172, 4, 0x55}, {176, 4, 0x66}});
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + 8)), "operator-with-a-name-longer-tha");
-    EXPECT_EQ(be32(h + 40), 0x0a0b0c0du);
-    EXPECT_EQ(be16(h + 44), 0x0304);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + 48)), "192.0.2.17");
-    EXPECT_EQ(be32(h + 88), 0xe0001u);
-    EXPECT_EQ(be32(h + 92), 0xe0002u);
-    EXPECT_EQ(be32(h + 96), 0u);
-    EXPECT_EQ(h[128], 0);
-    EXPECT_EQ(h[129], 77);
-    EXPECT_EQ(be16(h + 130), 6);
-    EXPECT_EQ(be32(h + 132), 0xFFFFFFFFu); // the offset given is ignored
-    EXPECT_EQ(be16(h + 140), 0xbeef);
-    EXPECT_EQ(be32(h + 144), 0u);
-    EXPECT_EQ(be32(h + 152), 0x11u);
-    EXPECT_EQ(be32(h + 156), 0x22u);
-    EXPECT_EQ(be32(h + 160), 0x33u);
-    EXPECT_EQ(be32(h + 168), 0x44u);
-    EXPECT_EQ(be32(h + 172), 0x55u);
-    EXPECT_EQ(be32(h + 176), 0x66u);
     EXPECT_EQ(0, std::memcmp(h + 312, record, 6));
     _ui_language = 0;
     set_mgi_transaction_id(0);
@@ -169,16 +153,10 @@ TEST(Header, PrepareDirectStartsAnEmptyChain) {
     const uint32_t target[10] = {0xe0012, 0};
     prepare_mgi_exchange_direct_r(buf, target, 31, 0x00010002, 7, 0xa, 0xb);
     const uint8_t *h = buf->sbuf;
-    EXPECT_EQ(h[128], MGI_SEG_END);
-    EXPECT_EQ(h[129], 31);
-    EXPECT_EQ(be16(h + 130), 0);
-    EXPECT_EQ(be32(h + 132), 0x00010002u);
-    EXPECT_EQ(be16(h + 140), 7);
-    EXPECT_EQ(be32(h + 152), 0xau);
-    EXPECT_EQ(be32(h + 156), 0xbu);
-    EXPECT_EQ(be32(h + 160), 0xCCCCCCCCu); // mask3 is the stub's to write
-    EXPECT_EQ(h[2], 0xCC);                 // reserved byte never written
-    EXPECT_EQ(be16(h + 46), 0xCCCC);       // dst vsysid only through its own prepare
+    // Mask3 (160) is the stub's to write, the reserved byte 2 is never written, and the
+    // destination's vsys id (46) only through its own prepare.
+    expect_fields(h, {{128, 1, MGI_SEG_END}, {129, 1, 31}, {130, 2, 0}, {132, 4, 0x00010002}, {140, 2, 7},
+                      {152, 4, 0xa}, {156, 4, 0xb}, {160, 4, 0xCCCCCCCC}, {2, 1, 0xCC}, {46, 2, 0xCCCC}});
     EXPECT_EQ(buf->sendseg, buf->sbuf + 312);
     EXPECT_EQ(buf->sendseg_link, buf->sbuf + 128);
     prepare_mgi_dst_vsysid_r(buf, 0x0fff);

@@ -143,7 +143,21 @@ TEST_F(Response, LengthsFromTheFarSideNeverLeadOutsideTheBuffer) {
     head[3] = 0x08; // seglen 49672: body to the last byte
     char *text = get_errString_r(buf);
     ASSERT_NE(text, nullptr);
-    EXPECT_EQ(std::strlen(text), size_t{MGI_MAX_LEN - 312 - 8 - 16}); // up to the last byte of the buffer
+    EXPECT_EQ(std::strlen(text), size_t{MGI_MAX_LEN - 312 - 8 - 16 - 1}); // cut at the last byte of the buffer
+    // Data up to an error body whose words end at the buffer's very end: no room for a text.
+    buf->rbuf[128] = 132;
+    buf->rbuf[130] = 0xC2;
+    buf->rbuf[131] = 0x18; // len 49688
+    head[0] = 135;
+    head[1] = 132;
+    head[2] = 0xC1;
+    head[3] = 0xF8; // seglen 49656: up to byte 49976
+    uint8_t *err_head = buf->rbuf + 49976;
+    err_head[0] = 139;
+    err_head[1] = 135;
+    err_head[2] = 0;
+    err_head[3] = 16;
+    EXPECT_STREQ(get_errString_r(buf), "");
 }
 
 TEST(CommonCookie, Helpers) {

@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace {
 
@@ -24,13 +24,14 @@ TEST(Console, SinkTakesTheFormattedTextAndMayPrintItself) {
     console_print("%s!", big.c_str());
     EXPECT_EQ(got, "MGI: x 5\n" + big + "!");
 
-    static std::string nested;
+    std::string nested;
     console_set_sink(
-        [](const char *text, void *) {
-            nested += text;
-            if (nested.size() < 4) console_print("+");
+        [](const char *text, void *ctx) {
+            auto &seen = *static_cast<std::string *>(ctx);
+            seen += text;
+            if (seen.size() < 4) console_print("+");
         },
-        nullptr);
+        &nested);
     console_print("a");
     console_set_sink(nullptr, nullptr);
     EXPECT_EQ(nested, "a+++");

@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace plat_test {
 

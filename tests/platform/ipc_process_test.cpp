@@ -13,9 +13,8 @@
 using namespace plat_test;
 using namespace std::chrono_literals;
 
-// Some children end with exit(), to run the platform's exit handlers. Leak checking
-// belongs to the test process: in a child forked while another thread held the
-// sanitizer allocator's lock, the check at exit would wait for that lock forever.
+// Some children end with exit(), to run the platform's exit handlers; they are forked while
+// this process has no other thread. Leak checking belongs to the test process.
 static const pid_t g_test_pid = getpid();
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() { return getpid() != g_test_pid; }
 
@@ -107,12 +106,16 @@ TEST_F(IpcTest, DaemonProcessAnswersThenDiesWithoutHangingTheCaller) {
 }
 
 // The child's exchange, its ipc_close and its exit leave the parent's names and sockets alone.
+// The child is forked before the server's thread starts: at exit it runs the platform's handlers,
+// and no lock of another thread can have been held at the fork.
 TEST_F(IpcTest, ForkedChildGetsASocketOfItsOwn) {
-    Server srv(61, 0, nullptr, {{1, echo}});
-    ASSERT_TRUE(srv.ok());
     ASSERT_EQ(ipc_register(62, 0), 0);
     ASSERT_NE(ipc_self(), nullptr); // the parent's thread socket exists before the fork
-    pid_t child = fork_child([]() -> int {
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    pid_t child = fork_child([&]() -> int {
+        char c;
+        if (read(go[0], &c, 1) != 1) return 29;
         int32_t status = 0;
         char buf[8];
         uint32_t rlen = sizeof buf;
@@ -122,6 +125,11 @@ TEST_F(IpcTest, ForkedChildGetsASocketOfItsOwn) {
         exit(0);
     });
     ASSERT_GT(child, 0);
+    Server srv(61, 0, nullptr, {{1, echo}});
+    ASSERT_TRUE(srv.ok());
+    ASSERT_EQ(write(go[1], "g", 1), 1);
+    close(go[0]);
+    close(go[1]);
     EXPECT_EQ(wait_exit(child), 0);
     EXPECT_TRUE(exists(my_thread_path()));
     EXPECT_TRUE(exists(ep_path(62)));

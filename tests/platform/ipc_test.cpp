@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <mutex>
@@ -24,6 +25,28 @@ struct Seen {
     std::vector<ipc_peer_t> peers;
     std::vector<uint16_t> msgs;
     std::atomic<int> count{0};
+    std::condition_variable cv;
+    // Waits until n messages have been recorded, at most 5 s.
+    bool wait_count(int n) {
+        std::unique_lock<std::mutex> l(mu);
+        return cv.wait_for(l, std::chrono::seconds(5), [&] { return count.load() >= n; });
+    }
+};
+
+// A gate that a handler waits at until the test opens it (at most 5 s).
+struct Gate {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool open = false;
+    void pass() {
+        std::unique_lock<std::mutex> l(mu);
+        cv.wait_for(l, std::chrono::seconds(5), [&] { return open; });
+    }
+    void let_through() {
+        std::lock_guard<std::mutex> l(mu);
+        open = true;
+        cv.notify_all();
+    }
 };
 
 void record(void *ipc, void *head, void *payload, uint32_t len) {
@@ -35,6 +58,7 @@ void record(void *ipc, void *head, void *payload, uint32_t len) {
     seen->peers.push_back(*peer);
     seen->msgs.push_back(uint16_t(h[4] << 8 | h[5])); // big-endian at byte 4
     seen->count++;
+    seen->cv.notify_all();
 }
 
 // Answers with the payload reversed and status 7.
@@ -204,8 +228,7 @@ TEST_F(IpcTest, OneWayAndSendSyncWithSeveralAnswers) {
     ipc_init(6, 0);
     char msg[] = "one", req[] = "xyz";
     ASSERT_EQ(ipcmsg_send(42, 0, 3, msg, 3), 0);
-    for (int i = 0; i < 500 && seen.count < 1; ++i)
-        std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(seen.wait_count(1));
     ASSERT_EQ(seen.count.load(), 1);
     EXPECT_EQ(seen.peers[0].kind, uint32_t(IPC_KIND_ONEWAY));
     EXPECT_EQ(seen.peers[0].appid, 6u);
@@ -307,10 +330,13 @@ TEST_F(IpcTest, UnboundDestinationFailsAtOnce) {
 // platform default. Replies that come too late, or with an earlier sequence, are dropped.
 TEST_F(IpcTest, TimeOutsAndStaleReplies) {
     // The first request is answered after its caller gave up: not taken for the second's answer.
+    static Gate *late;
+    Gate gate;
+    late = &gate;
     static auto slow_first =
         +[](void *, void *, void *payload, uint32_t len, int32_t *status, void *reply, uint32_t *reply_len) {
             std::string p(static_cast<char *>(payload), len);
-            if (p == "first") std::this_thread::sleep_for(400ms);
+            if (p == "first") late->pass();
             memcpy(reply, p.data(), len);
             *reply_len = len;
             *status = p == "first" ? 1 : 2;
@@ -338,9 +364,11 @@ TEST_F(IpcTest, TimeOutsAndStaleReplies) {
     setenv("MGMT_IPC_TIMEOUT_MS", "200", 1);
     EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 0), -ETIMEDOUT);
     EXPECT_LT(elapsed_ms(t0), 5000);
+    EXPECT_TRUE(seen.wait_count(2));
     EXPECT_EQ(seen.count.load(), 2);
 
     EXPECT_EQ(exchange(46, 0, 1, "first", &status, &in, 100), -ETIMEDOUT);
+    gate.let_through();
     ASSERT_EQ(exchange(46, 0, 1, "second", &status, &in, 5000), 0);
     EXPECT_EQ(in, "second");
     EXPECT_EQ(status, 2);
@@ -431,10 +459,8 @@ TEST_F(IpcTest, ServeStopsFromAnotherThreadOrASignalHandler) {
     sigemptyset(&sa.sa_mask);
     ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0);
     pthread_t me = pthread_self();
-    std::thread k([me] {
-        std::this_thread::sleep_for(100ms);
-        pthread_kill(me, SIGUSR1);
-    });
+    // Whether the signal comes before the serve or during it, the serve ends.
+    std::thread k([me] { pthread_kill(me, SIGUSR1); });
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(ipc_serve(), 0);
     EXPECT_LT(elapsed_ms(t0), 5000);

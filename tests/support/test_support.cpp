@@ -1,5 +1,8 @@
 #include "test_support.h"
 
+#include <gtest/gtest.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -11,25 +14,34 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace mgmt_test {
 
 namespace {
 
-// Every test program talks in a runtime directory of its own.
+// Every test program talks in a runtime directory of its own. Children forked by a
+// test or by the library may end with exit(), which runs this destructor too: only the
+// process that made the directory removes it, and a child returns before touching the
+// allocator (another thread of the parent may have held its lock at the fork).
 struct FreshIpcDir {
-    std::string made;
+    pid_t owner = -1;
+    char made[32] = "";
     FreshIpcDir() {
         if (std::getenv("MGMT_IPC_DIR")) return;
         char tmpl[] = "/tmp/mgmt-test-XXXXXX";
         if (!mkdtemp(tmpl)) return;
-        made = tmpl;
+        std::memcpy(made, tmpl, sizeof tmpl);
+        owner = getpid();
         setenv("MGMT_IPC_DIR", tmpl, 1);
     }
     ~FreshIpcDir() {
+        if (owner != getpid()) return;
         std::error_code ec;
-        if (!made.empty()) std::filesystem::remove_all(made, ec);
+        std::filesystem::remove_all(made, ec);
     }
 } fresh_ipc_dir;
 
@@ -44,7 +56,33 @@ void put32(uint8_t *p, uint32_t v) {
     p[3] = uint8_t(v);
 }
 
+// Whether the process behind pidfd has ended, waiting at most ms for it.
+bool child_gone(int pidfd, int ms) {
+    return wait_until([] { return false; }, {}, ms, pidfd);
+}
+
 } // namespace
+
+bool wait_until(const std::function<bool()> &pred, const std::vector<std::string> &watch, int ms, int stop_fd) {
+    int in = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    for (const std::string &w : watch)
+        inotify_add_watch(in, w.c_str(), IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    bool ok = pred(), stopped = false;
+    while (!ok && !stopped) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd p[2] = {{in, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        int n = left.count() > 0 ? poll(p, 2, int(left.count())) : 0;
+        if (n == 0 || (n < 0 && errno != EINTR)) break; // out of time; EINTR: a handler ran, look again
+        stopped = p[1].revents != 0;
+        alignas(inotify_event) char events[4096];
+        while (in >= 0 && read(in, events, sizeof events) > 0) {
+        }
+        ok = pred();
+    }
+    if (in >= 0) close(in);
+    return ok || stopped;
+}
 
 ConsoleCapture::ConsoleCapture() { console_set_sink(&ConsoleCapture::sink, this); }
 ConsoleCapture::~ConsoleCapture() { console_set_sink(nullptr, nullptr); }
@@ -65,6 +103,15 @@ void ConsoleCapture::clear() {
 uint16_t be16(const uint8_t *p) { return uint16_t((p[0] << 8) | p[1]); }
 uint32_t be32(const uint8_t *p) { return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3]; }
 Bytes bytes_of(const std::string &s) { return Bytes(s.begin(), s.end()); }
+
+void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields) {
+    for (const Field &f : fields) {
+        uint32_t got = 0;
+        for (int i = 0; i < f.width; ++i)
+            got = (got << 8) | msg[f.at + size_t(i)];
+        EXPECT_EQ(got, f.value) << "at byte " << f.at;
+    }
+}
 
 Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs) {
     Bytes m(MGI_HDR_LEN, 0);
@@ -207,7 +254,7 @@ bool cap_address_space(size_t extra) {
 
 std::string build_path(const std::string &relpath) {
     const char *dir = std::getenv("MGMT_TEST_BINARY_DIR");
-    return std::string(dir ? dir : ".") + "/" + relpath;
+    return std::string(dir && *dir ? dir : MGMT_BUILD_DIR) + "/" + relpath;
 }
 
 Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args, uint32_t appid) {
@@ -235,45 +282,42 @@ Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args,
     }
     if (out >= 0) close(out);
     if (pid_ < 0) return;
-    for (int i = 0; i < 500; ++i) {
+    pidfd_ = int(syscall(SYS_pidfd_open, pid_, 0));
+    auto bound = [&] {
         struct stat st;
-        if (stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
-            ready_ = true;
-            return;
-        }
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return;
-        }
-        usleep(10000);
+        return stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+    };
+    ready_ = wait_until(bound, {dir}, 5000, pidfd_) && bound();
+    if (!ready_ && pidfd_ >= 0 && child_gone(pidfd_, 0)) {
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
     }
 }
 
 int Daemon::stop() {
     if (pid_ <= 0) return -1;
     kill(pid_, SIGTERM);
+    if (pidfd_ < 0 || !child_gone(pidfd_, 3000)) kill(pid_, SIGKILL);
     int status = 0;
-    for (int i = 0; i < 300; ++i) {
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return status;
-        }
-        usleep(10000);
-    }
-    kill(pid_, SIGKILL);
     waitpid(pid_, &status, 0);
     pid_ = -1;
     return status;
 }
 
-Daemon::~Daemon() { stop(); }
+Daemon::~Daemon() {
+    stop();
+    if (pidfd_ >= 0) close(pidfd_);
+}
 
 std::string Daemon::output() const {
     std::ifstream in(log_);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+bool Daemon::wait_output(const std::string &text, int ms) const {
+    return wait_until([&] { return output().find(text) != std::string::npos; }, {log_}, ms);
 }
 
 void run_as(uint32_t appid, const std::function<void()> &fn) {

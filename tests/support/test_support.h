@@ -7,13 +7,14 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "mgmt/mgi.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgmt_test {
 
@@ -47,6 +48,15 @@ Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs);
 Bytes mgi_record_message(uint8_t type, const Bytes &payload);
 
 Bytes bytes_of(const std::string &s);
+
+// One field of a message in network byte order: its offset, width (1, 2 or 4 bytes) and value.
+struct Field {
+    size_t at;
+    int width;
+    uint32_t value;
+};
+// Expects each field of msg to hold its value, naming the offset of each that does not.
+void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields);
 uint16_t be16(const uint8_t *p);
 uint32_t be32(const uint8_t *p);
 
@@ -99,7 +109,7 @@ class TestPeer {
 // error go to a log file that output() reads.
 class Daemon {
   public:
-    // relpath: below the build directory (MGMT_TEST_BINARY_DIR), e.g. "tools/mgd".
+    // relpath: below the build directory (see build_path), e.g. "tools/mgd".
     Daemon(const std::string &relpath, const std::vector<std::string> &args, uint32_t appid);
     ~Daemon();
     Daemon(const Daemon &) = delete;
@@ -107,11 +117,15 @@ class Daemon {
     bool ok() const { return ready_; }
     int pid() const { return pid_; }
     std::string output() const;
+    const std::string &log_path() const { return log_; }
+    // Waits until the output holds text, at most ms; true when it does.
+    bool wait_output(const std::string &text, int ms = 5000) const;
     // Ends the daemon and returns its exit status as waitpid gives it.
     int stop();
 
   private:
     int pid_ = -1;
+    int pidfd_ = -1;
     bool ready_ = false;
     std::string log_;
 };
@@ -129,8 +143,15 @@ ChildResult run_in_child(const std::function<int(int out_fd)> &body);
 // bytes, so that a large allocation fails (for out-of-memory paths, in a child).
 bool cap_address_space(size_t extra);
 
-// Path of a program of this build, below MGMT_TEST_BINARY_DIR.
+// Path of a program of this build: below MGMT_TEST_BINARY_DIR when set, else below the
+// build directory this program was built in (so any working directory will do).
 std::string build_path(const std::string &relpath);
+
+// Waits until pred holds, at most ms: pred is tried at once and again after each change (inotify)
+// to the watched paths (a directory's entries, or a file). Also true, without pred, as soon as
+// stop_fd (a pidfd, say) becomes readable.
+bool wait_until(const std::function<bool()> &pred, const std::vector<std::string> &watch, int ms = 5000,
+                int stop_fd = -1);
 
 // Runs fn on a new thread with the given application id and waits for it.
 void run_as(uint32_t appid, const std::function<void()> &fn);

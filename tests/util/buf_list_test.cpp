@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "mgmt/buf_list.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 #include "test_support.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "mgmt/value.h"
-#include "platform/netif.h"
+#include "mgmt/platform/netif.h"
 #include "test_support.h"
 
 namespace {

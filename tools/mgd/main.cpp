@@ -1,4 +1,4 @@
-// mgd: the reference manager daemon (application 2) for tests and the demo.
+// mgd: the reference manager daemon (application 2) for tests, the demo and the examples.
 //
 // It serves its own address and, when the management slot's manager lives at
 // another address (the slot after MGMT_MCP_SLOT), that address too, so that
@@ -9,18 +9,20 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <getopt.h>
 #include <poll.h>
 #include <string>
 
+#include "log.h"
 #include "manager.h"
+#include "tools/cli.h"
+#include "mgi/wire.h"
+#include "mgmt/device.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_services.h"
-#include "platform/questions.h"
+#include "mgmt/platform/questions.h"
 
 namespace {
-
-constexpr uint32_t kTrapReceiver = 23;
-constexpr uint16_t kTrapMsg = 64;
 
 volatile std::sig_atomic_t stop_requested = 0;
 void on_signal(int) { stop_requested = 1; }
@@ -45,50 +47,99 @@ ipc_endpoint_t *open_management_slot(ipc_handler_fn lock_handler) {
 // Trap records of the IPC road: three big-endian words (kind, code, argument), then the payload.
 int on_trap(void *ipc, void *, void *payload, uint32_t len, int32_t *, void *, uint32_t *) {
     const auto *p = static_cast<const unsigned char *>(payload);
-    auto word = [p](int i) {
-        return uint32_t(p[4 * i]) << 24 | uint32_t(p[4 * i + 1]) << 16 | uint32_t(p[4 * i + 2]) << 8 | p[4 * i + 3];
-    };
-    if (len < 12) {
-        std::printf("mgd: trap of %u bytes from app%u: too short, dropped\n", len, static_cast<ipc_peer_t *>(ipc)->appid);
+    auto word = [p](int i) { return mgmt::get_be32(p + 4 * i); };
+    if (len < sizeof(vk_trap_hdr)) {
+        mgd::log(mgd::Level::warning, "trap of %u bytes from app%u: too short, dropped", len,
+                 static_cast<ipc_peer_t *>(ipc)->appid);
     } else {
-        std::string text(reinterpret_cast<const char *>(p + 12), len - 12);
+        std::string text(reinterpret_cast<const char *>(p + sizeof(vk_trap_hdr)), len - sizeof(vk_trap_hdr));
         text = text.substr(0, text.find('\0'));
-        std::printf("mgd: trap kind %u code %u arg %u from app%u: \"%s\"\n", word(0), word(1), word(2),
-                    static_cast<ipc_peer_t *>(ipc)->appid, text.c_str());
+        mgd::log(mgd::Level::info, "trap kind %u code %u arg %u from app%u: \"%s\"", word(0), word(1), word(2),
+                 static_cast<ipc_peer_t *>(ipc)->appid, text.c_str());
     }
-    std::fflush(stdout);
     return IPC_HANDLER_NOREPLY;
+}
+
+void usage() {
+    std::printf("Usage: mgd [OPTION]...\n"
+                "The reference manager daemon: serves application 2 in the runtime directory ($MGMT_IPC_DIR,\n"
+                "else /run/mgmt where writable, else /tmp/mgmt-<uid>), relays sets to the owning application,\n"
+                "answers gets of type 30 from its copy, holds transactions and locks, and logs the traps it\n"
+                "receives while no trap receiver (application 23) runs.\n"
+                "\n"
+                "  -v, --verbose   log more (debug); MGMT_LOG_LEVEL=error|warning|info|debug sets the start\n"
+                "  -q, --quiet     log less (warnings and errors only; twice: errors only)\n"
+                "      --syslog    log to syslog (facility daemon) instead of standard output\n"
+                "  -h, --help      show this help and exit\n"
+                "  -V, --version   show the version and exit\n"
+                "\n"
+                "It stops on SIGTERM or SIGINT. Exit status: 0 after a stop, 1 when it cannot serve, 2 for a\n"
+                "wrong command line.\n");
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    if (argc > 1) {
-        std::fprintf(stderr, "usage: %s (no arguments; MGMT_IPC_DIR chooses the runtime directory)\n", argv[0]);
-        return 2;
+    mgd::Level level = mgd::Level::info;
+    if (const char *env = std::getenv("MGMT_LOG_LEVEL"); env && *env && !mgd::parse_level(env, &level)) {
+        std::fprintf(stderr, "mgd: MGMT_LOG_LEVEL: '%s' is not a level (error, warning, info, debug)\n", env);
+        return mgmt_cli::kUsageError;
     }
+    bool to_syslog = false;
+    static const option options[] = {{"verbose", no_argument, nullptr, 'v'}, {"quiet", no_argument, nullptr, 'q'},
+                                     {"syslog", no_argument, nullptr, 's'},  {"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'}, {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "vqhV", options, nullptr)) != -1;) {
+        switch (c) {
+        case 'v':
+            if (level < mgd::Level::debug) level = static_cast<mgd::Level>(static_cast<int>(level) + 1);
+            break;
+        case 'q':
+            if (level > mgd::Level::error) level = static_cast<mgd::Level>(static_cast<int>(level) - 1);
+            break;
+        case 's': to_syslog = true; break;
+        case 'h': usage(); return 0;
+        case 'V': return mgmt_cli::version("mgd");
+        default: return mgmt_cli::usage_error("mgd");
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "mgd: '%s': no arguments are taken, only options\n", argv[optind]);
+        return mgmt_cli::usage_error("mgd");
+    }
+    mgd::log_setup(level, to_syslog);
+
     // Handlers and the further addresses come first: once the manager's own
     // address exists, everything it answers is in place.
     ipc_init(MGD_APPID, 0);
     mgd::Manager manager;
     manager.attach();
     ipc_endpoint_t *mcp = open_management_slot(mgd::Manager::lock_handler());
-    ipc_endpoint_t *traps = ipc_endpoint_open(kTrapReceiver, 0, nullptr);
-    if (traps) ipc_endpoint_handler(traps, kTrapMsg, on_trap);
+    ipc_endpoint_t *traps = ipc_endpoint_open(VK_TRAP_APPID, 0, nullptr);
+    if (traps) ipc_endpoint_handler(traps, VK_TRAP_MSG, on_trap);
     std::signal(SIGTERM, on_signal);
     std::signal(SIGINT, on_signal);
     if (ipc_register(MGD_APPID, 0) != 0) {
-        std::fprintf(stderr, "mgd: cannot bind application 2 in %s\n", ipc_runtime_dir());
+        char why[512];
+        ipc_register_error(MGD_APPID, 0, errno, why, sizeof why);
+        std::fprintf(stderr, "mgd: cannot serve as application %u: %s\n", MGD_APPID, why);
+        if (to_syslog) mgd::log(mgd::Level::error, "cannot serve as application %u: %s", MGD_APPID, why);
+        if (mcp) ipc_endpoint_close(mcp);
+        if (traps) ipc_endpoint_close(traps);
         return 1;
     }
-    manager.log("serving in %s", ipc_runtime_dir());
+    mgd::log(mgd::Level::info, "serving in %s%s", ipc_runtime_dir(),
+             traps ? "; traps to application 23 are logged here" : "");
 
     struct pollfd fds[3] = {{ipc_daemon_fd(), POLLIN, 0},
                             {mcp ? ipc_endpoint_fd(mcp) : -1, POLLIN, 0},
                             {traps ? ipc_endpoint_fd(traps) : -1, POLLIN, 0}};
     while (!stop_requested) {
         int n = poll(fds, 3, 200);
-        if (n < 0 && errno != EINTR) break;
+        if (n < 0 && errno != EINTR) {
+            mgd::log(mgd::Level::error, "poll: %s", mgd::errno_name(errno));
+            break;
+        }
         if (n <= 0) continue;
         if (fds[0].revents & POLLIN) ipc_dispatch_one(0);
         if (mcp && (fds[1].revents & POLLIN)) ipc_endpoint_dispatch(mcp, 0);
@@ -96,6 +147,6 @@ int main(int argc, char **argv) {
     }
     if (mcp) ipc_endpoint_close(mcp);
     if (traps) ipc_endpoint_close(traps);
-    manager.log("stopped");
-    return 0;
+    mgd::log(mgd::Level::info, "stopped");
+    return stop_requested ? 0 : 1;
 }

@@ -1,12 +1,15 @@
 #include "manager.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
+#include "mgi/wire.h"
 #include "mgmt/catalogue.h"
+#include "mgmt/device.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_app.h"
 #include "mgmt/mgi_services.h"
@@ -17,17 +20,14 @@ namespace {
 
 Manager *g_manager = nullptr;
 
-uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
-uint32_t be32(const uint8_t *p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
-void put16(uint8_t *p, uint16_t v) {
-    p[0] = uint8_t(v >> 8);
-    p[1] = uint8_t(v);
-}
+using mgmt::get_be16;
+using mgmt::get_be32;
+using mgmt::put_be16;
 
 std::vector<uint32_t> target_of(const uint8_t *msg) {
     std::vector<uint32_t> t;
     for (int i = 0; i < MGI_TARGET_WORDS; ++i) {
-        uint32_t w = be32(msg + MGI_OFF_TARGET + 4 * i);
+        uint32_t w = get_be32(msg + MGI_OFF_TARGET + 4 * i);
         if (!w) break;
         t.push_back(w);
     }
@@ -65,7 +65,7 @@ int transaction_handler(void *ipc, void *, void *payload, uint32_t len, int32_t 
 
 int simple_handler(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
                    uint32_t *reply_len) {
-    uint16_t msg = be16(static_cast<uint8_t *>(head) + 4);
+    uint16_t msg = get_be16(static_cast<uint8_t *>(head) + 4);
     return g_manager->on_simple(msg, static_cast<uint8_t *>(payload), len, status, static_cast<uint8_t *>(reply),
                                 reply_len, static_cast<ipc_peer_t *>(ipc)->appid);
 }
@@ -126,21 +126,11 @@ void Manager::attach() {
     ipc_register_handler(MGD_MSG_TRANSACTION, transaction_handler);
     for (int m : {MGD_MSG_REQUEST_CONFIG, MGD_MSG_DBG_CONFIG, MGD_MSG_CONFIG_CHANGE_STATUS, MGD_MSG_LOCK_CFG,
                        MGD_MSG_SYSTEM_DEBUG_STATE, MGD_MSG_OBJECT_DEFAULT_VALUE, MGD_MSG_CONFIG_LOCK_STATUS,
-                       MGD_MSG_PRE_CONFIG_FEATURE, MGD_MSG_TRANSACTION_STATE, MGD_MSG_PLATFORM, 61})
+                       MGD_MSG_PRE_CONFIG_FEATURE, MGD_MSG_TRANSACTION_STATE, MGD_MSG_PLATFORM, MGMT_IMPORT_RQT_MSG})
         ipc_register_handler(uint16_t(m), simple_handler);
 }
 
 ipc_handler_fn Manager::lock_handler() { return simple_handler; }
-
-void Manager::log(const char *fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    std::fputs("mgd: ", stdout);
-    std::vprintf(fmt, ap);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-    va_end(ap);
-}
 
 uint32_t Manager::owner_of(const uint32_t *target) const {
     std::vector<uint32_t> t;
@@ -165,14 +155,14 @@ void Manager::answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t le
     size_t padded = (n + 7) & ~size_t{7};
     std::memcpy(head + 8 + 16, body, padded);
     append_segment(out + MGI_OFF_NEXTSEG, head, MGI_SEG_ERROR, head + 8, uint16_t(16 + padded));
-    put16(out + MGI_OFF_LEN, uint16_t(8 + 16 + padded));
+    put_be16(out + MGI_OFF_LEN, uint16_t(8 + 16 + padded));
     ipc_send_to_peer(peer, MGI_IPC_MSG, out, uint32_t(MGI_HDR_LEN + 8 + 16 + padded), 0);
 }
 
 int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t *status, uint8_t *reply,
                     uint32_t *reply_len) {
-    if (len < MGI_HDR_LEN || msg[MGI_OFF_MARK] != MGI_MARK || be16(msg + MGI_OFF_LEN) + MGI_HDR_LEN > len) {
-        log("malformed MGI message from app%u (%u bytes): refused", peer->appid, len);
+    if (len < MGI_HDR_LEN || msg[MGI_OFF_MARK] != MGI_MARK || get_be16(msg + MGI_OFF_LEN) + MGI_HDR_LEN > len) {
+        log(Level::warning, "malformed MGI message from app%u (%u bytes): refused", peer->appid, len);
         uint8_t hdr[MGI_HDR_LEN] = {};
         if (len) std::memcpy(hdr, msg, std::min<uint32_t>(len, MGI_HDR_LEN));
         hdr[MGI_OFF_MARK] = MGI_MARK;
@@ -185,9 +175,9 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
     std::copy(t.begin(), t.end(), target);
     uint32_t owner = owner_of(target);
     uint8_t type = msg[MGI_OFF_TYPE];
-    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && be32(msg + MGI_OFF_OFFSET) == MGI_NO_MORE;
+    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && get_be32(msg + MGI_OFF_OFFSET) == MGI_NO_MORE;
     if (owner == MGD_APPID && type != MGI_RQT_MGD_GET) {
-        log("%s %s (%s) type %u from app%u: served here", through_mgd ? "set" : "get", object_name(t),
+        log(Level::info, "%s %s (%s) type %u from app%u: served here", through_mgd ? "set" : "get", object_name(t),
             path_text(t).c_str(), type, peer->appid);
         uint8_t head[32] = {};
         head[4] = 0;
@@ -198,20 +188,20 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
     if (through_mgd) {
         // The request's line is written before its last answer goes out, so that
         // whoever got the answer finds the line.
-        auto log_set = [&](const std::string &outcome) {
-            log("set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u: %s", object_name(t),
+        auto log_set = [&](const std::string &outcome, Level level) {
+            log(level, "set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u: %s", object_name(t),
                 path_text(t).c_str(), type, peer->appid, msg[MGI_OFF_SRC], msg[MGI_OFF_TRANSACTION_ID],
-                be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
+                get_be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
         };
         if (owner) {
             relay_set(peer, msg, len, owner, log_set);
         } else {
-            log_set("unknown object, refused");
+            log_set("unknown object, refused", Level::warning);
             answer_error(peer, msg, len, -1, "unknown object");
         }
         return IPC_HANDLER_NOREPLY;
     }
-    log("get %s (%s) type %u from app%u", object_name(t), path_text(t).c_str(), type, peer->appid);
+    log(Level::info, "get %s (%s) type %u from app%u", object_name(t), path_text(t).c_str(), type, peer->appid);
     answer_stored(peer, msg, len, reply, reply_len);
     return IPC_HANDLER_REPLY;
 }
@@ -219,7 +209,7 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
 // Passes a set on to its owner and its answers back; keeps the record when it
 // was taken. `done` hears what happened before the last answer goes out.
 void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner,
-                        const std::function<void(const std::string &)> &done) {
+                        const std::function<void(const std::string &, Level)> &done) {
     static uint8_t answer[MGI_MAX_LEN];
     std::vector<uint8_t> req(msg, msg + len);
     std::string types;
@@ -229,7 +219,9 @@ void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint
         int rc = ipcmsg_send_and_recv(owner, 0, MGI_IPC_MSG, req.data(), uint32_t(req.size()), &st, answer, &cap,
                                       5000);
         if (rc < 0 || cap < MGI_HDR_LEN) {
-            done(types + (types.empty() ? "" : ", then ") + "no answer (" + std::to_string(rc) + ")");
+            std::string why = rc >= 0 ? "an answer of " + std::to_string(cap) + " bytes"
+                              : std::string(errno_name(-rc)) + (rc == -ENOENT || rc == -ECONNREFUSED ? ": not running" : "");
+            done(types + (types.empty() ? "" : ", then ") + "no answer (" + why + ")", Level::warning);
             char text[64];
             std::snprintf(text, sizeof text, "application %s does not answer", appid2appname(owner));
             answer_error(peer, msg, len, -1, text);
@@ -237,17 +229,17 @@ void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint
         }
         uint8_t type = answer[MGI_OFF_TYPE];
         types += (types.empty() ? "answered type " : ", ") + std::to_string(type);
-        if (type != MGI_RSP_PARTIAL) done(types);
+        if (type != MGI_RSP_PARTIAL) done(types, Level::info);
         ipc_send_to_peer(peer, MGI_IPC_MSG, answer, cap, 0);
         if (type == MGI_RSP_FINAL || type == MGI_RSP_FINAL2) {
-            stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + be16(msg + MGI_OFF_LEN));
+            stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + get_be16(msg + MGI_OFF_LEN));
             config_changed_ = true;
         }
         if (type != MGI_RSP_PARTIAL) return;
         // More follows from the owner: ask for it as a closing request of the same set.
         req[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
         req[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-        put16(req.data() + MGI_OFF_LEN, 0);
+        put_be16(req.data() + MGI_OFF_LEN, 0);
         req.resize(MGI_HDR_LEN);
     }
 }
@@ -257,21 +249,21 @@ void Manager::answer_stored(ipc_peer_t *, const uint8_t *msg, uint32_t, uint8_t 
     std::memcpy(reply, msg, MGI_HDR_LEN);
     reply[MGI_OFF_TYPE] = MGI_RSP_FINAL;
     reply[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-    put16(reply + MGI_OFF_LEN, 0);
+    put_be16(reply + MGI_OFF_LEN, 0);
     auto it = stored_.find(target_of(msg));
     if (it != stored_.end() && !it->second.empty()) {
         uint8_t *head = reply + MGI_HDR_LEN;
         append_segment(reply + MGI_OFF_NEXTSEG, head, MGI_SEG_ANSWER, it->second.data(), uint16_t(it->second.size()));
-        put16(reply + MGI_OFF_LEN, uint16_t(8 + it->second.size()));
+        put_be16(reply + MGI_OFF_LEN, uint16_t(8 + it->second.size()));
     }
-    *reply_len = MGI_HDR_LEN + be16(reply + MGI_OFF_LEN);
+    *reply_len = MGI_HDR_LEN + get_be16(reply + MGI_OFF_LEN);
 }
 
 int Manager::on_transaction(const uint8_t *req, uint32_t len, int32_t *status, uint8_t *reply, uint32_t *reply_len,
                             uint32_t from) {
     mgi_trans_info t = {};
     if (len < sizeof t) {
-        log("transaction request of %u bytes from app%u: refused", len, from);
+        log(Level::warning, "transaction request of %u bytes from app%u: refused", len, from);
         *status = -1;
         *reply_len = 0;
         return IPC_HANDLER_REPLY;
@@ -286,38 +278,38 @@ int Manager::on_transaction(const uint8_t *req, uint32_t len, int32_t *status, u
         if (t.trans_lock == 1) {
             if (open.id) {
                 out.trans_id = 0;
-                log("transaction take vsys %u by \"%s\" (app%u): refused, %u is open", t.trans_vsysid, t.trans_user,
+                log(Level::info, "transaction take vsys %u by \"%s\" (app%u): refused, %u is open", t.trans_vsysid, t.trans_user,
                     from, open.id);
             } else {
                 open.id = next_id_;
                 open.user = t.trans_user;
                 next_id_ = uint8_t(next_id_ == 255 ? 1 : next_id_ + 1);
                 out.trans_id = open.id;
-                log("transaction take vsys %u by \"%s\" (app%u): id %u", t.trans_vsysid, t.trans_user, from, open.id);
+                log(Level::info, "transaction take vsys %u by \"%s\" (app%u): id %u", t.trans_vsysid, t.trans_user, from, open.id);
             }
         } else if (open.id && open.id == t.trans_id) {
-            log("transaction release vsys %u id %u", t.trans_vsysid, t.trans_id);
+            log(Level::info, "transaction release vsys %u id %u", t.trans_vsysid, t.trans_id);
             open = Transaction{};
         } else {
-            log("transaction release vsys %u id %u: refused, not open", t.trans_vsysid, t.trans_id);
+            log(Level::info, "transaction release vsys %u id %u: refused, not open", t.trans_vsysid, t.trans_id);
             *status = -1;
         }
         break;
     case MGI_TRANS_STATE:
         out.trans_id = open.id;
-        log("transaction state vsys %u: %s", t.trans_vsysid, open.id ? "open" : "none");
+        log(Level::debug, "transaction state vsys %u: %s", t.trans_vsysid, open.id ? "open" : "none");
         break;
     case MGI_TRANS_ROLLBACK:
         if (open.id) {
-            log("transaction rollback vsys %u id %u", t.trans_vsysid, open.id);
+            log(Level::info, "transaction rollback vsys %u id %u", t.trans_vsysid, open.id);
             open = Transaction{};
         } else {
-            log("transaction rollback vsys %u: refused, none open", t.trans_vsysid);
+            log(Level::info, "transaction rollback vsys %u: refused, none open", t.trans_vsysid);
             *status = -1;
         }
         break;
     default:
-        log("transaction operation %u: refused", t.trans_op);
+        log(Level::warning, "transaction operation %u: refused", t.trans_op);
         *status = -1;
     }
     std::memcpy(reply, &out, sizeof out);
@@ -339,26 +331,26 @@ int Manager::on_simple(uint16_t msg, const uint8_t *req, uint32_t len, int32_t *
     *status = 0;
     switch (msg) {
     case MGD_MSG_REQUEST_CONFIG:
-        log("configuration requested by app%u (id %u, sequence %u)", from, len >= 2 ? be16(req) : 0,
-            len >= 4 ? be16(req + 2) : 0);
+        log(Level::info, "configuration requested by app%u (id %u, sequence %u)", from, len >= 2 ? get_be16(req) : 0,
+            len >= 4 ? get_be16(req + 2) : 0);
         return IPC_HANDLER_NOREPLY;
     case MGD_MSG_DBG_CONFIG:
-        log("debug configuration from app%u: %u %u %u", from, word(0), word(4), word(8));
+        log(Level::info, "debug configuration from app%u: %u %u %u", from, word(0), word(4), word(8));
         return IPC_HANDLER_NOREPLY;
     case MGD_MSG_LOCK_CFG:
         config_locked_ = word(4) != 0;
-        log("configuration %s by app%u", config_locked_ ? "locked" : "unlocked", from);
+        log(Level::info, "configuration %s by app%u", config_locked_ ? "locked" : "unlocked", from);
         return IPC_HANDLER_NOREPLY;
     case MGD_MSG_CONFIG_LOCK_STATUS: {
         uint16_t words[2] = {uint16_t(config_locked_ ? 1 : 0), 0};
         std::memcpy(reply, words, 4);
         *reply_len = 4;
-        log("configuration lock status to app%u: %s", from, config_locked_ ? "locked" : "unlocked");
+        log(Level::debug, "configuration lock status to app%u: %s", from, config_locked_ ? "locked" : "unlocked");
         return IPC_HANDLER_REPLY;
     }
     case MGD_MSG_CONFIG_CHANGE_STATUS:
         *status = config_changed_ ? 0 : -1;
-        log("configuration change status to app%u: %s", from, config_changed_ ? "changed" : "unchanged");
+        log(Level::debug, "configuration change status to app%u: %s", from, config_changed_ ? "changed" : "unchanged");
         std::memcpy(reply, req, std::min<uint32_t>(len, 2));
         *reply_len = std::min<uint32_t>(len, 2);
         return IPC_HANDLER_REPLY;
@@ -366,40 +358,42 @@ int Manager::on_simple(uint16_t msg, const uint8_t *req, uint32_t len, int32_t *
         uint16_t vsys = 0;
         if (len >= 2) std::memcpy(&vsys, req, 2);
         answer_word(transactions_[vsys].id);
-        log("transaction state word of vsys %u to app%u: %u", vsys, from, transactions_[vsys].id);
+        log(Level::debug, "transaction state word of vsys %u to app%u: %u", vsys, from, transactions_[vsys].id);
         return IPC_HANDLER_REPLY;
     }
     case MGD_MSG_SYSTEM_DEBUG_STATE:
         answer_word(0);
-        log("system debug state to app%u: 0", from);
+        log(Level::debug, "system debug state to app%u: 0", from);
         return IPC_HANDLER_REPLY;
     case MGD_MSG_PLATFORM:
         answer_word(word(0) == 1 ? 1 : 0);
-        log("platform word %u to app%u", word(0), from);
+        log(Level::debug, "platform word %u to app%u", word(0), from);
         return IPC_HANDLER_REPLY;
     case MGD_MSG_PRE_CONFIG_FEATURE:
         answer_word(0);
-        log("pre-configured feature %u to app%u: 0", word(0), from);
+        log(Level::debug, "pre-configured feature %u to app%u: 0", word(0), from);
         return IPC_HANDLER_REPLY;
     case MGD_MSG_OBJECT_DEFAULT_VALUE:
         std::memset(reply, 0, *reply_len < 64 ? *reply_len : 64);
         *reply_len = std::min<uint32_t>(*reply_len, 64);
-        log("default value of %x... to app%u: zeros", word(0), from);
+        log(Level::debug, "default value of %x... to app%u: zeros", word(0), from);
         return IPC_HANDLER_REPLY;
-    case 61: {
+    case MGMT_IMPORT_RQT_MSG: {
         // Import of one virtual system's configuration file.
-        char name[128] = {};
-        if (len >= 140) std::memcpy(name, req + 12, 127);
+        constexpr size_t name_at = offsetof(mgmt_import_rqt, file_name);
+        char name[sizeof(mgmt_import_rqt::file_name)] = {};
+        if (len >= name_at + sizeof name) std::memcpy(name, req + name_at, sizeof name - 1);
         std::memset(reply, 0, len);
         *reply_len = len;
-        if (len != 1348) {
+        char *reason = reinterpret_cast<char *>(reply) + MGMT_IMPORT_REASON_OFFSET;
+        if (len != sizeof(mgmt_import_rqt)) {
             *status = -1;
-            strlcpy(reinterpret_cast<char *>(reply) + 16, "malformed import request", 64);
+            strlcpy(reason, "malformed import request", 64);
         } else if (access(name, R_OK) != 0) {
             *status = -1;
-            strlcpy(reinterpret_cast<char *>(reply) + 16, "file not readable", 64);
+            strlcpy(reason, "file not readable", 64);
         }
-        log("import of \"%s\" by app%u: %s", name, from, *status == 0 ? "done" : "refused");
+        log(Level::info, "import of \"%s\" by app%u: %s", name, from, *status == 0 ? "done" : "refused");
         return IPC_HANDLER_REPLY;
     }
     default:

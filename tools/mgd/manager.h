@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"
+#include "log.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgd {
 
@@ -27,8 +28,6 @@ class Manager {
     void attach();
     // The handler of configuration locks, for a further address of the manager.
     static ipc_handler_fn lock_handler();
-    // One line per request on standard output.
-    void log(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
     // Owner of the object at a target path (host order), 0 when unknown.
     uint32_t owner_of(const uint32_t *target) const;
@@ -43,7 +42,7 @@ class Manager {
   private:
     void answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t len, int32_t code, const char *text);
     void relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint32_t owner,
-                   const std::function<void(const std::string &)> &done);
+                   const std::function<void(const std::string &, Level)> &done);
     void answer_stored(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint8_t *reply, uint32_t *reply_len);
 
     std::map<uint32_t, uint32_t> module_owner_;            // module number -> application

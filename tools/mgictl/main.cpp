@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "mgictl.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 #ifndef MGICTL_VERSION
 #define MGICTL_VERSION "unknown"

@@ -13,7 +13,7 @@
 #include "mgictl.h"
 #include "mgmt/device.h"
 #include "mgmt/mgi_services.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgictl {
 namespace {

@@ -8,7 +8,7 @@
 #include "mgictl.h"
 #include "mgmt/mgi_app.h"
 #include "mgmt/objects.h"
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 namespace mgictl {
 

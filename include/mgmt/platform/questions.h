@@ -6,7 +6,7 @@
 #ifndef PLATFORM_QUESTIONS_H
 #define PLATFORM_QUESTIONS_H
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -8,7 +8,7 @@
 
 #include <stdint.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 #ifdef __cplusplus
 extern "C" {

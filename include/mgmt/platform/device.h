@@ -22,7 +22,7 @@
 #include <stdint.h>
 #include <time.h>
 
-#include "platform/platform.h"
+#include "mgmt/platform/platform.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -23,6 +23,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -61,7 +62,9 @@ PLATFORM_API int ipc_init(uint32_t appid, uint32_t instance);
 
 /*
  * Sets the process identity and binds the daemon address (slot, appid,
- * instance) in the runtime directory. 0 or -1.
+ * instance) in the runtime directory. 0, or -1 with errno: EADDRINUSE when a
+ * live process holds the address, the runtime directory's error when it cannot
+ * be made or entered. ipc_register_error() words the reason for an operator.
  */
 PLATFORM_API int ipc_register(uint32_t appid, uint32_t instance);
 
@@ -80,8 +83,30 @@ PLATFORM_API int ipc_set_thread_identity(uint32_t appid, uint32_t instance);
 /* Own slot: MGMT_SLOT, else 0. */
 PLATFORM_API uint32_t ipc_own_slot(void);
 
-/* The runtime directory, created 0700 on first use (a thread-local copy; null on failure). */
+/*
+ * The runtime directory, created 0700 on first use (a thread-local copy). Null on failure, with
+ * errno set and the directory that could not be used in ipc_runtime_dir_tried().
+ */
 PLATFORM_API const char *ipc_runtime_dir(void);
+/* The directory the last resolution on this thread tried, whether it worked or not ("" before). */
+PLATFORM_API const char *ipc_runtime_dir_tried(void);
+
+/*
+ * Who holds the daemon address (appid, instance) of this slot: the pid of the process that answers
+ * there, taken from the credentials of its answer to a probe (a request of message number
+ * IPC_MSG_PROBE, which no handler serves). 0 when the address is free or its holder does not answer
+ * within timeout_ms; -1 with errno when the probe cannot be sent.
+ */
+#define IPC_MSG_PROBE 0xffffu
+PLATFORM_API int ipc_address_holder(uint32_t appid, uint32_t instance, int timeout_ms);
+
+/*
+ * Words for an operator on why ipc_register(appid, instance) or ipc_endpoint_open failed with
+ * errno err, into buf (size bytes), which is returned: "another mgd (pid 1234) serves /run/mgmt"
+ * when a live process holds the address (its name from /proc/<pid>/comm), "the runtime directory
+ * DIR cannot be used: REASON" when that is what failed, else the errno text.
+ */
+PLATFORM_API const char *ipc_register_error(uint32_t appid, uint32_t instance, int err, char *buf, size_t size);
 
 /*
  * An IPC destination id. A plain application number addresses instance 0 of
@@ -202,7 +227,7 @@ PLATFORM_API int ipc_send_to_peer(const ipc_peer_t *peer, uint16_t msg_id, const
 /*
  * Further endpoints of one process: each binds its own address (own slot,
  * appid, instance) with its own handler table and context. The functions
- * above work on the process's endpoint made by ipc_register. Opening (and ipc_register) fails when
+ * above work on the process's endpoint made by ipc_register. Opening (and ipc_register) fails, with errno, when
  * a live socket holds the address; a file left by a dead one is replaced. ipc_endpoint_stop acts
  * as ipc_stop does, for ipc_endpoint_serve.
  */
@@ -276,7 +301,16 @@ PLATFORM_API void console_print(const char *fmt, ...) __attribute__((format(prin
 typedef void (*console_sink_fn)(const char *text, void *ctx);
 PLATFORM_API void console_set_sink(console_sink_fn fn, void *ctx);
 
+/*
+ * strlcpy: copies at most size - 1 bytes of src and terminates dst (for a size above 0); returns
+ * strlen(src). A C library that has its own keeps it: glibc declares one from 2.38 (with
+ * _DEFAULT_SOURCE, which C++ and gnu C modes imply), libbsd and musl have one too. The stand-in
+ * builds its copy only where the C library lacks one, and as a weak symbol; this declaration
+ * steps aside where <string.h> made one, so that both compile side by side in C and C++.
+ */
+#if !(defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 38)) && defined(__USE_MISC))
 PLATFORM_API size_t strlcpy(char *dst, const char *src, size_t size);
+#endif
 
 /* Language words of the platform. */
 PLATFORM_API extern int _ui_language;
