@@ -1,8 +1,9 @@
 // One MGI request and its answer on each road, against a test server in the
 // same process, beside a raw Unix datagram round trip of the same sizes (the
-// floor). Run pinned to one CPU (taskset -c 0) and compare medians.
+// floor), and the direct road again while a monitor takes copies. Run pinned to one CPU (taskset -c 0) and compare medians.
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <sys/socket.h>
@@ -91,6 +92,31 @@ void BM_DirectGet(benchmark::State &state) {
     thread_free_mgi();
 }
 BENCHMARK(BM_DirectGet)->UseRealTime();
+
+// The same get while a monitor of the runtime directory takes a copy of both messages (a thread
+// of this process drains the copies). Without a monitor a send tests one shared word: compare
+// BM_DirectGet with the build before the monitor came.
+void BM_DirectGetWatched(benchmark::State &state) {
+    runtime_dir();
+    if (ipc_monitor_open() < 0) {
+        state.SkipWithError("cannot open the monitor");
+        return;
+    }
+    std::atomic<bool> stop{false};
+    std::atomic<uint64_t> copies{0};
+    std::thread drain([&] {
+        static unsigned char buf[64 + IPC_MAX_PAYLOAD];
+        while (!stop)
+            if (ipc_monitor_recv(buf, sizeof buf, 50) > 0) ++copies;
+    });
+    BM_DirectGet(state);
+    stop = true;
+    drain.join();
+    state.counters["copies"] = double(copies);
+    state.counters["dropped"] = double(ipc_monitor_dropped());
+    ipc_monitor_close();
+}
+BENCHMARK(BM_DirectGetWatched)->UseRealTime();
 
 void BM_SetThroughMgd(benchmark::State &state) {
     Server mgd(MGD_APPID, answer_set);

@@ -22,9 +22,9 @@ using mgmt_device::format_into;
 namespace {
 
 constexpr uint16_t kCapCrcMsg = 602;
-constexpr uint16_t kSessionCutMsg = 611;
-constexpr uint16_t kNmTimeoutMsg = 836;
-constexpr uint16_t kAvailStatusMsg = 880;
+constexpr uint16_t kSessionCutMsg = MGMT_SESSION_CUT_MSG;
+constexpr uint16_t kNmTimeoutMsg = MGMT_NM_TIMEOUT_MSG;
+constexpr uint16_t kAvailStatusMsg = MGMT_AVAIL_STATUS_MSG;
 constexpr uint32_t kAvailStatusAppid = 0;
 constexpr uint32_t kAvailReplySize = 64;
 constexpr size_t kAvailFlagOffset = 44;

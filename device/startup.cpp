@@ -15,7 +15,7 @@
 
 namespace {
 constexpr uint32_t kAdmindAppid = 15;
-constexpr uint16_t kAdmindPublishMsg = 324;
+constexpr uint16_t kAdmindPublishMsg = MGMT_ADMIND_PUBLISH_MSG;
 } // namespace
 
 extern "C" {

@@ -31,9 +31,10 @@ int mgmt_stub_set(const libmgmt_object *obj, mgiInfo *info, mgi_rsp_callback cal
 int mgmt_stub_get(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback callback, void *record);
 int mgmt_stub_exec(const libmgmt_object *obj, mgiInfo *info, mgi_direct_callback callback, void *record);
 
-/* The catalogue: objects in catalogue order, and their numbers in name order. */
+/* The catalogue: objects in catalogue order, and their numbers in name order and in path order. */
 extern const libmgmt_object *const mgmt_object_table[];
 extern const uint16_t mgmt_object_by_name[];
+extern const uint16_t mgmt_object_by_path[];
 extern const uint32_t mgmt_object_total;
 
 #endif

@@ -115,7 +115,10 @@ int runtime_dir(char *out, unsigned *gen, bool force = false) {
             g_dir_ok = false;
             return rc;
         }
-        if (!g_dir_ok || strcmp(dir, g_dir) != 0) ++g_dir_gen;
+        if (!g_dir_ok || strcmp(dir, g_dir) != 0) {
+            ++g_dir_gen;
+            monitor_attach(dir);
+        }
         strcpy(g_dir, dir);
         snprintf(g_dir_key, sizeof g_dir_key, "%s", key);
         g_dir_ok = true;
@@ -241,10 +244,11 @@ int open_bound(const char *name, bool check_live, Owned *own) {
     }
 }
 
-int dst_addr(uint32_t dst, uint32_t inst, sockaddr_un *sa, socklen_t *len) {
+int dst_addr(uint32_t dst, uint32_t inst, sockaddr_un *sa, socklen_t *len, Src *who) {
     uint32_t slot = dst >> 24, instance = (dst >> 16) & 0xff, app = dst & 0xffff;
     if (slot == 0) slot = ipc_own_slot();
     if (inst) instance = inst;
+    if (who) *who = Src{slot, app, instance};
     char dir[kPathMax];
     int rc = runtime_dir(dir, nullptr);
     if (rc < 0) return rc;
@@ -263,7 +267,7 @@ void set_send_timeout(int fd, int ms, int *cache) {
 }
 
 int send_frame(int fd, const sockaddr_un *sa, socklen_t salen, uint16_t msg, uint8_t kind, uint32_t seq,
-               int32_t status, Src src, const void *buf, uint32_t len) {
+               int32_t status, Src src, Src dst, const void *buf, uint32_t len) {
     if (len > IPC_MAX_PAYLOAD) return -EMSGSIZE;
     if (len && !buf) return -EINVAL;
     ipc_frame_t fr{};
@@ -283,11 +287,19 @@ int send_frame(int fd, const sockaddr_un *sa, socklen_t salen, uint16_t msg, uin
     mh.msg_namelen = salen;
     mh.msg_iov = iov;
     mh.msg_iovlen = len ? 2 : 1;
-    for (;;) {
-        if (sendmsg(fd, &mh, MSG_NOSIGNAL) >= 0) return 0;
+    // The monitor's copy goes first, so that it comes before the copy of any answer; a send that
+    // then fails is told by a second copy without payload.
+    const bool watched = monitor_watching();
+    if (watched) [[unlikely]]
+        monitor_copy(fr, buf, len, dst, 0);
+    int rc = 0;
+    while (sendmsg(fd, &mh, MSG_NOSIGNAL) < 0) {
         if (errno == EINTR) continue;
-        return errno == EAGAIN ? -ETIMEDOUT : -errno; // EAGAIN: SO_SNDTIMEO ran out on a full queue
+        rc = errno == EAGAIN ? -ETIMEDOUT : -errno; // EAGAIN: SO_SNDTIMEO ran out on a full queue
+        if (watched) monitor_copy(fr, nullptr, 0, dst, rc);
+        break;
     }
+    return rc;
 }
 
 int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms) {
@@ -434,12 +446,13 @@ int client_send(uint32_t dst, uint32_t inst, uint16_t msg, const void *buf, uint
     if (!me) return errno ? -errno : -EIO;
     sockaddr_un sa;
     socklen_t salen;
-    int rc = dst_addr(dst, inst, &sa, &salen);
+    Src to;
+    int rc = dst_addr(dst, inst, &sa, &salen, &to);
     if (rc < 0) return rc;
     ThreadSock &ts = t_sock;
     if (seq) *seq = next_seq(ts);
     set_send_timeout(me->fd, timeout_ms > 0 ? timeout_ms : default_timeout_ms(), &ts.sndtimeo);
-    return send_frame(me->fd, &sa, salen, msg, kind, seq ? *seq : 0, 0, src_of(me), buf, len);
+    return send_frame(me->fd, &sa, salen, msg, kind, seq ? *seq : 0, 0, src_of(me), to, buf, len);
 }
 
 } // namespace

@@ -40,6 +40,9 @@ namespace {
 ipc_handler_fn g_proc_handlers[kHandlers]; // handlers of the process endpoint (ipc_register_handler)
 std::atomic<ipc_endpoint *> g_proc{nullptr};
 
+/* Who a peer is, as its frame said. */
+Src peer_src(const ipc_peer_t &p) { return Src{p.slot, p.appid, p.instance}; }
+
 /* The endpoint whose handler runs on this thread: ipc_send_to_peer answers from its socket. */
 thread_local ipc_endpoint *t_current = nullptr;
 
@@ -102,7 +105,8 @@ void handle(ipc_endpoint *ep, const ipc_frame_t &fr, ipc_peer_t &peer, uint32_t 
     if (action != IPC_HANDLER_REPLY || fr.kind != IPC_KIND_REQUEST || peer.addrlen <= sizeof(sa_family_t)) return;
     sockaddr_un to;
     memcpy(&to, peer.addr, sizeof to);
-    send_frame(ep->fd, &to, peer.addrlen, msg, IPC_KIND_REPLY, fr.seq, status, ep->id, ep->tx, rlen);
+    send_frame(ep->fd, &to, peer.addrlen, msg, IPC_KIND_REPLY, fr.seq, status, ep->id, peer_src(peer), ep->tx,
+               rlen);
 }
 
 /* 1 dispatched, 0 time-out (or stop, with watch_stop), -1 error. */
@@ -206,11 +210,12 @@ int ipc_send_to_peer(const ipc_peer_t *peer, uint16_t msg_id, const void *buf, u
     sockaddr_un to;
     memcpy(&to, peer->addr, sizeof to);
     if (ipc_endpoint *ep = t_current) // inside a handler: answer from the endpoint's own socket
-        return send_frame(ep->fd, &to, peer->addrlen, msg_id, IPC_KIND_REPLY, peer->seq, status, ep->id, buf, len);
+        return send_frame(ep->fd, &to, peer->addrlen, msg_id, IPC_KIND_REPLY, peer->seq, status, ep->id,
+                          peer_src(*peer), buf, len);
     ipc_handle_t *me = ipc_self();
     if (!me) return -EIO;
     return send_frame(me->fd, &to, peer->addrlen, msg_id, IPC_KIND_REPLY, peer->seq, status,
-                      Src{me->slot, me->appid, me->instance}, buf, len);
+                      Src{me->slot, me->appid, me->instance}, peer_src(*peer), buf, len);
 }
 
 void ipc_close(void) {

@@ -21,10 +21,11 @@ int ipc_address_holder(uint32_t appid, uint32_t instance, int timeout_ms) {
     if (!me) return -1;
     sockaddr_un sa;
     socklen_t salen;
-    int rc = plat::dst_addr(mktipcid(0, instance, appid), 0, &sa, &salen);
+    plat::Src to{};
+    int rc = plat::dst_addr(mktipcid(0, instance, appid), 0, &sa, &salen, &to);
     if (rc == 0)
         rc = plat::send_frame(me->fd, &sa, salen, IPC_MSG_PROBE, IPC_KIND_REQUEST, 0, 0,
-                              plat::Src{me->slot, me->appid, me->instance}, nullptr, 0);
+                              plat::Src{me->slot, me->appid, me->instance}, to, nullptr, 0);
     if (rc == -ENOENT || rc == -ECONNREFUSED) return 0; // nobody there
     if (rc < 0) {
         errno = -rc;

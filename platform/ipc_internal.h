@@ -6,6 +6,8 @@
 
 #include "mgmt/platform/platform.h"
 
+#include <atomic>
+
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/un.h>
@@ -37,20 +39,58 @@ void disown(Owned *o);
  */
 int open_bound(const char *name, bool check_live, Owned *own);
 
-/* The address of destination id dst (with inst added as instance when non-zero). 0 or -errno. */
-int dst_addr(uint32_t dst, uint32_t inst, sockaddr_un *sa, socklen_t *len);
-
 /* Identity written into the frame's source words. */
 struct Src {
     uint32_t slot, appid, instance;
 };
 
+/*
+ * The address of destination id dst (with inst added as instance when non-zero), and who is
+ * there (when who is given). 0 or -errno.
+ */
+int dst_addr(uint32_t dst, uint32_t inst, sockaddr_un *sa, socklen_t *len, Src *who = nullptr);
+
 /* Sets SO_SNDTIMEO when it differs from *cache (a value in ms, -1 unknown). */
 void set_send_timeout(int fd, int ms, int *cache);
 
-/* One frame + payload to sa. 0 or -errno (-ETIMEDOUT when the peer's queue stays full). */
+/*
+ * One frame + payload to sa, where dst is. 0 or -errno (-ETIMEDOUT when the peer's queue stays
+ * full). A monitor of the runtime directory gets a copy.
+ */
 int send_frame(int fd, const sockaddr_un *sa, socklen_t salen, uint16_t msg, uint8_t kind, uint32_t seq,
-               int32_t status, Src src, const void *buf, uint32_t len);
+               int32_t status, Src src, Src dst, const void *buf, uint32_t len);
+
+/* ---- the monitor tap (monitor.cpp) */
+
+/* The word every process maps from the runtime directory, and the monitor's address there. */
+struct MonitorPage {
+    std::atomic<int32_t> monitor; // pid of the open monitor, 0 when none
+    std::atomic<uint32_t> reserved;
+    std::atomic<uint64_t> dropped; // copies dropped since it opened
+};
+/*
+ * A queue of datagrams holds few of them (net.unix.max_dgram_qlen, often 10): the monitor reads
+ * several queues, a sender moves on to the next one it finds full, and the monitor takes the
+ * copies in the order of their time.
+ */
+constexpr int kMonitorQueues = 8;
+struct MonitorTap {
+    MonitorTap *earlier; // the tap of the directory before, kept: a thread may still read it
+    MonitorPage *page;
+    sockaddr_un addr[kMonitorQueues];
+    socklen_t addrlen[kMonitorQueues];
+};
+extern std::atomic<MonitorTap *> g_tap;
+
+/* Maps the monitor word of the runtime directory dir: when the directory is made or changes. */
+void monitor_attach(const char *dir);
+/* Whether a monitor is open: the one test on every send. */
+inline bool monitor_watching() {
+    MonitorTap *t = g_tap.load(std::memory_order_relaxed);
+    return t && t->page->monitor.load(std::memory_order_relaxed) != 0;
+}
+/* Sends the monitor the copy of a frame that went (or failed, result < 0) to dst. */
+void monitor_copy(const ipc_frame_t &fr, const void *buf, uint32_t len, Src dst, int result);
 
 /*
  * Receives one valid message (magic right, sender uid ours or 0; others are dropped). timeout_ms 0:

@@ -82,6 +82,14 @@ MGMT_API const libmgmt_object *libmgmt_object_find(const char *name);
 MGMT_API uint32_t libmgmt_object_count(void);
 /* Object number i in catalogue order, or null when i is out of range. */
 MGMT_API const libmgmt_object *libmgmt_object_at(uint32_t i);
+/* The object at exactly these target words (host order, depth words), or null. */
+MGMT_API const libmgmt_object *libmgmt_object_by_path(const uint32_t *words, uint32_t depth);
+/*
+ * A field in the catalogue's notation: kind letter and width ("u16", "s32",
+ * "b6"), with "@offset" when the catalogue places it. Writes at most size
+ * bytes, always terminated; returns the length of the whole text.
+ */
+MGMT_API int libmgmt_field_notation(const libmgmt_field *field, char *buf, size_t size);
 
 MGMT_END_DECLS
 

@@ -26,6 +26,7 @@ MGMT_API int get_sys_language(void);
 MGMT_API int system_language_info_ipcmsg_handler(void *ipc, void *head, void *payload, uint32_t len,
                                                  int32_t *status, void *reply, uint32_t *reply_len);
 /* Tells the administration daemon (application 15, message 324) that there is news to publish. */
+#define MGMT_ADMIND_PUBLISH_MSG 324
 MGMT_API int vk_admind_publish_info(void);
 /* SIGCHLD handler: reaps every ended child of the process. */
 MGMT_API void sig_int(int sig);
@@ -170,6 +171,9 @@ MGMT_API int is_apm_ipc_ready(void);
 #define MGMT_DEVICE_UUID_FILE "/flash/device_uuid"
 #define MGMT_VSYS_LOCK_PROC "/proc/mgd_vsys_lock_status"
 #define MGMT_VSYS_LOCK_STATUS_CMD 7
+#define MGMT_SESSION_CUT_MSG 611 /* to the manager */
+#define MGMT_NM_TIMEOUT_MSG 836  /* to the manager */
+#define MGMT_AVAIL_STATUS_MSG 880 /* to application 0 */
 
 /* Argument of the vsys lock request. */
 typedef struct vsys_lock_rec {

@@ -355,6 +355,11 @@ std::vector<Row> read_catalogue(const std::string &file) {
         by_name[r.name] = static_cast<int>(rows.size());
         rows.push_back(std::move(r));
     }
+    // One object per path: the path names the object on the wire.
+    std::map<std::vector<uint32_t>, int> by_path;
+    for (const auto &r : rows)
+        if (auto [it, fresh] = by_path.emplace(r.path, r.line); !fresh)
+            report(r.line, r.name, "path " + r.path_text + " is taken by the row on line " + std::to_string(it->second));
     // Parents: a keyed object whose path is a proper prefix of the row's path.
     for (auto &r : rows) {
         if (r.parent_name == "-") continue;
@@ -583,10 +588,16 @@ std::string table(const std::vector<Row> &rows) {
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = i;
     std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return rows[a].name < rows[b].name; });
-    o += "extern const uint16_t mgmt_object_by_name[] = {\n";
-    for (size_t i = 0; i < order.size(); ++i)
-        o += (i % 16 == 0 ? "    " : " ") + std::to_string(order[i]) + "," + (i % 16 == 15 ? "\n" : "");
-    o += "\n};\n\n";
+    auto numbers = [&](const char *name) {
+        o += std::string("extern const uint16_t ") + name + "[] = {\n";
+        for (size_t i = 0; i < order.size(); ++i)
+            o += (i % 16 == 0 ? "    " : " ") + std::to_string(order[i]) + "," + (i % 16 == 15 ? "\n" : "");
+        o += "\n};\n\n";
+    };
+    numbers("mgmt_object_by_name");
+    // Path order: word by word, a path before the longer paths it leads.
+    std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return rows[a].path < rows[b].path; });
+    numbers("mgmt_object_by_path");
     o += "extern const uint32_t mgmt_object_total = " + std::to_string(rows.size()) + "u;\n";
     return o;
 }

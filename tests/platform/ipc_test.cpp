@@ -467,3 +467,50 @@ TEST_F(IpcTest, ServeStopsFromAnotherThreadOrASignalHandler) {
     k.join();
     sigaction(SIGUSR1, &old, nullptr);
 }
+
+// A monitor gets a copy of each frame, request and answer in their order, with who sent it to
+// whom; left unread, its queues fill and further copies are dropped and counted, while every
+// send still goes at once.
+TEST_F(IpcTest, MonitorCopiesAndDropsWithoutHoldingASender) {
+    Seen seen;
+    ipc_endpoint_t *ep = ipc_endpoint_open(47, 0, &seen);
+    ASSERT_NE(ep, nullptr);
+    ipc_endpoint_handler(ep, 9, echo_reversed);
+    std::thread server([ep] { ipc_endpoint_serve(ep); });
+    ipc_set_thread_identity(5, 0);
+    ASSERT_GE(ipc_monitor_open(), 0);
+    EXPECT_EQ(ipc_monitor_open(), -EBUSY);
+    int32_t status;
+    ASSERT_EQ(exchange(47, 0, 9, "abc", &status, nullptr), 0);
+    std::vector<char> buf(64 + IPC_MAX_PAYLOAD);
+    struct Want {
+        uint32_t from, to, kind;
+        std::string payload;
+    };
+    for (const Want &w : {Want{5, 47, IPC_KIND_REQUEST, "abc"}, Want{47, 5, IPC_KIND_REPLY, "cba"}}) {
+        ASSERT_EQ(ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 2000), 64 + 3);
+        ipc_monitor_head_t h;
+        ipc_frame_t fr;
+        std::memcpy(&h, buf.data(), sizeof h);
+        std::memcpy(&fr, buf.data() + sizeof h, sizeof fr);
+        EXPECT_EQ(h.magic, IPC_MONITOR_MAGIC);
+        EXPECT_EQ(h.result, 0);
+        EXPECT_EQ(h.pid, getpid());
+        EXPECT_EQ(fr.src_app, w.from);
+        EXPECT_EQ(h.dst_app, w.to);
+        EXPECT_EQ(fr.kind, w.kind);
+        EXPECT_EQ(fr.msg_be[1], 9);
+        EXPECT_EQ(std::string(buf.data() + 64, 3), w.payload);
+    }
+    EXPECT_EQ(ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 0), -ETIMEDOUT);
+    auto t0 = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(exchange(47, 0, 9, std::string(1000, 'x'), &status, nullptr), 0) << i;
+    EXPECT_LT(elapsed_ms(t0), 5000);
+    EXPECT_GT(ipc_monitor_dropped(), 0u);
+    EXPECT_LT(ipc_monitor_dropped(), 400u);
+    ipc_monitor_close();
+    EXPECT_EQ(ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 0), -EBADF);
+    ipc_endpoint_stop(ep);
+    server.join();
+    ipc_endpoint_close(ep);
+}

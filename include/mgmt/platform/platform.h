@@ -249,6 +249,46 @@ PLATFORM_API void ipc_close(void);
  */
 PLATFORM_API void ipc_reset(void);
 
+/* ---------------------------------------------------------------- monitor */
+
+/*
+ * A monitor of the runtime directory (for tools): while one is open, every process that sends in
+ * that directory sends it a copy of each frame, without waiting. A copy that does not fit the
+ * monitor's queue is dropped and counted; the real send never waits or fails because of it.
+ * Without a monitor a send costs one test of a word that every process maps from the directory.
+ *
+ * A copy is one datagram: the head below, then the frame as it was sent (ipc_frame_t, its
+ * source words those of the sender) and the payload. It goes out just before the message itself;
+ * a send that then fails is told by a second copy, of the head and frame alone, with the result.
+ */
+typedef struct ipc_monitor_head {
+    uint32_t magic;   /* IPC_MONITOR_MAGIC */
+    int32_t result;   /* 0; a negative errno when the send failed (nobody bound the address ...) */
+    uint64_t time_ns; /* CLOCK_REALTIME when it was sent */
+    int32_t pid;      /* the sending process */
+    uint16_t dst_slot, dst_app, dst_inst; /* where it went */
+    uint16_t reserved;
+    uint32_t reserved2;
+} ipc_monitor_head_t;
+
+#define IPC_MONITOR_MAGIC 0x4d47494du /* "MGIM" */
+
+/*
+ * Opens the monitor addresses of the runtime directory: a descriptor that polls readable while
+ * copies wait, or -errno (-EADDRINUSE when a monitor runs there already). One monitor per process.
+ */
+PLATFORM_API int ipc_monitor_open(void);
+/*
+ * Takes the earliest copy that waits: its bytes (head, frame, payload; at most cap) or -errno;
+ * -ETIMEDOUT after timeout_ms (0: at once; < 0: no bound), -EINTR when a signal came. Copies from
+ * another user are dropped unseen.
+ */
+PLATFORM_API int ipc_monitor_recv(void *buf, uint32_t cap, int timeout_ms);
+/* Copies that senders dropped since the monitor opened, its queue being full. */
+PLATFORM_API uint64_t ipc_monitor_dropped(void);
+/* Closes the monitor: senders stop copying. */
+PLATFORM_API void ipc_monitor_close(void);
+
 /* ---------------------------------------------------------------- names, output */
 
 /* A printable name of an application id ("mgd" for 2, else "app<N>"). */
