@@ -76,11 +76,11 @@ typedef struct libmgmt_object {
     int (*exec)(mgiInfo *info, mgi_direct_callback callback, void *record); /* final_exec_<object> or null */
 } libmgmt_object;
 
-/* The object of that name, or null. */
+/* The object of that exact name, or null (also for a null name). The record is the library's, never freed. */
 MGMT_API const libmgmt_object *libmgmt_object_find(const char *name);
 /* Number of objects in the catalogue. */
 MGMT_API uint32_t libmgmt_object_count(void);
-/* Object number i in catalogue order, or null when i is out of range. */
+/* Object number i in catalogue order (0 to count - 1), or null when i is out of range. */
 MGMT_API const libmgmt_object *libmgmt_object_at(uint32_t i);
 /* The object at exactly these target words (host order, depth words), or null. */
 MGMT_API const libmgmt_object *libmgmt_object_by_path(const uint32_t *words, uint32_t depth);

@@ -11,7 +11,8 @@
  * connectors.
  *
  * The expression nodes, rows and lists are those of the condition context
- * (condContext, gcondCtx) of mgi_app.h.
+ * (condContext, gcondCtx) of mgi_app.h. Nothing here locks: the lists are
+ * the serving thread's, one request and one walk at a time.
  */
 #ifndef MGMT_COND_H
 #define MGMT_COND_H
@@ -35,7 +36,7 @@ MGMT_BEGIN_DECLS
  * The canonical operator of the phrase words[0..count), one to three words,
  * matched exactly (case counts); null for any other count or phrase. Three
  * words are "no" or "not" before a two-word phrase meaning "gt" (gives "ngt")
- * or "lt" (gives "nlt").
+ * or "lt" (gives "nlt"). Null words gives null.
  */
 MGMT_API const char *find_match_op_symbol(char *const *words, int count);
 /* The two-word phrases: "not match"/"not equal", "bigger than"/"greater than", "less than"/"smaller than". */
@@ -45,8 +46,9 @@ MGMT_API const char *find_match_op_symbol_with2str(char *const *words);
  * Values of item type `type` (APP_ITEM_*) stored at a and b. match: 1 when
  * equal. less: 1 when the value at b is below the value at a (the smaller
  * candidate second). A truth value is always "less"; a type without a rule is
- * both equal and less. A MAC address (type 12) is equal by strcmp and less by
- * strncmp of 6 bytes.
+ * both equal and less. A null pointer gives 0 for a type with a rule. Kept
+ * on purpose: a MAC address (type 12) is equal by strcmp and less by strncmp
+ * of 6 bytes, unlike each other.
  */
 MGMT_API int logic_compare_match(uint32_t type, const void *a, const void *b);
 MGMT_API int logic_compare_less(uint32_t type, const void *a, const void *b);
@@ -76,7 +78,10 @@ MGMT_API int logic_compare_less(uint32_t type, const void *a, const void *b);
  * is appended to expr_list, with the item's type and offset. 0 or a COND_ERR_*
  * code; on failure words, connectors and expr_list keep what was placed
  * (destruct_cond_context, or free_record_words and free_expr_list_all, release
- * it).
+ * it); -1 also for a null expression, words, connectors or expr_list. Kept on
+ * purpose: each step of the word scan starts again at the text's start and
+ * gets its first word, so a text with a first word always ends at -1987
+ * (-1988 when that word is a connector).
  */
 MGMT_API int retrieve_postJudge_stdExpr(const uint32_t *path, const char *expression, char **words,
                                         int32_t *connectors, cond_expr_list *expr_list);
@@ -87,7 +92,9 @@ MGMT_API int retrieve_postJudge_stdExpr(const uint32_t *path, const char *expres
  * 0 in both cases, and for an empty list of either kind; otherwise a COND_ERR_*
  * code, and the row stays. The row is the list node itself: its second
  * pointer-sized word is its link, and each item lies at its offset from the
- * row's start.
+ * row's start. Kept on purpose: a value of type 1, 2 or 3 is refused for any
+ * text (-1998, -1997, -1995), and a comparison gets the parsed value's record
+ * (its type code first), not the value; string and MAC values are not freed.
  */
 MGMT_API int default_post_logic_analyze(cond_data_list *data_list, cond_expr_list *expr_list);
 
