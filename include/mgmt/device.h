@@ -29,6 +29,7 @@ MGMT_API int get_sys_language(void);
  */
 MGMT_API int system_language_info_ipcmsg_handler(void *ipc, void *head, void *payload, uint32_t len,
                                                  int32_t *status, void *reply, uint32_t *reply_len);
+/* Message number of the news for the administration daemon (application 15). */
 #define MGMT_ADMIND_PUBLISH_MSG 324
 /*
  * Tells the administration daemon (application 15, message 324, no payload, no reply) that there is news
