@@ -45,22 +45,6 @@ struct FreshIpcDir {
     }
 } fresh_ipc_dir;
 
-void put16(uint8_t *p, uint16_t v) {
-    p[0] = uint8_t(v >> 8);
-    p[1] = uint8_t(v);
-}
-void put32(uint8_t *p, uint32_t v) {
-    p[0] = uint8_t(v >> 24);
-    p[1] = uint8_t(v >> 16);
-    p[2] = uint8_t(v >> 8);
-    p[3] = uint8_t(v);
-}
-
-// Whether the process behind pidfd has ended, waiting at most ms for it.
-bool child_gone(int pidfd, int ms) {
-    return wait_until([] { return false; }, {}, ms, pidfd);
-}
-
 } // namespace
 
 bool wait_until(const std::function<bool()> &pred, const std::vector<std::string> &watch, int ms, int stop_fd) {
@@ -84,6 +68,11 @@ bool wait_until(const std::function<bool()> &pred, const std::vector<std::string
     return ok || stopped;
 }
 
+namespace {
+// Whether the process behind pidfd has ended, waiting at most ms for it.
+bool child_gone(int pidfd, int ms) { return wait_until([] { return false; }, {}, ms, pidfd); }
+} // namespace
+
 ConsoleCapture::ConsoleCapture() { console_set_sink(&ConsoleCapture::sink, this); }
 ConsoleCapture::~ConsoleCapture() { console_set_sink(nullptr, nullptr); }
 void ConsoleCapture::sink(const char *text, void *ctx) {
@@ -100,15 +89,12 @@ void ConsoleCapture::clear() {
     text_.clear();
 }
 
-uint16_t be16(const uint8_t *p) { return uint16_t((p[0] << 8) | p[1]); }
-uint32_t be32(const uint8_t *p) { return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3]; }
 Bytes bytes_of(const std::string &s) { return Bytes(s.begin(), s.end()); }
 
 void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields) {
     for (const Field &f : fields) {
-        uint32_t got = 0;
-        for (int i = 0; i < f.width; ++i)
-            got = (got << 8) | msg[f.at + size_t(i)];
+        const uint8_t *p = msg + f.at;
+        const uint32_t got = f.width == 4 ? be32(p) : f.width == 2 ? be16(p) : p[0];
         EXPECT_EQ(got, f.value) << "at byte " << f.at;
     }
 }
@@ -124,11 +110,11 @@ Bytes mgi_message(uint8_t type, const std::vector<Seg> &segs) {
         m.resize(at + MGI_SEGHDR_LEN + s.body.size());
         m[at] = i + 1 < segs.size() ? segs[i + 1].type : MGI_SEG_END;
         m[at + 1] = s.type;
-        put16(&m[at + 2], uint16_t(s.body.size()));
-        put32(&m[at + 4], s.subtype);
+        mgmt::put_be16(&m[at + 2], uint16_t(s.body.size()));
+        mgmt::put_be32(&m[at + 4], s.subtype);
         std::copy(s.body.begin(), s.body.end(), m.begin() + long(at + MGI_SEGHDR_LEN));
     }
-    put16(&m[MGI_OFF_LEN], uint16_t(m.size() - MGI_HDR_LEN));
+    mgmt::put_be16(&m[MGI_OFF_LEN], uint16_t(m.size() - MGI_HDR_LEN));
     return m;
 }
 
@@ -137,7 +123,7 @@ Bytes mgi_record_message(uint8_t type, const Bytes &payload) {
     m[MGI_OFF_MARK] = MGI_MARK;
     m[MGI_OFF_TYPE] = type;
     m[MGI_OFF_NEXTSEG] = 0;
-    put16(&m[MGI_OFF_LEN], uint16_t(payload.size()));
+    mgmt::put_be16(&m[MGI_OFF_LEN], uint16_t(payload.size()));
     m.resize(MGI_HDR_LEN + payload.size());
     if (!payload.empty()) std::memcpy(m.data() + MGI_HDR_LEN, payload.data(), payload.size());
     return m;

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "mgi/wire.h"
 #include "mgmt/mgi.h"
 #include "mgmt/platform/platform.h"
 
@@ -57,8 +58,9 @@ struct Field {
 };
 // Expects each field of msg to hold its value, naming the offset of each that does not.
 void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields);
-uint16_t be16(const uint8_t *p);
-uint32_t be32(const uint8_t *p);
+// Words in network byte order, read with the library's own helpers.
+inline uint16_t be16(const uint8_t *p) { return mgmt::get_be16(p); }
+inline uint32_t be32(const uint8_t *p) { return mgmt::get_be32(p); }
 
 // A message as a peer received it.
 struct Received {
