@@ -22,6 +22,14 @@ using mgmt_device::ChildVerdict;
 using mgmt_device::format_into;
 using mgmt_device::judge_child_status;
 
+ChildVerdict mgmt_device::judge_child_status(int status) {
+    const int sig = status & 0x7f;
+    if (sig == 0) return ChildVerdict::done;
+    if (sig == 0x7f) return ChildVerdict::wait_again;
+    if (((status >> 8) & 0xff) == 0) return ChildVerdict::done;
+    return ChildVerdict::retry;
+}
+
 namespace {
 
 constexpr uint32_t kCmdListElem = 1024;

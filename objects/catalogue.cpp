@@ -3,13 +3,16 @@
 
 #include "objects/objects_internal.h"
 
-MGMT_API const libmgmt_object *libmgmt_object_find(const char *name) {
-    if (!name) return nullptr;
+namespace {
+
+// Binary search of the catalogue in the order of `order` (numbers into the table); compare gives
+// the sign of the sought key against an object.
+template <class Compare> const libmgmt_object *search(const uint16_t *order, Compare compare) {
     uint32_t lo = 0, hi = mgmt_object_total;
     while (lo < hi) {
         const uint32_t mid = lo + (hi - lo) / 2;
-        const libmgmt_object *obj = mgmt_object_table[mgmt_object_by_name[mid]];
-        const int c = strcmp(name, obj->name);
+        const libmgmt_object *obj = mgmt_object_table[order[mid]];
+        const int c = compare(obj);
         if (c == 0) return obj;
         if (c < 0)
             hi = mid;
@@ -17,6 +20,13 @@ MGMT_API const libmgmt_object *libmgmt_object_find(const char *name) {
             lo = mid + 1;
     }
     return nullptr;
+}
+
+} // namespace
+
+MGMT_API const libmgmt_object *libmgmt_object_find(const char *name) {
+    if (!name) return nullptr;
+    return search(mgmt_object_by_name, [&](const libmgmt_object *obj) { return strcmp(name, obj->name); });
 }
 
 MGMT_API uint32_t libmgmt_object_count(void) { return mgmt_object_total; }
@@ -28,23 +38,11 @@ MGMT_API const libmgmt_object *libmgmt_object_at(uint32_t i) {
 MGMT_API const libmgmt_object *libmgmt_object_by_path(const uint32_t *words, uint32_t depth) {
     if (!words || depth == 0 || depth > MGI_TARGET_WORDS) return nullptr;
     // Word by word; a path comes before the longer paths it leads.
-    auto compare = [&](const libmgmt_object *obj) {
+    return search(mgmt_object_by_path, [&](const libmgmt_object *obj) {
         for (uint32_t k = 0; k < depth && k < obj->depth; ++k)
             if (words[k] != obj->path[k]) return words[k] < obj->path[k] ? -1 : 1;
         return depth == obj->depth ? 0 : depth < obj->depth ? -1 : 1;
-    };
-    uint32_t lo = 0, hi = mgmt_object_total;
-    while (lo < hi) {
-        const uint32_t mid = lo + (hi - lo) / 2;
-        const libmgmt_object *obj = mgmt_object_table[mgmt_object_by_path[mid]];
-        const int c = compare(obj);
-        if (c == 0) return obj;
-        if (c < 0)
-            hi = mid;
-        else
-            lo = mid + 1;
-    }
-    return nullptr;
+    });
 }
 
 MGMT_API int libmgmt_field_notation(const libmgmt_field *field, char *buf, size_t size) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "mgmt/objects.h"
+#include "test_support.h"
 
 namespace {
 
@@ -126,12 +127,17 @@ TEST(Catalogue, ParentChainsAndSlots) {
 }
 
 // Exactly the packers and stubs of each object's row leave the library, under their plain names.
+// The tests link the library's objects statically: the shipped libmgmt.so is loaded on its own.
 TEST(Catalogue, ExportedNamesFollowTheRows) {
-    void *lib = dlopen("libmgmt.so.1", RTLD_NOW | RTLD_NOLOAD);
-    ASSERT_NE(lib, nullptr);
+    void *lib = dlopen(mgmt_test::build_path("libmgmt.so.1").c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(lib, nullptr) << dlerror();
     auto sym = [&](const std::string &s) { return dlsym(lib, s.c_str()); };
-    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
-        const libmgmt_object *o = libmgmt_object_at(i);
+    auto count = reinterpret_cast<uint32_t (*)()>(sym("libmgmt_object_count"));
+    auto at = reinterpret_cast<const libmgmt_object *(*)(uint32_t)>(sym("libmgmt_object_at"));
+    ASSERT_TRUE(count && at);
+    ASSERT_EQ(count(), libmgmt_object_count());
+    for (uint32_t i = 0; i < count(); ++i) {
+        const libmgmt_object *o = at(i);
         const std::string n = o->name;
         EXPECT_NE(sym("construct_" + n + "_entity"), nullptr) << n;
         EXPECT_EQ(sym("construct_" + n + "_index") != nullptr, o->index_count != 0) << n;
