@@ -12,6 +12,7 @@
 #include "mgmt/platform/platform.h"
 
 using mgmt::put_be16;
+using mgmt::pad8;
 using mgmt::put_be32;
 using mgmt::app::rsp_fits;
 
@@ -180,7 +181,7 @@ MGMT_API int append_rsp_segment(mgiInfo *info, uint8_t type, void *data, uint16_
 
 MGMT_API uint32_t append_rsp_segment_with_string(mgiInfo *info, uint8_t type, const char *string) {
     size_t n = std::strlen(string) + 1;
-    size_t padded = (n + 7) & ~size_t{7};
+    size_t padded = pad8(n);
     unsigned char *body = get_current_rspseg_buf(info);
     if (reinterpret_cast<const unsigned char *>(string) != body && rsp_fits(info, body, padded)) {
         std::memmove(body, string, n);

@@ -6,23 +6,24 @@
 #include <cstring>
 
 #include "app/app_internal.h"
+#include "mgi/wire.h"
 #include "mgmt/mgi_app.h"
 #include "mgmt/platform/questions.h"
 #include "mgmt/platform/platform.h"
 
 using mgmt::app::rsp_fits;
+using mgmt::pad8;
 
 namespace {
 
 constexpr size_t kDefenseReportLen = 200;
 
-size_t padded(size_t n) { return (n + 7) & ~size_t{7}; }
 
 // Writes text with its NUL, padded with NULs to a multiple of 8, at p (when
 // the response has room there); returns the padded length.
 size_t put_padded(mgiInfo *info, unsigned char *p, const char *text) {
     size_t n = std::strlen(text) + 1;
-    size_t len = padded(n);
+    size_t len = pad8(n);
     if (rsp_fits(info, p, len)) {
         std::memmove(p, text, n);
         std::memset(p + n, 0, len - n);

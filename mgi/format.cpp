@@ -56,7 +56,7 @@ MGMT_API uint16_t append_segment(unsigned char *link, unsigned char *head, uint8
 MGMT_API uint16_t append_segment_with_string(unsigned char *link, unsigned char *head, uint8_t type,
                                              const char *text) {
     size_t n = std::strlen(text) + 1;
-    size_t padded = (n + 7) & ~size_t{7};
+    size_t padded = pad8(n);
     unsigned char *body = head + MGI_SEGHDR_LEN;
     if (reinterpret_cast<const unsigned char *>(text) != body) {
         std::memmove(body, text, n);

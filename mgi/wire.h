@@ -2,6 +2,7 @@
 #ifndef MGMT_MGI_WIRE_H
 #define MGMT_MGI_WIRE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -27,6 +28,9 @@ inline uint32_t get_raw32(const unsigned char *p) {
     std::memcpy(&v, p, sizeof v);
     return v;
 }
+
+// Segment bodies and texts on the wire take whole 8-byte units.
+inline constexpr size_t pad8(size_t n) { return (n + 7) & ~size_t{7}; }
 
 // The application id of the calling thread.
 uint32_t own_appid();

@@ -22,6 +22,7 @@ Manager *g_manager = nullptr;
 
 using mgmt::get_be16;
 using mgmt::get_be32;
+using mgmt::pad8;
 using mgmt::put_be16;
 
 std::vector<uint32_t> target_of(const uint8_t *msg) {
@@ -152,7 +153,7 @@ void Manager::answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t le
     char body[128] = {};
     strlcpy(body, text, sizeof body - 16);
     size_t n = std::strlen(body) + 1;
-    size_t padded = (n + 7) & ~size_t{7};
+    size_t padded = pad8(n);
     std::memcpy(head + 8 + 16, body, padded);
     append_segment(out + MGI_OFF_NEXTSEG, head, MGI_SEG_ERROR, head + 8, uint16_t(16 + padded));
     put_be16(out + MGI_OFF_LEN, uint16_t(8 + 16 + padded));
