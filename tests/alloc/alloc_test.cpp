@@ -1,49 +1,13 @@
 // A request on the plain family allocates nothing once the thread's pair and
 // its reply socket exist. This program counts the heap allocations of each
-// thread by standing in for malloc and its relatives.
+// thread with the allocation stand-ins of alloc_hook.h.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "mgmt/mgi.h"
+#include "alloc_hook.h"
 #include "test_support.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define MGMT_COUNT_ALLOCS 0
-#else
-#define MGMT_COUNT_ALLOCS 1
-#endif
-
-#if MGMT_COUNT_ALLOCS
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
-void *__libc_memalign(size_t, size_t);
-}
-
-namespace {
-thread_local long allocations = 0;
-}
-
-extern "C" __attribute__((visibility("default"))) void *malloc(size_t n) {
-    ++allocations;
-    return __libc_malloc(n);
-}
-extern "C" __attribute__((visibility("default"))) void *calloc(size_t n, size_t m) {
-    ++allocations;
-    return __libc_calloc(n, m);
-}
-extern "C" __attribute__((visibility("default"))) void *realloc(void *p, size_t n) {
-    ++allocations;
-    return __libc_realloc(p, n);
-}
-extern "C" __attribute__((visibility("default"))) void *memalign(size_t a, size_t n) {
-    ++allocations;
-    return __libc_memalign(a, n);
-}
-#endif
 
 using namespace mgmt_test;
 
@@ -51,12 +15,12 @@ namespace {
 
 const uint32_t kTarget[10] = {0xe0001, 0};
 
-[[maybe_unused]] int on_record(void *) { return 0; }
-[[maybe_unused]] int on_answer(void *, uint32_t *, void *, uint32_t *, void *, uint32_t *, void *) { return 0; }
+int on_record(void *) { return 0; }
+int on_answer(void *, uint32_t *, void *, uint32_t *, void *, uint32_t *, void *) { return 0; }
 
 // One set through the manager and one get from the application, the way a
 // front end does them on the thread's pair.
-[[maybe_unused]] void one_request_each_road() {
+void one_request_each_road() {
     mgiInfo info;
     init_mgi_info(&info);
     mgi_set_rqt_type(&info, 1);
@@ -78,9 +42,7 @@ const uint32_t kTarget[10] = {0xe0001, 0};
 }
 
 TEST(Allocation, PlainFamilyRequestAllocatesNothingAfterThePairExists) {
-#if !MGMT_COUNT_ALLOCS
-    GTEST_SKIP() << "the sanitizer owns malloc in this build";
-#else
+    if (!AllocHook::active) GTEST_SKIP() << "the sanitizer owns malloc in this build";
     TestPeer mgd(MGD_APPID), app(11);
     const Bytes answer = mgi_message(MGI_RSP_FINAL, {{137, Bytes(32, 3)}});
     mgd.handle(MGI_IPC_MSG, [](const Received &) {
@@ -89,16 +51,15 @@ TEST(Allocation, PlainFamilyRequestAllocatesNothingAfterThePairExists) {
     app.handle(MGI_IPC_MSG, [&](const Received &) { return std::vector<Answer>{{answer, 0, true}}; });
     long during = -1, first = -1;
     run_as(5, [&] {
-        long before = allocations;
+        long before = AllocHook::thread_count;
         one_request_each_road(); // makes the pair and the reply socket
-        first = allocations - before;
-        before = allocations;
+        first = AllocHook::thread_count - before;
+        before = AllocHook::thread_count;
         for (int i = 0; i < 50; ++i) one_request_each_road();
-        during = allocations - before;
+        during = AllocHook::thread_count - before;
     });
     EXPECT_GT(first, 0); // the counter does see the first use
     EXPECT_EQ(during, 0);
-#endif
 }
 
 } // namespace

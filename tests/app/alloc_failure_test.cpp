@@ -1,40 +1,14 @@
 // Out of memory in the entity tree, the sorter and the query tree: this
-// program stands in for malloc and calloc and can make one of them fail on
-// the calling thread (not in sanitizer builds, which bring their own).
+// program makes one malloc or calloc of the calling thread fail (not in
+// sanitizer builds, which bring their own allocator).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
+#include "alloc_hook.h"
 #include "app_fixture.h"
 #include "mgmt/sorter.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define APP_TEST_FAIL_ALLOCS 0
-#else
-#define APP_TEST_FAIL_ALLOCS 1
-#endif
-
-namespace {
-// Allocations to let through before one fails; -1: none fails.
-thread_local int g_fail_after = -1;
-[[maybe_unused]] bool fail_now() {
-    if (g_fail_after < 0) return false;
-    return g_fail_after-- == 0;
-}
-} // namespace
-
-#if APP_TEST_FAIL_ALLOCS
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-__attribute__((visibility("default"))) void *malloc(size_t n) { return fail_now() ? nullptr : __libc_malloc(n); }
-__attribute__((visibility("default"))) void *calloc(size_t n, size_t m) {
-    return fail_now() ? nullptr : __libc_calloc(n, m);
-}
-}
-#endif
-
 using namespace app_test;
+using mgmt_test::AllocHook;
 using mgmt_test::ConsoleCapture;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
@@ -52,14 +26,14 @@ std::vector<void *> objects(vk_sorter_node *n) {
 class AllocFailure : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!APP_TEST_FAIL_ALLOCS) GTEST_SKIP() << "the sanitizer's allocator can't be made to fail";
+        if (!AllocHook::active) GTEST_SKIP() << "the sanitizer's allocator can't be made to fail";
     }
-    void TearDown() override { g_fail_after = -1; }
+    void TearDown() override { AllocHook::fail_after = -1; }
 };
 
 TEST_F(AllocFailure, EntityInitAndAdd) {
     CaptureStdout();
-    g_fail_after = 0;
+    AllocHook::fail_after = 0;
     EXPECT_EQ(app_entity_init(M | 1, 2, nullptr, nullptr, nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(GetCapturedStdout(), "malloc fail\n");
 
@@ -68,9 +42,9 @@ TEST_F(AllocFailure, EntityInitAndAdd) {
     ASSERT_NE(e, nullptr);
     const uint32_t parent[] = {M | 0x10, 0};
     CaptureStdout();
-    g_fail_after = 0;
+    AllocHook::fail_after = 0;
     EXPECT_EQ(app_entity_add(parent, e), -1);
-    g_fail_after = -1;
+    AllocHook::fail_after = -1;
     EXPECT_EQ(GetCapturedStdout(), "malloc fail\n");
     EXPECT_EQ(app_entity_add(parent, e), 0);
     const uint32_t full[] = {M | 0x10, M | 2, 0};
@@ -82,7 +56,7 @@ TEST_F(AllocFailure, SorterWriteAndGet) {
     ASSERT_EQ(vk_sorter_init(sizeof(int), 1, 0, 0, 4, 0, nullptr, 0), 0);
     {
         ConsoleCapture cap;
-        g_fail_after = 0;
+        AllocHook::fail_after = 0;
         EXPECT_EQ(vk_sorter_write(&a), -1);
         EXPECT_EQ(cap.text(), "vk_sorter_write: Failed to write obj to sorter\n");
     }
@@ -90,7 +64,7 @@ TEST_F(AllocFailure, SorterWriteAndGet) {
     vk_sorter_write(&b);
     vk_sorter_write(&c);
     // Without its array the get hands back the objects unsorted, newest first.
-    g_fail_after = 0;
+    AllocHook::fail_after = 0;
     vk_sorter_node *unsorted = vk_sorter_get();
     EXPECT_EQ(objects(unsorted), (std::vector<void *>{&c, &b, &a}));
     EXPECT_EQ(objects(vk_sorter_get()), (std::vector<void *>{&b, &c, &a}));
@@ -101,13 +75,13 @@ TEST_F(AllocFailure, QueryTreeIsCutWhereMemoryEnds) {
     add_entity({}, M | 3, 0, nullptr, nullptr, nullptr, nullptr);
     Bytes data(3 * 140, 0); // three records with empty bodies
     const uint32_t path[] = {M | 3, 0};
-    g_fail_after = 0; // the head
+    AllocHook::fail_after = 0; // the head
     EXPECT_EQ(app_process_query_data(data.data(), uint32_t(data.size()), path), nullptr);
-    g_fail_after = 1; // the first node
+    AllocHook::fail_after = 1; // the first node
     EXPECT_EQ(app_process_query_data(data.data(), uint32_t(data.size()), path), nullptr);
-    g_fail_after = 3; // the second child
+    AllocHook::fail_after = 3; // the second child
     appQueryList *head = app_process_query_data(data.data(), uint32_t(data.size()), path);
-    g_fail_after = -1;
+    AllocHook::fail_after = -1;
     ASSERT_NE(head, nullptr);
     ASSERT_NE(head->first->children.first, nullptr);
     EXPECT_EQ(head->first->children.first->next, nullptr);
