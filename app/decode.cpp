@@ -315,12 +315,12 @@ MGMT_API int recv_app_rqt_mgi(void *rqt, void *rsp, mgiInfo *info) {
 }
 
 MGMT_API void *mgi_get_match_regex_by_obj_id(mgiInfo *info, uint32_t id) {
-    if (id > 127) return nullptr;
+    if (id >= MGI_ITEM_SLOTS) return nullptr;
     return info->match_regex[id];
 }
 
 MGMT_API uint32_t mgi_get_match_type_by_obj_id(mgiInfo *info, uint32_t id) {
-    if (id > 127 || !bit_set(info->match_mask, id)) return 0xFFFFFFFFu;
+    if (id >= MGI_ITEM_SLOTS || !bit_set(info->match_mask, id)) return 0xFFFFFFFFu;
     return info->match_type[id];
 }
 

@@ -19,34 +19,18 @@ uint32_t own_appid() { return myipc.appid; }
 
 namespace {
 
-// Source-of-request code on the road through MGD.
+// Source-of-request code on the road through MGD: the CLI's and fernlook's modes first.
 uint8_t src_through_mgd(uint32_t app) {
     if (uint32_t from = get_mgi_info_from()) return static_cast<uint8_t>(from);
     switch (app) {
-    case 5:
-        if (mgi_src_ha_unset) return 10;
-        if (is_force_cli_fru_config_mode()) return 29;
-        if (is_force_cli_mode()) return 16;
-        if (is_force_import_mode()) return 18;
-        return 1;
-    case 16: return mgi_src_fernlook_mode ? 22 : 0;
-    case 23: return 4;
-    case 46: return 3;
-    case 114: return 27;
-    case 118: return 26;
-    default: return 0;
-    }
-}
-
-// Source-of-request code on the direct road: by own id alone.
-uint8_t src_direct(uint32_t app) {
-    switch (app) {
-    case 5: return 1;
-    case 23: return 4;
-    case 46: return 3;
-    case 114: return 27;
-    case 118: return 26;
-    default: return 0;
+    case kAppCli:
+        if (mgi_src_ha_unset) return kSrcCliHaUnset;
+        if (is_force_cli_fru_config_mode()) return kSrcCliFruConfig;
+        if (is_force_cli_mode()) return kSrcCliForce;
+        if (is_force_import_mode()) return kSrcCliImport;
+        return kSrcCli;
+    case kAppFernlook: return mgi_src_fernlook_mode ? kSrcFernlook : kSrcNone;
+    default: return source_by_id(app);
     }
 }
 
@@ -256,7 +240,7 @@ MGMT_API void prepare_mgi_exchange_direct_r(mgiBuf *buf, const uint32_t *target,
     put_be32(h + MGI_OFF_MASK1, mask1);
     put_be32(h + MGI_OFF_MASK2, mask2);
     h[MGI_OFF_TRANSACTION_ID] = get_mgi_transaction_id();
-    h[MGI_OFF_SRC] = src_direct(own_appid());
+    h[MGI_OFF_SRC] = source_by_id(own_appid());
     header_identity(buf);
     prepare_to_append_segment_r(buf);
 }
@@ -272,10 +256,10 @@ MGMT_API int make_mgi_exchange_with_context(mgiInfo *info, mgi_rsp_callback call
     if (!buf || !buf->sbuf || !buf->rbuf) return -1;
     unsigned char *h = buf->sbuf;
     switch (own_appid()) {
-    case 11: case 29: case 46: case 53:
+    case kAppRelay11: case kAppRelay29: case kAppRelay46: case kAppRelay53:
         // A relay passes on the source of the application it relays for.
         switch (info->rqt_src) {
-        case 2: case 3: case 22: case 28: h[MGI_OFF_SRC] = info->rqt_src; break;
+        case kSrcRelayed2: case kSrcApp46: case kSrcFernlook: case kSrcRelayed28: h[MGI_OFF_SRC] = info->rqt_src; break;
         default: break;
         }
         break;
@@ -293,7 +277,7 @@ MGMT_API int make_mgi_exchange_with_context(mgiInfo *info, mgi_rsp_callback call
 
 MGMT_API int make_mgi_exchange_r(mgiBuf *buf, mgi_rsp_callback callback, int stride) {
     if (!buf || !buf->sbuf || !buf->rbuf) return -1;
-    return exchange_through_mgd(buf, callback, stride, 60000, "MGI R");
+    return exchange_through_mgd(buf, callback, stride, kPlainExchangeTimeoutMs, "MGI R");
 }
 
 MGMT_API int make_mgi_exchange(mgi_rsp_callback callback, int stride) {
@@ -305,7 +289,7 @@ MGMT_API int make_mgi_exchange_direct_with_context(mgiInfo *info, uint32_t dst_a
     mgiBuf *buf = info ? info->mgi_buf : nullptr;
     if (!buf || !buf->sbuf || !buf->rbuf) return -1;
     unsigned char *h = buf->sbuf;
-    if (own_appid() == 46) h[MGI_OFF_SRC] = info->rqt_src;
+    if (own_appid() == kAppRelay46) h[MGI_OFF_SRC] = info->rqt_src;
     h[MGI_OFF_LANGUAGE] = info->rqt_language;
     put_be32(h + MGI_OFF_MGI_FLAG, info->mgi_flag);
     put_be16(h + MGI_OFF_VSYSID, info->rqt_vsysid);
@@ -359,7 +343,7 @@ MGMT_API int make_mgi_exchange_direct_r(mgiBuf *buf, uint32_t dst_app, mgi_direc
     unsigned char *h = buf->sbuf;
     for (;;) {
         h[MGI_OFF_TRANSACTION_ID] = get_mgi_transaction_id();
-        if (send_direct(buf, dst_app, 60000) < 0) return -1;
+        if (send_direct(buf, dst_app, kPlainExchangeTimeoutMs) < 0) return -1;
         uint8_t type = buf->rbuf[MGI_OFF_TYPE];
         void *data, *err, *cookie;
         uint32_t data_len, err_len, cookie_len;

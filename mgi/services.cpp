@@ -91,15 +91,7 @@ extern "C" {
 
 MGMT_API int set_trans_src(mgi_trans_info *record) {
     if (!record) return -1;
-    switch (own_appid()) {
-    case 5: record->trans_src = 1; break;
-    case 23: record->trans_src = 4; break;
-    case 46: record->trans_src = 3; break;
-    case 102: record->trans_src = 19; break;
-    case 114: record->trans_src = 27; break;
-    case 118: record->trans_src = 26; break;
-    default: record->trans_src = 0; break;
-    }
+    record->trans_src = mgmt::source_by_id(own_appid(), true);
     return 0;
 }
 
@@ -194,7 +186,7 @@ MGMT_API int get_mgd_config_lock_status(int *locked) {
     std::memset(rs.p, 0, 4);
     int32_t status = 0;
     uint32_t len = kReply;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_CONFIG_LOCK_STATUS, rq.p, 4, &status, rs.p, &len, 5000) < 0 ||
+    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_CONFIG_LOCK_STATUS, rq.p, 4, &status, rs.p, &len, mgmt::kManagerQueryTimeoutMs) < 0 ||
         status < 0)
         return -1;
     uint16_t first, second;
@@ -229,7 +221,7 @@ MGMT_API int get_mgd_platform(void) {
     std::memset(rs.p, 0, 4);
     int32_t status = 0;
     uint32_t len = 4;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_PLATFORM, rq.p, 4, &status, rs.p, &len, 5000) < 0 || status < 0)
+    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_PLATFORM, rq.p, 4, &status, rs.p, &len, mgmt::kManagerQueryTimeoutMs) < 0 || status < 0)
         return -1;
     return static_cast<int>(word_at(rs.p));
 }

@@ -32,6 +32,57 @@ inline uint32_t get_raw32(const unsigned char *p) {
 // Segment bodies and texts on the wire take whole 8-byte units.
 inline constexpr size_t pad8(size_t n) { return (n + 7) & ~size_t{7}; }
 
+// Application ids the library itself tells apart (MGD_APPID and the device daemons' ids are public).
+enum AppId : uint32_t {
+    kAppCli = 5,          // the command-line front end, with its modes
+    kAppFernlook = 16,
+    kAppTrap = 23,        // VK_TRAP_APPID, the trap receiver
+    kAppRelay11 = 11,     // 11, 29, 46 and 53 relay requests for other applications
+    kAppRelay29 = 29,
+    kAppRelay46 = 46,     // also has a source code of its own
+    kAppRelay53 = 53,
+    kAppNetconf = 102,    // has a source code in transaction records only
+    kAppSource27 = 114,   // the application whose requests carry source 27
+    kAppSource26 = 118,   // ... source 26
+};
+
+// Source-of-request codes (header byte 1) that the library chooses or passes on.
+enum SourceCode : uint8_t {
+    kSrcNone = 0,
+    kSrcCli = 1,
+    kSrcRelayed2 = 2,
+    kSrcApp46 = 3,
+    kSrcTrap = 4,
+    kSrcCliHaUnset = 10,
+    kSrcCliForce = 16,
+    kSrcCliImport = 18,
+    kSrcNetconf = 19,
+    kSrcFernlook = 22,
+    kSrcApp118 = 26,
+    kSrcApp114 = 27,
+    kSrcRelayed28 = 28,
+    kSrcCliFruConfig = 29,
+};
+
+// The source code an application has by its id alone: the direct road's choice, the plain case of
+// the road through MGD, and (with_transactions) the code of transaction records, where application
+// 102 has one too.
+inline constexpr uint8_t source_by_id(uint32_t app, bool with_transactions = false) {
+    switch (app) {
+    case kAppCli: return kSrcCli;
+    case kAppTrap: return kSrcTrap;
+    case kAppRelay46: return kSrcApp46;
+    case kAppSource27: return kSrcApp114;
+    case kAppSource26: return kSrcApp118;
+    case kAppNetconf: return with_transactions ? kSrcNetconf : kSrcNone;
+    default: return kSrcNone;
+    }
+}
+
+// Time-outs of the library's own exchanges, in milliseconds.
+inline constexpr int kPlainExchangeTimeoutMs = 60000;   // the plain (non-context) request family
+inline constexpr int kManagerQueryTimeoutMs = 5000;     // lock status and platform queries to MGD
+
 // The application id of the calling thread.
 uint32_t own_appid();
 

@@ -20,6 +20,9 @@ namespace {
 
 Manager *g_manager = nullptr;
 
+// How long a relay waits for the owner's answer.
+constexpr int kRelayTimeoutMs = 5000;
+
 using mgmt::get_be16;
 using mgmt::get_be32;
 using mgmt::pad8;
@@ -218,7 +221,7 @@ void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint
         int32_t st = 0;
         uint32_t cap = sizeof answer;
         int rc = ipcmsg_send_and_recv(owner, 0, MGI_IPC_MSG, req.data(), uint32_t(req.size()), &st, answer, &cap,
-                                      5000);
+                                      kRelayTimeoutMs);
         if (rc < 0 || cap < MGI_HDR_LEN) {
             std::string why = rc >= 0 ? "an answer of " + std::to_string(cap) + " bytes"
                               : std::string(errno_name(-rc)) + (rc == -ENOENT || rc == -ECONNREFUSED ? ": not running" : "");
