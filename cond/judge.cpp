@@ -9,6 +9,7 @@
 #include "cond/cond_internal.h"
 #include "mgmt/cond.h"
 #include "mgmt/platform/strings.h"
+#include "util/types.h"
 
 namespace {
 
@@ -72,8 +73,9 @@ int read_mac(const char *text, Parsed &out) {
 int read_value(uint32_t type, const char *text, Parsed &out) {
     out.type = type;
     char *end = nullptr;
-    switch (type) {
-    case APP_ITEM_BOOL:
+    using mgmt::types::Reading;
+    switch (mgmt::types::type_row(type).reading) {
+    case Reading::truth:
         if (is(text, "true"))
             out.value.truth = 1;
         else if (is(text, "false"))
@@ -81,26 +83,27 @@ int read_value(uint32_t type, const char *text, Parsed &out) {
         else
             return COND_ERR_BOOL;
         return 0;
-    case APP_ITEM_INT32:
+    case Reading::i32:
         if (!text) return COND_ERR_INT32;
         out.value.i32 = int32_t(std::strtol(text, &end, 0));
         return end ? COND_ERR_INT32 : 0;
-    case APP_ITEM_UINT32:
+    case Reading::u32:
         if (!text) return COND_ERR_UINT32;
         out.value.u32 = uint32_t(std::strtoul(text, &end, 0));
         return end ? COND_ERR_UINT32 : 0;
-    case APP_ITEM_INT64:
+    case Reading::i64:
         if (!text) return COND_ERR_INT64;
         out.value.i64 = int64_t(std::strtoll(text, &end, 0));
         return end ? COND_ERR_INT64 : 0;
-    case APP_ITEM_STRING:
+    case Reading::text:
         out.value.text = text ? strdup(text) : nullptr;
         never_freed(out.value.text);
         return 0;
-    case APP_ITEM_IPV4: return ipv4str_2_uint(text, &out.value.ipv4) != 0 ? COND_ERR_IPV4 : 0;
-    case APP_ITEM_MAC: return read_mac(text, out);
-    default: return COND_ERR_NO_READING;
+    case Reading::ipv4: return ipv4str_2_uint(text, &out.value.ipv4) != 0 ? COND_ERR_IPV4 : 0;
+    case Reading::mac: return read_mac(text, out);
+    case Reading::none: break;
     }
+    return COND_ERR_NO_READING;
 }
 
 // The verdict of one node on the field; -1 for an operator that isn't one.

@@ -5,6 +5,7 @@
 
 #include "cond/cond_internal.h"
 #include "mgmt/cond.h"
+#include "util/types.h"
 
 namespace {
 
@@ -59,45 +60,44 @@ MGMT_API const char *find_match_op_symbol(char *const *words, int count) {
 }
 
 MGMT_API int logic_compare_match(uint32_t type, const void *a, const void *b) {
-    switch (type) {
-    case APP_ITEM_BOOL:
-    case APP_ITEM_INT32:
-    case APP_ITEM_UINT32:
-    case APP_ITEM_IPV4:
+    using mgmt::types::Match;
+    switch (mgmt::types::type_row(type).match) {
+    case Match::u32:
         if (!a || !b) return 0;
         return load<uint32_t>(a) == load<uint32_t>(b);
-    case APP_ITEM_INT64:
+    case Match::u64:
         if (!a || !b) return 0;
         return load<uint64_t>(a) == load<uint64_t>(b);
-    case APP_ITEM_STRING:
-    case APP_ITEM_MAC: // six raw bytes, and still compared up to a zero byte
+    case Match::text: // a MAC's six raw bytes too, and still compared up to a zero byte
         if (!a || !b) return 0;
         return std::strcmp(static_cast<const char *>(a), static_cast<const char *>(b)) == 0;
-    default: return 1;
+    case Match::always: break;
     }
+    return 1;
 }
 
 MGMT_API int logic_compare_less(uint32_t type, const void *a, const void *b) {
-    switch (type) {
-    case APP_ITEM_BOOL: return 1;
-    case APP_ITEM_INT32:
+    using mgmt::types::Less;
+    switch (mgmt::types::type_row(type).less) {
+    case Less::truth: return 1;
+    case Less::i32:
         if (!a || !b) return 0;
         return load<int32_t>(b) < load<int32_t>(a);
-    case APP_ITEM_UINT32:
-    case APP_ITEM_IPV4:
+    case Less::u32:
         if (!a || !b) return 0;
         return load<uint32_t>(b) < load<uint32_t>(a);
-    case APP_ITEM_INT64:
+    case Less::i64:
         if (!a || !b) return 0;
         return load<int64_t>(b) < load<int64_t>(a);
-    case APP_ITEM_STRING:
+    case Less::text:
         if (!a || !b) return 0;
         return std::strcmp(static_cast<const char *>(b), static_cast<const char *>(a)) < 0;
-    case APP_ITEM_MAC:
+    case Less::text6:
         if (!a || !b) return 0;
         return std::strncmp(static_cast<const char *>(b), static_cast<const char *>(a), 6) < 0;
-    default: return 1;
+    case Less::always: break;
     }
+    return 1;
 }
 
 } // extern "C"

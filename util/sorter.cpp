@@ -7,6 +7,7 @@
 
 #include "mgmt/sorter.h"
 #include "mgmt/platform/platform.h"
+#include "util/types.h"
 
 namespace {
 
@@ -103,25 +104,24 @@ int64_t round_up(int64_t v, int64_t unit) { return unit > 0 ? ((v + unit - 1) / 
 extern "C" {
 
 MGMT_API int32_t compare_by_type(uint32_t type, int32_t length, const void *left, const void *right) {
-    switch (type) {
-    case 0:
-    case 1: return difference<int32_t>(left, right);
-    case 2:
-    case 10: return greater_or_not<uint32_t>(left, right);
-    case 3: return greater_or_not<int64_t>(left, right);
-    case 4: return greater_or_not<uint64_t>(left, right);
-    case 5: return natural_compare(left, right, length);
-    case 6: return greater_or_not<uint8_t>(left, right);
-    case 7: return difference<int8_t>(left, right);
-    case 8: return greater_or_not<uint16_t>(left, right);
-    case 9: return difference<int16_t>(left, right);
-    case 11: return std::memcmp(left, right, 16);
-    case 12: return std::memcmp(left, right, 6);
-    case 13:
-    case 14:
-    case 17: return bytes_compare(left, right, length);
-    default: printf("Unknown object type %d\n", static_cast<int>(type)); return 0;
+    using mgmt::types::Compare;
+    switch (mgmt::types::type_row(type).compare) {
+    case Compare::diff_i32: return difference<int32_t>(left, right);
+    case Compare::order_u32: return greater_or_not<uint32_t>(left, right);
+    case Compare::order_i64: return greater_or_not<int64_t>(left, right);
+    case Compare::order_u64: return greater_or_not<uint64_t>(left, right);
+    case Compare::natural: return natural_compare(left, right, length);
+    case Compare::order_u8: return greater_or_not<uint8_t>(left, right);
+    case Compare::diff_i8: return difference<int8_t>(left, right);
+    case Compare::order_u16: return greater_or_not<uint16_t>(left, right);
+    case Compare::diff_i16: return difference<int16_t>(left, right);
+    case Compare::bytes16: return std::memcmp(left, right, 16);
+    case Compare::bytes6: return std::memcmp(left, right, 6);
+    case Compare::bytes: return bytes_compare(left, right, length);
+    case Compare::unknown: break;
     }
+    printf("Unknown object type %d\n", static_cast<int>(type));
+    return 0;
 }
 
 MGMT_API int count_digits(const char *text) {
@@ -233,32 +233,21 @@ MGMT_API int32_t getOffset(uint32_t type, int32_t length) {
         total_len = offset + size;
         if (max_unit_len < unit) max_unit_len = unit;
     };
-    switch (type) {
-    case 0:
-    case 1:
-    case 2:
-    case 10: aligned(4, 4); break;
-    case 3: aligned(8, 8); break;
-    case 8:
-    case 9: aligned(2, 2); break;
-    case 5:
-    case 13:
-    case 14:
-    case 17:
+    using mgmt::types::Place;
+    const mgmt::types::TypeRow &row = mgmt::types::type_row(type);
+    switch (row.place) {
+    case Place::aligned: aligned(row.align, row.size); break;
+    case Place::packed:
         offset = total_len;
-        total_len = offset + length;
+        total_len = offset + (row.size ? row.size : length);
         break;
-    case 12:
-        offset = total_len;
-        total_len = offset + 6;
-        break;
-    case 11: {
+    case Place::ipv6: {
         int64_t old = total_len;
         offset = round_up(total_len, 4);
         total_len = offset + 16 + old;
         break;
     }
-    default: offset = -1; break;
+    case Place::none: break;
     }
     if (length == GETOFFSET_LAST_MEMBER) {
         int64_t size = round_up(total_len, max_unit_len);

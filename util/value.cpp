@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "mgmt/platform/netif.h"
+#include "util/types.h"
 
 namespace {
 
@@ -39,45 +40,42 @@ MGMT_API int libmgmt_item_value_range_check(void *value, int32_t type, uint64_t 
     if (value == nullptr) {
         return -1;
     }
-    switch (type) {
-    case 0:
+    using mgmt::types::Range;
+    switch (mgmt::types::type_row(static_cast<uint32_t>(type)).range) {
+    case Range::pass:
         return 0;
-    case 1:
+    case Range::i32:
         return within<int32_t>(value, min, max);
-    case 2:
+    case Range::u32:
         return within<uint32_t>(value, min, max);
-    case 3:
+    case Range::i64:
         return within<int64_t>(value, min, max);
-    case 4:
+    case Range::u64:
         return within<uint64_t>(value, min, max);
-    case 5: {
+    case Range::trimmed: {
         // The trim changes the caller's text; its result pointer is not
         // handed back, so leading blanks stay in the caller's view.
         const char *trimmed = libmgmt_string_trim(static_cast<char *>(value));
         const auto len = static_cast<int32_t>(strlen(trimmed));
         return (len >= static_cast<int32_t>(min) && len < static_cast<int32_t>(max)) ? 0 : -1;
     }
-    case 6:
+    case Range::u8:
         return within<uint8_t>(value, min, max);
-    case 7:
+    case Range::i8:
         return within<int8_t>(value, min, max);
-    case 8:
+    case Range::u16:
         return within<uint16_t>(value, min, max);
-    case 9:
+    case Range::i16:
         return within<int16_t>(value, min, max);
-    case 10:
-    case 11:
-    case 12:
-    case 13:
-        return 0;
-    case 17: {
+    case Range::unbounded: {
         // A maximum of 0 wraps to the largest length: no upper limit.
         const uint64_t len = strlen(static_cast<const char *>(value));
         return (len >= min && len <= max - 1) ? 0 : -1;
     }
-    default:
-        return -1;
+    case Range::refuse:
+        break;
     }
+    return -1;
 }
 
 MGMT_API char *libmgmt_string_trim(char *str) {
