@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "libmgmt.h"
+#include "mgmt/records_gen.h"
 #include "mgmt/platform/platform.h"
 #include "tools/cli.h"
 
@@ -43,38 +44,16 @@ constexpr uint32_t kDelLockout = 0xe0012;
 constexpr uint32_t kUserMapping = 0xe0018;
 constexpr uint32_t kConnectControl = 0xe0019;
 
-// The record of aaa_role; its index is the first 36 bytes (name, id).
-struct RoleRecord {
-    char name[32];
-    uint32_t id;
-    uint32_t privilege;
-    char description[32];
-};
-static_assert(sizeof(RoleRecord) == 72);
-constexpr size_t kRoleIndexLen = 36;
-
-// The record of aaa_role_role_mapping (index and entity are the same).
-struct RoleMappingRecord {
-    char role[32];
-    char group[128];
-    uint32_t weight;
-};
-static_assert(sizeof(RoleMappingRecord) == 164);
-
-struct RadiusAuthRecord {
-    uint32_t enable;
-    uint32_t timeout;
-};
-
-// The record of aaa_del_lockout.
-struct DelLockoutRecord {
-    char user[64];
-    uint32_t vsys;
-    char server[64];
-    char address[48];
-    uint32_t words[3];
-};
-static_assert(sizeof(DelLockoutRecord) == 192);
+// The records as the generated layer lays them out (mgmt/records_gen.h), fields f1..fN:
+// aaa_role: f1 name, f2 id, f3 privilege, f4 description; its index is f1 and f2.
+using RoleRecord = aaa_role_entity;
+constexpr size_t kRoleIndexLen = offsetof(RoleRecord, f3);
+// aaa_role_role_mapping: f1 role, f2 group, f3 weight (index and entity are the same).
+using RoleMappingRecord = aaa_role_role_mapping_entity;
+// aaa_radius_authorization: f1 enable, f2 timeout.
+using RadiusAuthRecord = aaa_radius_authorization_entity;
+// aaa_del_lockout: f1 user, f2 vsys, f3 server, f4 address, f5 to f7 three words.
+using DelLockoutRecord = aaa_del_lockout_entity;
 
 // Codes of this daemon's own errors.
 constexpr int32_t kErrNoSuchRole = -11;
@@ -102,7 +81,7 @@ std::string field_text(const char *p, size_t n) { return std::string(p, strnlen(
 
 const RoleRecord *find_role(const std::string &name) {
     for (const RoleRecord &r : g_roles)
-        if (name == r.name) return &r;
+        if (name == r.f1) return &r;
     return nullptr;
 }
 
@@ -142,7 +121,7 @@ void build_walk(mgiInfo *info, condContext *ctx) {
     vk_sorter_init(sizeof(RoleRecord), APP_ITEM_STRING, 0, 0, 32, 0, nullptr, 0);
     uint32_t n = 0;
     for (RoleRecord &r : g_roles) {
-        if (mgi_pcre_exec(regex, r.name, int(strlen(r.name))) != 0) continue;
+        if (mgi_pcre_exec(regex, r.f1, int(strlen(r.f1))) != 0) continue;
         vk_sorter_write(&r);
         ++n;
     }
@@ -253,11 +232,11 @@ int role_encode(mgiInfo *info) {
 
 std::vector<RoleMappingRecord> mappings_of(const RoleRecord &role) {
     std::vector<RoleMappingRecord> out;
-    for (uint32_t k = 0; k < 1 + role.id % 3; ++k) {
+    for (uint32_t k = 0; k < 1 + role.f2 % 3; ++k) {
         RoleMappingRecord m{};
-        strlcpy(m.role, role.name, sizeof m.role);
-        snprintf(m.group, sizeof m.group, "group-%u-%u", role.id, k);
-        m.weight = k + 1;
+        strlcpy(m.f1, role.f1, sizeof m.f1);
+        snprintf(m.f2, sizeof m.f2, "group-%u-%u", role.f2, k);
+        m.f3 = k + 1;
         out.push_back(m);
     }
     return out;
@@ -279,8 +258,8 @@ int radius_decode(mgiInfo *info) {
     if (info->rqt_nextseg < 128 && info->mgidata && info->rqt_len >= sizeof(RadiusAuthRecord)) {
         RadiusAuthRecord r;
         std::memcpy(&r, info->mgidata, sizeof r);
-        if (r.timeout == 0 || r.timeout > 600) {
-            mgi_set_err_info_with_private_ecode(info, -1, 1301, "timeout %u is outside 1 to 600", r.timeout);
+        if (r.f2 == 0 || r.f2 > 600) {
+            mgi_set_err_info_with_private_ecode(info, -1, 1301, "timeout %u is outside 1 to 600", r.f2);
             return 0;
         }
         g_radius = r;
@@ -330,10 +309,10 @@ void make_roles(uint32_t rows) {
     for (uint32_t i = 0; i < rows; ++i) {
         RoleRecord &r = g_roles[i];
         std::memset(&r, 0, sizeof r);
-        snprintf(r.name, sizeof r.name, "role%u", i + 1);
-        r.id = i + 1;
-        r.privilege = (i * 7) % 16;
-        snprintf(r.description, sizeof r.description, "role number %u", i + 1);
+        snprintf(r.f1, sizeof r.f1, "role%u", i + 1);
+        r.f2 = i + 1;
+        r.f3 = (i * 7) % 16;
+        snprintf(r.f4, sizeof r.f4, "role number %u", i + 1);
     }
     // Kept in no particular order: listings come out sorted by the sorter.
     std::shuffle(g_roles.begin(), g_roles.end(), std::mt19937(2024));

@@ -14,22 +14,16 @@
 #include <vector>
 
 #include "libmgmt.h"
+#include "mgmt/records_gen.h"
 #include "mgmt/platform/platform.h"
 #include "tools/cli.h"
 
 namespace {
 
-struct Radius {
-    uint32_t enable;
-    uint32_t timeout;
-};
-struct Role { // the record of aaa_role
-    char name[32];
-    uint32_t id;
-    uint32_t privilege;
-    char description[32];
-};
-static_assert(sizeof(Role) == 72);
+// The records, as the generated layer lays them out: aaa_radius_authorization is f1 enable and
+// f2 timeout; aaa_role is f1 name, f2 id, f3 privilege, f4 description.
+using Radius = aaa_radius_authorization_entity;
+using Role = aaa_role_entity;
 
 // What the direct road handed over, part by part. The callback's last argument
 // is the stub's caller record, which a get of type 31 fills with the packed
@@ -59,7 +53,7 @@ std::vector<Role> roles_of(const Parts &parts) {
         for (size_t at = 0; at + sizeof(Role) <= d.size(); at += sizeof(Role)) {
             Role r;
             std::memcpy(&r, d.data() + at, sizeof r);
-            r.name[sizeof r.name - 1] = '\0';
+            r.f1[sizeof r.f1 - 1] = '\0';
             out.push_back(r);
         }
     return out;
@@ -95,11 +89,11 @@ void step(int n, const char *what) { std::printf("\n%d. %s\n", n, what); }
 
 void set_through_manager() {
     step(1, "Set through the manager: RADIUS authorization timeout, read back from its application");
-    std::printf("   timeout now: %u s\n", get_radius().timeout);
+    std::printf("   timeout now: %u s\n", get_radius().f2);
     mgiInfo info;
     int rc = set_radius(info, 1, 45);
     std::printf("   final_set_aaa_radius_authorization(timeout 45) through mgd: result %d\n", rc);
-    std::printf("   timeout now: %u s (asked straight from application 11)\n", get_radius().timeout);
+    std::printf("   timeout now: %u s (asked straight from application 11)\n", get_radius().f2);
 }
 
 void paged_get() {
@@ -114,8 +108,8 @@ void paged_get() {
     for (const auto &d : parts.data) std::printf(" %zu", d.size() / sizeof(Role));
     std::printf(" rows (the front end sent each cookie back)\n");
     if (roles.size() >= 3)
-        std::printf("   in name order: %s, %s, %s ... %s\n", roles[0].name, roles[1].name, roles[2].name,
-                    roles.back().name);
+        std::printf("   in name order: %s, %s, %s ... %s\n", roles[0].f1, roles[1].f1, roles[2].f1,
+                    roles.back().f1);
 }
 
 void filtered_query() {
@@ -137,7 +131,7 @@ void filtered_query() {
     int rc = collecting(parts, [&] { return final_get_aaa_role(&info, collect, &match); });
     std::vector<Role> roles = roles_of(parts);
     std::printf("   final_get_aaa_role: result %d, %zu roles:", rc, roles.size());
-    for (const Role &r : roles) std::printf(" %s", r.name);
+    for (const Role &r : roles) std::printf(" %s", r.f1);
     std::printf("\n");
 
     std::printf("   the same table with the condition \"privilege gt 10\":\n");

@@ -15,6 +15,8 @@
 
 #include <stdint.h>
 
+#include "mgmt/records_gen.h"
+
 /* Application 14 owns these objects: the catalogue says so, and mgd relays their sets there. */
 #define NTP_APPID 14
 
@@ -36,5 +38,11 @@ struct ntp_server {             /* ntp_server */
 struct ntp_time {               /* ntp_ntptime */
     uint32_t year, month, day, hour, minute, second;
 };
+
+/* The generated record types (struct <object>_entity, fields f1..fN) pin the same layouts: these
+ * named copies must keep their sizes. */
+_Static_assert(sizeof(struct ntp_settings) == sizeof(struct ntp_ntp_entity), "ntp_ntp");
+_Static_assert(sizeof(struct ntp_server) == sizeof(struct ntp_server_entity), "ntp_server");
+_Static_assert(sizeof(struct ntp_time) == sizeof(struct ntp_ntptime_entity), "ntp_ntptime");
 
 #endif

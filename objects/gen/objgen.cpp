@@ -543,6 +543,65 @@ std::string header(const std::vector<Row> &rows) {
     return o;
 }
 
+// The C type of a field of the record types, and the array bound it takes ("" for none).
+std::pair<std::string, std::string> c_type(const Field &f) {
+    switch (f.kind) {
+    case Kind::U8: return {"uint8_t", ""};
+    case Kind::I8: return {"int8_t", ""};
+    case Kind::U16: return {"uint16_t", ""};
+    case Kind::I16: return {"int16_t", ""};
+    case Kind::U32: return {"uint32_t", ""};
+    case Kind::U64: return {"uint64_t", ""};
+    case Kind::Text: return {"char", "[" + std::to_string(f.width) + "]"};
+    case Kind::Bytes:
+    case Kind::Ref: break;
+    }
+    return {"unsigned char", "[" + std::to_string(f.width) + "]"};
+}
+
+// records_gen.h: one struct per object, struct <object>_entity, with fields f1..fN at the offsets
+// the packers write them to and the record's length as its size, both pinned by static asserts.
+// An object whose stated offsets make two fields overlap gets none.
+std::string records(const std::vector<Row> &rows) {
+    std::string o = kBanner;
+    o += "#ifndef MGMT_RECORDS_GEN_H\n#define MGMT_RECORDS_GEN_H\n\n#include <stddef.h>\n#include <stdint.h>\n\n";
+    o += "#ifdef __cplusplus\n#define MGMT_RECORD_CHECK(cond, what) static_assert(cond, what)\n#else\n"
+         "#define MGMT_RECORD_CHECK(cond, what) _Static_assert(cond, what)\n#endif\n\n";
+    for (const Row &r : rows) {
+        const std::vector<Field> &fs = r.entity.fields;
+        uint64_t cursor = 0;
+        bool overlap = false;
+        for (const Field &f : fs) {
+            if (f.offset < cursor) overlap = true;
+            cursor = uint64_t(f.offset) + f.width;
+        }
+        if (overlap || cursor > r.entity.length) {
+            o += "/* " + r.name + ": fields overlap, no record type */\n\n";
+            continue;
+        }
+        const std::string tag = r.name + "_entity";
+        std::string body, checks;
+        cursor = 0;
+        for (size_t k = 0; k < fs.size(); ++k) {
+            const Field &f = fs[k];
+            if (f.offset > cursor)
+                body += "    unsigned char gap" + std::to_string(k + 1) + "[" + std::to_string(f.offset - cursor) + "];\n";
+            auto [type, bound] = c_type(f);
+            const std::string name = "f" + std::to_string(k + 1);
+            body += "    " + type + " " + name + bound + ";\n";
+            checks += "MGMT_RECORD_CHECK(offsetof(struct " + tag + ", " + name + ") == " + std::to_string(f.offset) +
+                      ", \"" + tag + "." + name + "\");\n";
+            cursor = uint64_t(f.offset) + f.width;
+        }
+        if (r.entity.length > cursor) body += "    unsigned char tail[" + std::to_string(r.entity.length - cursor) + "];\n";
+        o += "struct " + tag + " {\n" + body + "};\n" + checks;
+        o += "MGMT_RECORD_CHECK(sizeof(struct " + tag + ") == " + std::to_string(r.entity.length) + ", \"" + tag +
+             "\");\n\n";
+    }
+    o += "#undef MGMT_RECORD_CHECK\n\n#endif\n";
+    return o;
+}
+
 // The names the generated layer exports, one per line, for the library's version script.
 std::string exports(const std::vector<Row> &rows) {
     std::string o;
@@ -667,6 +726,7 @@ int main(int argc, char **argv) {
         }
     }
     bool ok = write_if_changed(hdr_dir + "/objects_gen.h", header(rows));
+    ok = write_if_changed(hdr_dir + "/records_gen.h", records(rows)) && ok;
     for (size_t c = 0; c < chunks; ++c)
         ok = write_if_changed(src_dir + "/objects_" + std::to_string(c) + ".cpp",
                               chunk(rows, bounds[c], bounds[c + 1])) &&

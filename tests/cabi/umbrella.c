@@ -1,5 +1,6 @@
 /* The umbrella header compiles as C11 and its names link from C. */
 #include "libmgmt.h"
+#include "mgmt/records_gen.h" /* every record type, with its layout checks */
 
 #include <string.h>
 

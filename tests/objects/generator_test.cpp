@@ -61,7 +61,8 @@ TEST(Generator, GoodCatalogueGivesHeaderTableAndChunks) {
     EXPECT_EQ(WEXITSTATUS(r.status), 0) << r.output;
     std::sort(r.files.begin(), r.files.end());
     EXPECT_EQ(r.files, (std::vector<std::string>{"catalogue_data.cpp", "objects.exports", "objects_0.cpp",
-                                                 "objects_1.cpp", "objects_2.cpp", "objects_gen.h"}));
+                                                 "objects_1.cpp", "objects_2.cpp", "objects_gen.h",
+                                                 "records_gen.h"}));
 }
 
 // The line of the output that holds the text, or an empty string.
