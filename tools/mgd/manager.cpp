@@ -147,20 +147,22 @@ uint32_t Manager::owner_of(const uint32_t *target) const {
 
 // An error answer: the request's header with type 18 and one error segment.
 void Manager::answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t len, int32_t code, const char *text) {
-    uint8_t out[MGI_HDR_LEN + 8 + 16 + 128] = {};
+    // The error segment's body: four code words, then the text.
+    constexpr size_t kCodes = 4 * sizeof(int32_t);
+    uint8_t out[MGI_HDR_LEN + MGI_SEGHDR_LEN + kCodes + 128] = {};
     std::memcpy(out, request, std::min<uint32_t>(len, MGI_HDR_LEN));
     out[MGI_OFF_TYPE] = MGI_RSP_ERROR;
     uint8_t *head = out + MGI_HDR_LEN;
+    uint8_t *body = head + MGI_SEGHDR_LEN;
     int32_t words[4] = {code, 0, 0, 0};
-    std::memcpy(head + 8, words, sizeof words);
-    char body[128] = {};
-    strlcpy(body, text, sizeof body - 16);
-    size_t n = std::strlen(body) + 1;
-    size_t padded = pad8(n);
-    std::memcpy(head + 8 + 16, body, padded);
-    append_segment(out + MGI_OFF_NEXTSEG, head, MGI_SEG_ERROR, head + 8, uint16_t(16 + padded));
-    put_be16(out + MGI_OFF_LEN, uint16_t(8 + 16 + padded));
-    ipc_send_to_peer(peer, MGI_IPC_MSG, out, uint32_t(MGI_HDR_LEN + 8 + 16 + padded), 0);
+    std::memcpy(body, words, kCodes);
+    char text_copy[128] = {};
+    strlcpy(text_copy, text, sizeof text_copy - kCodes);
+    size_t padded = pad8(std::strlen(text_copy) + 1);
+    std::memcpy(body + kCodes, text_copy, padded);
+    append_segment(out + MGI_OFF_NEXTSEG, head, MGI_SEG_ERROR, body, uint16_t(kCodes + padded));
+    put_be16(out + MGI_OFF_LEN, uint16_t(MGI_SEGHDR_LEN + kCodes + padded));
+    ipc_send_to_peer(peer, MGI_IPC_MSG, out, uint32_t(MGI_HDR_LEN + MGI_SEGHDR_LEN + kCodes + padded), 0);
 }
 
 int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t *status, uint8_t *reply,
