@@ -15,6 +15,8 @@
 
 using mgmt::get_be16;
 using mgmt::get_be32;
+using mgmt::seg_after;
+using mgmt::seg_len;
 
 namespace {
 
@@ -293,11 +295,11 @@ MGMT_API int recv_app_rqt_mgi(void *rqt, void *rsp, mgiInfo *info) {
         const auto &extent = g_serving.rqt;
         auto *seg = static_cast<unsigned char *>(info->rqt_data);
         for (;;) {
-            if (!extent.holds(seg, MGI_SEGHDR_LEN) || !extent.holds(seg, MGI_SEGHDR_LEN + get_be16(seg + 2))) break;
+            if (!extent.holds(seg, MGI_SEGHDR_LEN) || !extent.holds(seg, MGI_SEGHDR_LEN + seg_len(seg))) break;
             record_segment_info(info, type, seg);
             type = seg[0];
             if (type == MGI_SEG_END) break;
-            seg += MGI_SEGHDR_LEN + get_be16(seg + 2);
+            seg = seg_after(seg);
         }
     }
 

@@ -19,7 +19,7 @@ bool in_chain_range(uint8_t type) { return type >= MGI_SEG_FIRST && type <= MGI_
 bool segment_inside(const mgiBuf *buf, const unsigned char *head) {
     const unsigned char *end = buf->rbuf + MGI_MAX_LEN;
     if (head < buf->rbuf || head + MGI_SEGHDR_LEN > end) return false;
-    return head + MGI_SEGHDR_LEN + get_be16(head + 2) <= end;
+    return head + MGI_SEGHDR_LEN + seg_len(head) <= end;
 }
 
 // The error body, when the response holds one that fits the buffer.
@@ -56,7 +56,7 @@ MGMT_API int find_roundtrip_segment_r(mgiBuf *buf, uint8_t type, void **body, ui
         for (;;) {
             unsigned char *head = buf->recvseg;
             if (!segment_inside(buf, head)) return -1;
-            uint16_t seglen = get_be16(head + 2);
+            uint16_t seglen = seg_len(head);
             buf->recvseg_link = head;
             remaining = static_cast<uint16_t>(remaining - (MGI_SEGHDR_LEN + seglen));
             buf->recvseg = head + MGI_SEGHDR_LEN + seglen;
@@ -68,7 +68,7 @@ MGMT_API int find_roundtrip_segment_r(mgiBuf *buf, uint8_t type, void **body, ui
     unsigned char *head = buf->recvseg;
     if (!segment_inside(buf, head)) return -1;
     if (body) *body = head + MGI_SEGHDR_LEN;
-    if (len) *len = get_be16(head + 2);
+    if (len) *len = seg_len(head);
     return 0;
 }
 
@@ -128,7 +128,7 @@ MGMT_API int record_rsp_seg_r(mgiBuf *buf, void **data, uint32_t *data_len, void
     while (type != MGI_SEG_END && remaining != 0) {
         unsigned char *head = buf->recvseg;
         if (!segment_inside(buf, head)) break;
-        uint16_t seglen = get_be16(head + 2);
+        uint16_t seglen = seg_len(head);
         unsigned char *body = head + MGI_SEGHDR_LEN;
         bool counted = true;
         switch (type) {

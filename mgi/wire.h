@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "mgmt/mgi.h"
+
 namespace mgmt {
 
 inline void put_be16(unsigned char *p, uint16_t v) {
@@ -31,6 +33,14 @@ inline uint32_t get_raw32(const unsigned char *p) {
 
 // Segment bodies and texts on the wire take whole 8-byte units.
 inline constexpr size_t pad8(size_t n) { return (n + 7) & ~size_t{7}; }
+
+// A segment head: [0] the type of the next segment, [1] its own type, [2..3] the body's length
+// (big-endian), [4..7] a subtype word; the body follows the head.
+inline uint16_t seg_len(const unsigned char *head) { return get_be16(head + 2); }
+inline unsigned char *seg_body(unsigned char *head) { return head + MGI_SEGHDR_LEN; }
+inline const unsigned char *seg_body(const unsigned char *head) { return head + MGI_SEGHDR_LEN; }
+// The head right behind this segment's body.
+inline unsigned char *seg_after(unsigned char *head) { return seg_body(head) + seg_len(head); }
 
 // Application ids the library itself tells apart (MGD_APPID and the device daemons' ids are public).
 enum AppId : uint32_t {

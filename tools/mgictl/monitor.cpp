@@ -104,7 +104,7 @@ std::string mgi_text(const uint8_t *p, uint32_t n, bool verbose) {
         uint32_t at = MGI_HDR_LEN, left = len;
         for (uint8_t seg = first; seg >= MGI_SEG_FIRST && seg <= MGI_SEG_LAST && seg != MGI_SEG_END && left >= 8 &&
                                   at + MGI_SEGHDR_LEN <= n;) {
-            const uint32_t size = std::min<uint32_t>(get_be16(p + at + 2), n - at - MGI_SEGHDR_LEN);
+            const uint32_t size = std::min<uint32_t>(mgmt::seg_len(p + at), n - at - MGI_SEGHDR_LEN);
             const uint8_t *body = p + at + MGI_SEGHDR_LEN;
             o += " " + std::to_string(seg) + "(" + std::to_string(size) + ")";
             if (seg == MGI_SEG_ERROR && size >= sizeof(mgiErrBody)) {
