@@ -1,6 +1,7 @@
 #include "device_support.h"
 
-#include <atomic>
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -12,7 +13,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,39 +24,16 @@
 namespace fs = std::filesystem;
 
 namespace devtest {
-namespace {
 
-pid_t g_test_pid = 0;
-char g_base[64] = "";
+// The children that the library forks end with exit(); the stand-ins tell them from the test.
+static const pid_t g_test_pid = getpid();
+static bool in_child() { return getpid() != g_test_pid; }
 
-// Before any other start-up code of the program: a temporary directory for the whole run, and
-// the runtime directory inside it. The children that the library forks end with exit(), which
-// runs the program's exit handlers; only the test process itself removes anything.
-__attribute__((constructor(101))) void program_dirs() {
-    g_test_pid = getpid();
-    std::strcpy(g_base, "/tmp/mgmt-devtest-XXXXXX");
-    if (!mkdtemp(g_base)) {
-        g_base[0] = 0;
-        return;
-    }
-    if (!getenv("MGMT_IPC_DIR")) {
-        const std::string ipc = std::string(g_base) + "/ipc";
-        mkdir(ipc.c_str(), 0700);
-        setenv("MGMT_IPC_DIR", ipc.c_str(), 1);
-    }
-    atexit([] {
-        std::error_code ec;
-        if (getpid() == g_test_pid) fs::remove_all(g_base, ec);
-    });
-}
-
-std::string base() { return g_base[0] ? g_base : "/tmp"; }
-
-} // namespace
+Hooks hook;
 
 Sysroot::Sysroot() {
-    std::string tmpl = base() + "/devXXXXXX";
-    if (mkdtemp(tmpl.data())) dir_ = tmpl;
+    char tmpl[] = "/tmp/mgmt-devtest-XXXXXX";
+    if (mkdtemp(tmpl)) dir_ = tmpl;
     root_ = dir_ + "/root";
     mkdir(root_.c_str(), 0755);
     setenv("MGMT_SYSROOT", root_.c_str(), 1);
@@ -100,6 +78,12 @@ void write_file(const std::string &path, const std::string &text, int mode) {
     chmod(path.c_str(), static_cast<mode_t>(mode));
 }
 
+void expect_golden(const std::string &name, const std::string &got) {
+    const std::string golden = std::string(MGMT_SOURCE_DIR) + "/tests/device/" + name;
+    if (getenv("MGMT_UPDATE_GOLDEN")) write_file(golden, got);
+    EXPECT_EQ(got, read_file(golden)) << "MGMT_UPDATE_GOLDEN=1 writes what ran; review the difference";
+}
+
 bool exists(const std::string &path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
@@ -117,10 +101,10 @@ Bytes host_words(std::initializer_list<uint32_t> words) {
 }
 
 Bytes be_words(std::initializer_list<uint32_t> words) {
-    Bytes b;
+    Bytes b(words.size() * 4);
+    size_t at = 0;
     for (uint32_t w : words)
-        for (int shift = 24; shift >= 0; shift -= 8)
-            b.push_back(uint8_t(w >> shift));
+        mgmt::put_be32(&b[at += 4] - 4, w);
     return b;
 }
 
@@ -145,153 +129,53 @@ LogCapture::LogCapture() {
 }
 LogCapture::~LogCapture() { vk_clog_set_sink(nullptr, nullptr); }
 
-StdoutCapture::StdoutCapture() {
+std::string stdout_of(const std::function<void()> &fn) {
     fflush(stdout);
-    file_ = base() + "/stdout." + std::to_string(getpid());
-    int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return;
-    saved_ = dup(1);
-    dup2(fd, 1);
-    close(fd);
-}
-
-std::string StdoutCapture::text() {
-    if (saved_ < 0) return text_;
+    const int sink = memfd_create("stdout", MFD_CLOEXEC), saved = dup(1);
+    dup2(sink, 1);
+    fn();
     fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-    saved_ = -1;
-    text_ = read_file(file_);
-    unlink(file_.c_str());
-    return text_;
+    dup2(saved, 1);
+    close(saved);
+    std::string out(size_t(lseek(sink, 0, SEEK_CUR)), '\0');
+    if (pread(sink, out.data(), out.size(), 0) != ssize_t(out.size())) out = "<unreadable>";
+    close(sink);
+    return out;
 }
 
-// ---------------------------------------------------------------- hooks
-
-namespace hooks {
-namespace {
-
-// The counters are atomic, as any thread may allocate or fork; the rest is set by the test and
-// read by stand-ins that run on its behalf, one at a time.
-std::atomic<int> alloc_fail{0}, alloc_skip{0}, size_fail_count{0}, fork_fail{0};
-std::atomic<size_t> size_fail_size{0};
-std::atomic<bool> size_fail_children{false}, fork_fail_children{false};
-SystemMode system_mode = SystemMode::run;
-PopenMode popen_mode = PopenMode::run;
-std::string popen_substitute, access_suffix;
-int access_mode = 0;
-bool lock_driver = false, no_localtime = false;
-uint16_t lock_driver_id = 0;
-LockRecordSeen lock_seen{};
-std::vector<std::string> log;
-
-// Takes one from a positive counter.
-bool take(std::atomic<int> &counter) {
-    int n = counter.load();
-    while (n > 0)
-        if (counter.compare_exchange_weak(n, n - 1)) return true;
-    return false;
+void reset_hooks() {
+    hook.alloc_fail = hook.alloc_skip = hook.size_fail = hook.fork_fail = 0;
+    hook.children_only = hook.wait_fails = hook.no_localtime = false;
+    hook.child_wait_status = hook.lock_driver = -1;
+    hook.system = hook.popen = Hooks::run;
+    hook.popen_substitute = ":";
+    hook.access_suffix.clear();
+    hook.lock_calls = 0;
+    hook.log.clear();
+    run_set_capture(nullptr, nullptr);
 }
-
-bool in_child() { return getpid() != g_test_pid; }
-std::atomic<int> child_wait_status{-1};
-std::atomic<bool> wait_fails{false};
-
-bool in_scope(bool children_only) { return !children_only || in_child(); }
-
-} // namespace
-
-void fail_ipcmsg_alloc(int count, int skip) {
-    alloc_skip = skip;
-    alloc_fail = count;
-}
-
-bool malloc_hook_available() {
-#if defined(__SANITIZE_ADDRESS__)
-    return false;
-#else
-    return true;
-#endif
-}
-
-void fail_alloc_of_size(size_t size, int count, bool children_only) {
-    size_fail_size = size;
-    size_fail_children = children_only;
-    size_fail_count = count;
-}
-
-void fail_fork(int count, bool children_only) {
-    fork_fail_children = children_only;
-    fork_fail = count;
-}
-
-void set_system(SystemMode mode) { system_mode = mode; }
-
-void set_popen(PopenMode mode, const std::string &substitute) {
-    popen_mode = mode;
-    popen_substitute = substitute;
-}
-
-void fail_access(const std::string &suffix, int mode_bit) {
-    access_suffix = suffix;
-    access_mode = mode_bit;
-}
-
-void fake_vsys_lock_driver(uint16_t locked_id) {
-    lock_driver = true;
-    lock_driver_id = locked_id;
-}
-
-LockRecordSeen vsys_lock_seen() { return lock_seen; }
-
-void localtime_fails() { no_localtime = true; }
 
 void capture_runs(int result) {
     run_set_capture(
         [](const char *program, const char *cmdline, void *ctx) {
-            log.push_back(std::string("run ") + program + ": " + cmdline);
+            hook.log.push_back(std::string("run ") + program + ": " + cmdline);
             return static_cast<int>(reinterpret_cast<intptr_t>(ctx));
         },
         reinterpret_cast<void *>(intptr_t(result)));
 }
 
-void child_wait_status_once(int status) { child_wait_status = status; }
-
-void fail_wait_once() { wait_fails = true; }
-
-void reset() {
-    child_wait_status = -1;
-    wait_fails = false;
-    fail_ipcmsg_alloc(0);
-    fail_alloc_of_size(0, 0);
-    fail_fork(0);
-    set_system(SystemMode::run);
-    set_popen(PopenMode::run);
-    fail_access("", 0);
-    lock_driver = no_localtime = false;
-    lock_seen = {};
-    run_set_capture(nullptr, nullptr);
-    log.clear();
-}
-
-std::vector<std::string> recorded() { return log; }
-
-void clear_recorded() { log.clear(); }
-
-} // namespace hooks
 } // namespace devtest
 
 // ---------------------------------------------------------------- the stand-ins
-
-using namespace devtest::hooks;
-
-// ---------------------------------------------------------------- the device tree
 //
 // The library opens and runs device paths as they are written ("/etc/CMD_...", "/flash/...",
 // "/usr/local/sbin/cli"). While a Sysroot lives, the calls below take those paths below its root:
 // file opens, access, mkfifo, unlink, the program and arguments of execv, and the words of a
 // command line given to system(). Other paths pass unchanged. Nothing here allocates: the
 // library's children call these between fork and exit.
+
+using devtest::hook;
+using devtest::Hooks;
 
 namespace {
 
@@ -325,8 +209,19 @@ const char *command_in_tree(const char *command, char *buf, size_t size) {
     return buf;
 }
 
+// Takes one from a positive counter.
+bool take(std::atomic<int> &counter) {
+    int n = counter.load();
+    while (n > 0)
+        if (counter.compare_exchange_weak(n, n - 1)) return true;
+    return false;
+}
+
+bool in_scope() { return !hook.children_only || devtest::in_child(); }
+
 } // namespace
 
+#define STAND_IN extern "C" __attribute__((visibility("default")))
 
 // The function that a stand-in named `name` hides, of the type fn_t.
 // The look-up runs once, at the first call; a thread that waits for another's look-up may find
@@ -336,13 +231,30 @@ const char *command_in_tree(const char *command, char *buf, size_t size) {
     static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, name));                                          \
     errno = saved_errno_
 
-// Children of the library end with exit(); leak checking belongs to the test process only.
-extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() { return in_child(); }
+#define IN_TREE(name, path)                                                                                            \
+    char name##_buf[PATH_MAX];                                                                                         \
+    const char *name = in_tree(path, name##_buf, sizeof name##_buf)
 
-extern "C" __attribute__((visibility("default"))) void *ipcmsg_alloc(uint32_t size) {
+// A call whose first argument, path, is taken into the device tree.
+#define TREE_STAND_IN(ret, name, params, ...)                                                                          \
+    STAND_IN ret name params {                                                                                         \
+        using fn_t = ret(*) params;                                                                                    \
+        REAL(#name);                                                                                                   \
+        IN_TREE(p, path);                                                                                              \
+        return real(p __VA_OPT__(, ) __VA_ARGS__);                                                                     \
+    }
+
+TREE_STAND_IN(FILE *, fopen, (const char *path, const char *mode), mode)
+TREE_STAND_IN(int, mkfifo, (const char *path, mode_t mode), mode)
+TREE_STAND_IN(int, unlink, (const char *path))
+
+// Children of the library end with exit(); leak checking belongs to the test process only.
+STAND_IN int __lsan_is_turned_off() { return devtest::in_child(); }
+
+STAND_IN void *ipcmsg_alloc(uint32_t size) {
     using fn_t = void *(*)(uint32_t);
     REAL("ipcmsg_alloc");
-    return alloc_fail.load() > 0 && !take(alloc_skip) && take(alloc_fail) ? nullptr : real(size);
+    return hook.alloc_fail.load() > 0 && !take(hook.alloc_skip) && take(hook.alloc_fail) ? nullptr : real(size);
 }
 
 #if !defined(__SANITIZE_ADDRESS__)
@@ -352,76 +264,60 @@ void *__libc_calloc(size_t, size_t);
 }
 
 static bool size_fault(size_t size) {
-    return size_fail_count.load(std::memory_order_relaxed) > 0 && size == size_fail_size.load() &&
-           in_scope(size_fail_children) && take(size_fail_count);
+    return hook.size_fail.load(std::memory_order_relaxed) > 0 && size == hook.size_fail_size.load() && in_scope() &&
+           take(hook.size_fail);
 }
 
-extern "C" __attribute__((visibility("default"))) void *malloc(size_t n) {
-    return size_fault(n) ? nullptr : __libc_malloc(n);
-}
-
-extern "C" __attribute__((visibility("default"))) void *calloc(size_t n, size_t m) {
-    return size_fault(n * m) ? nullptr : __libc_calloc(n, m);
-}
+STAND_IN void *malloc(size_t n) { return size_fault(n) ? nullptr : __libc_malloc(n); }
+STAND_IN void *calloc(size_t n, size_t m) { return size_fault(n * m) ? nullptr : __libc_calloc(n, m); }
 #endif
 
-extern "C" __attribute__((visibility("default"))) pid_t fork(void) {
+STAND_IN pid_t fork(void) {
     using fn_t = pid_t (*)(void);
     REAL("fork");
-    if (fork_fail.load() <= 0 || !in_scope(fork_fail_children) || !take(fork_fail)) return real();
+    if (hook.fork_fail.load() <= 0 || !in_scope() || !take(hook.fork_fail)) return real();
     errno = EAGAIN;
     return -1;
 }
 
-extern "C" __attribute__((visibility("default"))) pid_t wait(int *status) {
+STAND_IN pid_t wait(int *status) {
     using fn_t = pid_t (*)(int *);
     REAL("wait");
-    if (!in_child() && wait_fails.exchange(false)) {
+    if (!devtest::in_child() && hook.wait_fails.exchange(false)) {
         errno = ECHILD;
         return -1;
     }
     pid_t r = real(status);
-    if (r > 0 && in_child() && status) {
-        int forced = child_wait_status.exchange(-1);
+    if (r > 0 && devtest::in_child() && status) {
+        int forced = hook.child_wait_status.exchange(-1);
         if (forced != -1) *status = forced;
     }
     return r;
 }
 
-extern "C" __attribute__((visibility("default"))) int system(const char *command) {
+STAND_IN int system(const char *command) {
     using fn_t = int (*)(const char *);
     REAL("system");
     char line[4096];
-    if (system_mode == SystemMode::run) return real(command_in_tree(command, line, sizeof line));
-    if (system_mode == SystemMode::fail) return -1;
-    log.push_back(std::string("system: ") + (command ? command : "(null)"));
+    if (hook.system == Hooks::run) return real(command_in_tree(command, line, sizeof line));
+    if (hook.system == Hooks::fail) return -1;
+    hook.log.push_back(std::string("system: ") + (command ? command : "(null)"));
     return 0;
 }
 
-extern "C" __attribute__((visibility("default"))) FILE *popen(const char *command, const char *type) {
+STAND_IN FILE *popen(const char *command, const char *type) {
     using fn_t = FILE *(*)(const char *, const char *);
     REAL("popen");
-    if (popen_mode == PopenMode::run) return real(command, type);
-    if (popen_mode == PopenMode::record) {
-        log.push_back(std::string("popen ") + type + ": " + command);
-        return real(popen_substitute.c_str(), type);
+    if (hook.popen == Hooks::run) return real(command, type);
+    if (hook.popen == Hooks::record) {
+        hook.log.push_back(std::string("popen ") + type + ": " + command);
+        return real(hook.popen_substitute.c_str(), type);
     }
     errno = EMFILE;
     return nullptr;
 }
 
-#define IN_TREE(name, path)                                                                                            \
-    char name##_buf[PATH_MAX];                                                                                         \
-    const char *name = in_tree(path, name##_buf, sizeof name##_buf)
-
-extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
-    using fn_t = FILE *(*)(const char *, const char *);
-    REAL("fopen");
-    IN_TREE(p, path);
-    return real(p, mode);
-}
-
-extern "C" __attribute__((visibility("default"))) int open(const char *path, int flags, ...) {
+STAND_IN int open(const char *path, int flags, ...) {
     using fn_t = int (*)(const char *, int, ...);
     REAL("open");
     va_list ap;
@@ -432,21 +328,7 @@ extern "C" __attribute__((visibility("default"))) int open(const char *path, int
     return real(p, flags, mode);
 }
 
-extern "C" __attribute__((visibility("default"))) int mkfifo(const char *path, mode_t mode) {
-    using fn_t = int (*)(const char *, mode_t);
-    REAL("mkfifo");
-    IN_TREE(p, path);
-    return real(p, mode);
-}
-
-extern "C" __attribute__((visibility("default"))) int unlink(const char *path) {
-    using fn_t = int (*)(const char *);
-    REAL("unlink");
-    IN_TREE(p, path);
-    return real(p);
-}
-
-extern "C" __attribute__((visibility("default"))) int execv(const char *path, char *const argv[]) {
+STAND_IN int execv(const char *path, char *const argv[]) {
     using fn_t = int (*)(const char *, char *const[]);
     REAL("execv");
     // Static: a caller may run on a small stack (a clone child), and an exec replaces everything.
@@ -459,10 +341,10 @@ extern "C" __attribute__((visibility("default"))) int execv(const char *path, ch
     return real(in_tree(path, file, sizeof file), argv[n] ? argv : args);
 }
 
-extern "C" __attribute__((visibility("default"))) int access(const char *path, int mode) {
+STAND_IN int access(const char *path, int mode) {
     using fn_t = int (*)(const char *, int);
     REAL("access");
-    if (access_suffix.empty() || !(mode & access_mode) || !std::string_view(path).ends_with(access_suffix)) {
+    if (hook.access_suffix.empty() || !(mode & hook.access_bit) || !std::string_view(path).ends_with(hook.access_suffix)) {
         IN_TREE(p, path);
         return real(p, mode);
     }
@@ -470,21 +352,23 @@ extern "C" __attribute__((visibility("default"))) int access(const char *path, i
     return -1;
 }
 
-extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
+STAND_IN int ioctl(int fd, unsigned long request, ...) {
     using fn_t = int (*)(int, unsigned long, ...);
     REAL("ioctl");
     va_list ap;
     va_start(ap, request);
     auto *rec = static_cast<uint16_t *>(va_arg(ap, void *));
     va_end(ap);
-    if (!lock_driver || request != 7) return real(fd, request, rec);
-    lock_seen = {rec[0], rec[1], lock_seen.calls + 1};
-    rec[1] = rec[0] == lock_driver_id ? 1 : 0;
+    if (hook.lock_driver < 0 || request != 7) return real(fd, request, rec);
+    hook.lock_seen[0] = rec[0];
+    hook.lock_seen[1] = rec[1];
+    ++hook.lock_calls;
+    rec[1] = rec[0] == hook.lock_driver ? 1 : 0;
     return 0;
 }
 
-extern "C" __attribute__((visibility("default"))) struct tm *vk_localtime(const time_t *t, struct tm *out) {
+STAND_IN struct tm *vk_localtime(const time_t *t, struct tm *out) {
     using fn_t = struct tm *(*)(const time_t *, struct tm *);
     REAL("vk_localtime");
-    return no_localtime ? nullptr : real(t, out);
+    return hook.no_localtime ? nullptr : real(t, out);
 }

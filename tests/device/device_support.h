@@ -5,11 +5,10 @@
 #ifndef MGMT_TEST_DEVICE_SUPPORT_H
 #define MGMT_TEST_DEVICE_SUPPORT_H
 
-#include <chrono>
+#include <atomic>
 #include <functional>
 #include <initializer_list>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "test_support.h"
@@ -38,6 +37,8 @@ class Sysroot {
 };
 
 std::string read_file(const std::string &path);
+// got against tests/device/<name>; MGMT_UPDATE_GOLDEN=1 writes the file anew from got.
+void expect_golden(const std::string &name, const std::string &got);
 void write_file(const std::string &path, const std::string &text, int mode = 0644);
 bool exists(const std::string &path);
 void make_dirs(const std::string &path);
@@ -54,7 +55,7 @@ uint32_t host32(const Bytes &b, size_t off);
 std::string text_at(const Bytes &b, size_t off, size_t len);
 Bytes operator+(Bytes a, const std::string &s);
 
-// What the device log (vk_clog) or standard output was given while the capture lives.
+// What the device log (vk_clog) was given while the capture lives; what fn wrote on standard output.
 class LogCapture {
   public:
     LogCapture();
@@ -64,61 +65,47 @@ class LogCapture {
   private:
     std::string text_;
 };
+std::string stdout_of(const std::function<void()> &fn);
 
-class StdoutCapture {
-  public:
-    StdoutCapture();
-    ~StdoutCapture() { text(); }
-    std::string text();
-
-  private:
-    int saved_ = -1;
-    std::string file_, text_;
+// Faults and captures of the stand-ins, all off after reset_hooks(). The counters are atomic, as
+// any thread may allocate or fork; the rest is set by the test and read by stand-ins that run on
+// its behalf, one at a time.
+struct Hooks {
+    std::atomic<int> alloc_fail{0}, alloc_skip{0}; // ipcmsg_alloc: alloc_fail calls fail after alloc_skip pass
+    std::atomic<int> size_fail{0};                 // malloc/calloc of exactly size_fail_size bytes
+    std::atomic<size_t> size_fail_size{0};
+    std::atomic<int> fork_fail{0};                 // forks fail with EAGAIN
+    std::atomic<bool> children_only{false};        // size_fail and fork_fail act in children only
+    std::atomic<int> child_wait_status{-1};        // the first wait() of a child forked later reports it
+    std::atomic<bool> wait_fails{false};           // the test process's next wait() fails (ECHILD)
+    // system(): record without running (result 0) or fail with -1; popen(): record and run
+    // popen_substitute instead, or fail.
+    enum Mode { run, record, fail } system = run, popen = run;
+    std::string popen_substitute = ":";
+    std::string access_suffix; // access() of a path ending so, asked for access_bit: EACCES
+    int access_bit = 0;
+    int lock_driver = -1;      // ioctl() request 7 acts as the vsys lock driver that locks this id only,
+    uint16_t lock_seen[2] = {}; // and keeps the last record handed over and the number of calls
+    int lock_calls = 0;
+    bool no_localtime = false; // vk_localtime() gives null
+    // Everything recorded by system, popen and the run capture, in order:
+    // "system: <line>", "popen <mode>: <line>", "run <program>: <line>".
+    std::vector<std::string> log;
 };
-
-// Faults and captures of the stand-ins, all off after reset().
-namespace hooks {
-
-// The next `count` ipcmsg_alloc calls fail, after `skip` that pass.
-void fail_ipcmsg_alloc(int count, int skip = 0);
-// The next `count` malloc/calloc calls of exactly `size` bytes fail (in children only, when asked).
-// Not available under the address sanitizer, which brings its own allocator.
-bool malloc_hook_available();
-void fail_alloc_of_size(size_t size, int count, bool children_only = false);
-// The next `count` forks fail with EAGAIN (in children only, when asked).
-void fail_fork(int count, bool children_only = false);
-// The first wait() of each child that is forked afterwards reports `status` for the process it reaped.
-void child_wait_status_once(int status);
-// The next wait() of the test process fails (-1, ECHILD) without reaping anything.
-void fail_wait_once();
-// system(): run, record without running (result 0), or fail with -1.
-enum class SystemMode { run, record, fail };
-void set_system(SystemMode mode);
-// popen(): run, record and run `substitute` instead, or fail.
-enum class PopenMode { run, record, fail };
-void set_popen(PopenMode mode, const std::string &substitute = ":");
-// access(): fail with EACCES for paths ending in `suffix` when asked for `mode_bit`.
-void fail_access(const std::string &suffix, int mode_bit);
-// ioctl(): request 7 acts as the vsys lock driver, which locks `locked_id` only; the last record
-// that the library handed over, and the number of calls, are kept.
-void fake_vsys_lock_driver(uint16_t locked_id);
-struct LockRecordSeen {
-    uint16_t vsys_id, locked;
-    int calls;
-};
-LockRecordSeen vsys_lock_seen();
-// vk_localtime(): gives null.
-void localtime_fails();
+extern Hooks hook;
+void reset_hooks();
+inline void fail_ipcmsg_alloc(int count, int skip = 0) {
+    hook.alloc_skip = skip;
+    hook.alloc_fail = count;
+}
 // The platform's run capture: records and answers `result`.
 void capture_runs(int result);
-void reset();
-
-// Everything recorded by system, popen and the run capture, in order:
-// "system: <line>", "popen <mode>: <line>", "run <program>: <line>".
-std::vector<std::string> recorded();
-void clear_recorded();
-
-} // namespace hooks
+// The sanitizer's allocator cannot be stood in for.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kAllocFaults = false;
+#else
+constexpr bool kAllocFaults = true;
+#endif
 
 } // namespace devtest
 

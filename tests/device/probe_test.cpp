@@ -21,10 +21,15 @@ class Probes : public ::testing::Test {
         make_dirs(root.path("/flash/conlog"));
     }
     void TearDown() override {
-        hooks::reset();
+        reset_hooks();
         unsetenv("MGMT_PLATFORM");
     }
     void monitord(const std::string &text) { write_file(root.path(MGMT_CHILD_MONITORD_PID_FILE), text); }
+    // popen() records its command and runs `substitute` in its stead.
+    void popen_runs(const std::string &substitute) {
+        hook.popen = Hooks::record;
+        hook.popen_substitute = substitute;
+    }
     Sysroot root;
 };
 
@@ -54,11 +59,11 @@ TEST_F(Probes, StorageWatchesTheRememberedProcess) {
         {
             std::string seen = std::to_string(vk_is_storage_available(0)); // nothing remembered, no monitor
             monitord(std::to_string(getpid()));
-            hooks::set_popen(hooks::PopenMode::record, "cat /proc/$PPID/status | grep State");
+            popen_runs("cat /proc/$PPID/status | grep State");
             for (pid_t pid : {0, -5, getppid(), 0})
                 seen += " " + std::to_string(vk_is_storage_available(pid));
             seen += "\n";
-            for (const std::string &line : hooks::recorded())
+            for (const std::string &line : hook.log)
                 seen += line + "\n";
             const std::string mine = "popen r: cat /proc/" + std::to_string(getpid()) + "/status | grep State\n";
             const std::string theirs = "popen r: cat /proc/" + std::to_string(getppid()) + "/status | grep State\n";
@@ -73,22 +78,22 @@ TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {
     EXPECT_EQ(vk_is_storage_available(getpid()), 0);
     write_file(root.path(MGMT_CONSOLE_LOG_FILE), "log\n");
     EXPECT_EQ(vk_is_storage_available(getpid()), 0) << "a writable console log";
-    hooks::fail_access(MGMT_CONSOLE_LOG_FILE, W_OK);
+    hook.access_suffix = MGMT_CONSOLE_LOG_FILE;
+    hook.access_bit = W_OK;
     EXPECT_EQ(vk_is_storage_available(getpid()), 2);
 
     // In disk sleep at all three tries: 1; clear at a try, the console log decides.
-    hooks::set_popen(hooks::PopenMode::record, "printf 'State:\\tD (disk sleep)\\n'");
+    popen_runs("printf 'State:\\tD (disk sleep)\\n'");
     EXPECT_EQ(vk_is_storage_available(getpid()), 1);
-    EXPECT_EQ(hooks::recorded().size(), 3u);
-    hooks::clear_recorded();
+    EXPECT_EQ(hook.log.size(), 3u);
+    hook.log.clear();
     const std::string tries = root.dir() + "/tries";
-    hooks::set_popen(hooks::PopenMode::record, "echo . >> " + tries + "; if [ $(wc -l < " + tries +
-                                                   ") -lt 3 ]; then printf 'State:\\tD (disk sleep)\\n'; "
-                                                   "else printf 'State:\\tS (sleeping)\\n'; fi");
+    popen_runs("echo . >> " + tries + "; if [ $(wc -l < " + tries +
+               ") -lt 3 ]; then printf 'State:\\tD (disk sleep)\\n'; else printf 'State:\\tS (sleeping)\\n'; fi");
     EXPECT_EQ(vk_is_storage_available(getpid()), 2) << "clear at the third try";
-    EXPECT_EQ(hooks::recorded().size(), 3u);
+    EXPECT_EQ(hook.log.size(), 3u);
 
-    hooks::set_popen(hooks::PopenMode::fail);
+    hook.popen = Hooks::fail;
     EXPECT_EQ(vk_is_storage_available(getpid()), -1);
 
     // A process that is gone gives no line at three tries.
@@ -96,17 +101,16 @@ TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {
     ASSERT_GE(gone, 0);
     if (gone == 0) _exit(0);
     ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
-    hooks::clear_recorded();
-    hooks::set_popen(hooks::PopenMode::record, "cat /proc/" + std::to_string(gone) + "/status 2>/dev/null | grep State");
+    hook.log.clear();
+    popen_runs("cat /proc/" + std::to_string(gone) + "/status 2>/dev/null | grep State");
     EXPECT_EQ(vk_is_storage_available(gone), -1);
-    EXPECT_EQ(hooks::recorded().size(), 3u);
+    EXPECT_EQ(hook.log.size(), 3u);
 }
 
 TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {
     const char *none = get_device_uuid();
     ASSERT_NE(none, nullptr);
     EXPECT_STREQ(none, "");
-    make_dirs(root.path("/flash"));
     const struct {
         std::string text, want;
     } cases[] = {{"  5f1e-77aa trailing words\n", "5f1e-77aa"},
@@ -144,12 +148,12 @@ TEST_F(Probes, VsysLockEntry) {
     EXPECT_EQ(log.text(), "[app44/0]: ioctl mgd_vsys_lock_status cmd 7 failed, ret -1\n"
                           "[app44/0]: ioctl mgd_vsys_lock_status cmd 7 failed, ret -1\n");
 
-    hooks::fake_vsys_lock_driver(3);
+    hook.lock_driver = 3;
     EXPECT_EQ(libmgmt_is_vsys_locked(3), 1);
-    EXPECT_EQ(hooks::vsys_lock_seen().vsys_id, 3);
-    EXPECT_EQ(hooks::vsys_lock_seen().locked, 0) << "handed over with locked 0";
+    EXPECT_EQ(hook.lock_seen[0], 3);
+    EXPECT_EQ(hook.lock_seen[1], 0) << "handed over with locked 0";
     EXPECT_EQ(libmgmt_is_vsys_locked(4), 0);
-    EXPECT_EQ(hooks::vsys_lock_seen().calls, 2);
+    EXPECT_EQ(hook.lock_calls, 2);
 }
 
 // ---------------------------------------------------------------- exchanges
@@ -166,7 +170,7 @@ TEST_F(Probes, CapabilityChecksumAsksWithTwoAndReadsOneWord) {
     EXPECT_EQ(mgd.received()[0].bytes, host_words({2}));
     EXPECT_EQ(mgd.received()[0].kind, uint32_t(IPC_KIND_REQUEST));
     for (int skip : {0, 1}) {
-        hooks::fail_ipcmsg_alloc(1, skip);
+        fail_ipcmsg_alloc(1, skip);
         EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1);
     }
     EXPECT_FALSE(mgd.wait_for(2, 100));
@@ -178,14 +182,13 @@ TEST_F(Probes, CapabilityChecksumAsksWithTwoAndReadsOneWord) {
 
 TEST_F(Probes, SessionCutReadsThreeWordsAndIgnoresTheStatus) {
     uint32_t words[3] = {1, 2, 3};
-    {
-        StdoutCapture out;
-        EXPECT_EQ(get_session_cut(words), -1);
-        hooks::fail_ipcmsg_alloc(1);
-        EXPECT_EQ(get_session_cut(words), -1);
-        EXPECT_EQ(out.text(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
-        EXPECT_EQ(words[0], 1u);
-    }
+    EXPECT_EQ(stdout_of([&] {
+                  EXPECT_EQ(get_session_cut(words), -1);
+                  fail_ipcmsg_alloc(1);
+                  EXPECT_EQ(get_session_cut(words), -1);
+              }),
+              "CAP: ipc send failed\nCAP: ipc malloc error\n");
+    EXPECT_EQ(words[0], 1u);
     TestPeer mgd(MGD_APPID);
     answer(mgd, 611, [] { return Answer{host_words({7, 8, 9}), -4, true}; });
     EXPECT_EQ(get_session_cut(words), 0);
@@ -229,7 +232,7 @@ TEST_F(Probes, NetworkManagerTimeoutIsASignedCompare) {
     EXPECT_EQ(console.text(), failed + failed + failed);
     console.clear();
     for (int skip : {0, 1}) {
-        hooks::fail_ipcmsg_alloc(1, skip);
+        fail_ipcmsg_alloc(1, skip);
         EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
     }
     EXPECT_EQ(console.text(), "LIBMGMT: Can`t not malloc memory!\nLIBMGMT: Can`t not malloc memory!\n");
@@ -241,20 +244,22 @@ TEST_F(Probes, AvailabilityIsTheByteAtOffset44OfAFullReply) {
     int32_t status = 0;
     TestPeer app0(0);
     answer(app0, 880, [&] { return Answer{reply, status, true}; });
-    reply[44] = 1;
-    EXPECT_EQ(vk_get_avai_status_para(), 1);
+    const struct {
+        size_t size;
+        uint8_t flag;
+        int32_t status;
+        int want;
+    } cases[] = {{64, 1, 0, 1}, {64, 2, 0, 0}, {63, 1, 0, -1} /* a short reply */, {64, 1, -1, -1}};
+    for (const auto &c : cases) {
+        reply.assign(c.size, 0);
+        reply[44] = c.flag;
+        status = c.status;
+        EXPECT_EQ(vk_get_avai_status_para(), c.want) << c.size << " " << int(c.flag) << " " << c.status;
+    }
     ASSERT_TRUE(app0.wait_for(1));
     EXPECT_EQ(app0.received()[0].bytes, Bytes(12, 0));
-    reply[44] = 2;
-    EXPECT_EQ(vk_get_avai_status_para(), 0);
-    reply.assign(63, 1);
-    EXPECT_EQ(vk_get_avai_status_para(), -1) << "a short reply";
-    reply.assign(64, 1);
-    status = -1;
-    EXPECT_EQ(vk_get_avai_status_para(), -1);
-    status = 0;
     for (int skip : {0, 1}) {
-        hooks::fail_ipcmsg_alloc(1, skip);
+        fail_ipcmsg_alloc(1, skip);
         EXPECT_EQ(vk_get_avai_status_para(), -1);
     }
     EXPECT_EQ(app0.received().size(), 4u);

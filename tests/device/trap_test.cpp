@@ -36,7 +36,7 @@ class Traps : public ::testing::Test {
   protected:
     void TearDown() override {
         trap_write_func_set(nullptr);
-        hooks::reset();
+        reset_hooks();
         unsetenv("MGMT_PLATFORM");
     }
     // A trap receiver bound as application 23 for the rest of the test.
@@ -51,16 +51,15 @@ class Traps : public ::testing::Test {
 // The buffers of the write road and of the forwarder are made at first use; a failure then is a
 // refusal and the next use tries again.
 TEST_F(Traps, WriteRoadAndForwarderFrameIntoBuffersOfTenThousandBytes) {
+    g_write_calls = 0;
     // The first use, in a child where no trap has been sent yet.
     ChildResult first = run_in_child([](int out) {
         trap_write_func_set(record_write);
-        const int calls = g_write_calls;
-        hooks::fail_ipcmsg_alloc(1);
-        std::string seen = std::to_string(vk_private_trap(1, "x", 1, 0));
-        seen += " " + std::to_string(g_write_calls - calls);
+        fail_ipcmsg_alloc(1);
+        std::string seen = std::to_string(vk_private_trap(1, "x", 1, 0)) + " " + std::to_string(g_write_calls);
         seen += " " + std::to_string(vk_private_trap(0x1234, "payload", 7, 0x99));
         seen += g_written == be_words({6, 0x1234, 0x99}) + "payload" ? " framed" : " wrong";
-        hooks::fail_ipcmsg_alloc(1);
+        fail_ipcmsg_alloc(1);
         seen += " " + std::to_string(vk_private_trap(2, nullptr, 0, 0));
         seen += g_written == be_words({6, 2, 0}) ? " framed" : " wrong";
         return write(out, seen.data(), seen.size()) == ssize_t(seen.size()) ? 0 : 1;
@@ -70,25 +69,22 @@ TEST_F(Traps, WriteRoadAndForwarderFrameIntoBuffersOfTenThousandBytes) {
     TestPeer &rx = listen();
     trap_write_func_set(record_write);
     EXPECT_EQ(trap_write_func, &record_write);
-    const int calls = g_write_calls;
-    hooks::reset();
     const std::string max(10000, 'm');
     EXPECT_EQ(vk_private_trap(1, max.data(), 9988, 0), 77);
     EXPECT_EQ(g_written.size(), 10000u);
-    EXPECT_EQ(vk_private_trap(1, max.data(), 9989, 0), -1);
-    EXPECT_EQ(vk_private_trap(1, max.data(), -1, 0), -1);
-    EXPECT_EQ(vk_private_trap(1, nullptr, 3, 0), -1);
-    EXPECT_EQ(vk_private_trap(12, nullptr, 3, 0), -1) << "kind 12 is no excuse on this road";
+    EXPECT_EQ(g_write_calls, 1);
+    for (auto [kind, data, len] : {std::tuple{1, max.data(), 9989}, {1, max.data(), -1}, {1, nullptr, 3}, {12, nullptr, 3}})
+        EXPECT_EQ(vk_private_trap(kind, data, len, 0), -1) << kind << " " << len; // kind 12 is no excuse here
     trap_write_func_set(nullptr);
     EXPECT_EQ(vk_private_trap(3, "i", 1, 0), 0) << "a null function turns the road off";
-    EXPECT_EQ(g_write_calls - calls, 1);
+    EXPECT_EQ(g_write_calls, 1);
 
     // The forwarder sends a finished record as it is.
-    hooks::fail_ipcmsg_alloc(1);
+    fail_ipcmsg_alloc(1);
     EXPECT_EQ(vk_trap_buf_write("abcd", 4), -1);
     const Bytes record = be_words({6, 0x44, 1}) + "forwarded";
     EXPECT_EQ(vk_trap_buf_write(record.data(), uint32_t(record.size())), 0);
-    hooks::fail_ipcmsg_alloc(1);
+    fail_ipcmsg_alloc(1);
     EXPECT_EQ(vk_trap_buf_write(max.data(), 10000), 0);
     EXPECT_EQ(vk_trap_buf_write(max.data(), 10001), -1);
     ASSERT_TRUE(rx.wait_for(3));
@@ -105,22 +101,20 @@ TEST_F(Traps, IpcRoadSendsBigEndianWordsToApplication23) {
     const std::string big(20000, 'q');
     std::vector<int> rc;
     run_as(31, [&] {
-        rc.push_back(vk_trap(0x0102, "link down", 9, 0xa1b2c3d4));
-        rc.push_back(vk_private_trap(0x55, "ev", 2, 7));
-        rc.push_back(vk_trap(3, nullptr, 0, 0));
-        rc.push_back(vk_trap(12, nullptr, 4, 9));
-        rc.push_back(vk_private_trap(2, big.data(), int32_t(big.size()), 0));
+        rc = {vk_trap(0x0102, "link down", 9, 0xa1b2c3d4), vk_private_trap(0x55, "ev", 2, 7), vk_trap(3, nullptr, 0, 0),
+              vk_trap(12, nullptr, 4, 9), vk_private_trap(2, big.data(), int32_t(big.size()), 0)};
     });
     EXPECT_EQ(rc, std::vector<int>(5, 0));
     EXPECT_EQ(vk_trap(5, nullptr, 4, 0), -1);
     EXPECT_EQ(vk_private_trap(5, "x", -1, 0), -1) << "no record of that size can be made";
     EXPECT_EQ(vk_private_trap(5, nullptr, 4, 0), -1);
-    StdoutCapture out;
-    hooks::fail_ipcmsg_alloc(1);
-    EXPECT_EQ(vk_trap(1, "a", 1, 0), -1);
-    hooks::fail_ipcmsg_alloc(1);
-    EXPECT_EQ(vk_private_trap(1, "a", 1, 0), -1);
-    EXPECT_EQ(out.text(), "TRAP: cannot alloc\nTRAP: cannot alloc\n");
+    EXPECT_EQ(stdout_of([] {
+                  fail_ipcmsg_alloc(1);
+                  EXPECT_EQ(vk_trap(1, "a", 1, 0), -1);
+                  fail_ipcmsg_alloc(1);
+                  EXPECT_EQ(vk_private_trap(1, "a", 1, 0), -1);
+              }),
+              "TRAP: cannot alloc\nTRAP: cannot alloc\n");
 
     ASSERT_TRUE(rx.wait_for(5));
     const auto got = rx.received();
@@ -161,7 +155,6 @@ TEST_F(Traps, OnAManagementCpuSystemTrapsGoToTheManagementSlot) {
 class Fifo : public Traps {
   protected:
     void SetUp() override { make_dirs(root.path("/etc")); }
-    std::string fifo() const { return root.path(VK_AGENT_TRAP_FIFO); }
     Bytes read_all(int fd) {
         Bytes b(20000);
         ssize_t n = read(fd, b.data(), b.size());
@@ -169,15 +162,16 @@ class Fifo : public Traps {
         return b;
     }
     Sysroot root;
+    const std::string fifo = root.path(VK_AGENT_TRAP_FIFO);
 };
 
 TEST_F(Fifo, RecordsGoThroughTheFifoInHostOrder) {
     vk_agent_trap_init();
     struct stat st;
-    ASSERT_EQ(stat(fifo().c_str(), &st), 0);
+    ASSERT_EQ(stat(fifo.c_str(), &st), 0);
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    int reader = open(fifo().c_str(), O_RDONLY | O_NONBLOCK);
+    int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
     EXPECT_EQ(vk_private_trap_via_fifo(0x1234, "disk", 4), 0);
     EXPECT_EQ(read_all(reader), host_words({6, 0x1234, 4}) + "disk");
@@ -193,36 +187,33 @@ TEST_F(Fifo, RecordsGoThroughTheFifoInHostOrder) {
     close(reader);
 }
 
+// A start that fails for want of a directory or of memory leaves the road closed.
 TEST_F(Fifo, AFailedStartLeavesTheRoadClosed) {
     rmdir(root.path("/etc").c_str());
-    StdoutCapture out;
-    vk_agent_trap_init();
+    EXPECT_EQ(stdout_of(vk_agent_trap_init), "AGENT: cannot create fifo, errno: 2\n");
     EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1) << "no buffer after a failed start";
-    EXPECT_EQ(out.text(), "AGENT: cannot create fifo, errno: 2\n");
-}
-
-TEST_F(Fifo, WithoutMemoryTheStartStops) {
-    if (!hooks::malloc_hook_available()) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
-    StdoutCapture out;
-    hooks::fail_alloc_of_size(VK_AGENT_TRAP_BUF_SIZE, 1);
-    vk_agent_trap_init();
-    EXPECT_EQ(out.text(), "AGENT: cannot alloc buffer\n");
-    EXPECT_FALSE(exists(fifo())) << "stopped before the fifo";
+    if (!kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
+    make_dirs(root.path("/etc"));
+    hook.size_fail_size = VK_AGENT_TRAP_BUF_SIZE;
+    hook.size_fail = 1;
+    EXPECT_EQ(stdout_of(vk_agent_trap_init), "AGENT: cannot alloc buffer\n");
+    EXPECT_FALSE(exists(fifo)) << "stopped before the fifo";
     EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1);
 }
 
 // Open failures are reported unless nobody reads (ENXIO); then the event is lost and the next send
 // opens again.
 TEST_F(Fifo, OpenFailuresAndAMissingReader) {
-    make_dirs(fifo()); // a directory where the fifo belongs
-    StdoutCapture out;
-    vk_agent_trap_init();
-    EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1);
-    rmdir(fifo().c_str());
-    ASSERT_EQ(mkfifo(fifo().c_str(), 0600), 0);
-    EXPECT_EQ(vk_private_trap_via_fifo(2, "b", 1), -1) << "no reader: the write fails";
-    EXPECT_EQ(out.text(), "AGENT: cannot open fifo, errno: 21\nAGENT: cannot open fifo, errno: 21\n");
-    int reader = open(fifo().c_str(), O_RDONLY | O_NONBLOCK);
+    make_dirs(fifo); // a directory where the fifo belongs
+    EXPECT_EQ(stdout_of([&] {
+                  vk_agent_trap_init();
+                  EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1);
+                  rmdir(fifo.c_str());
+                  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+                  EXPECT_EQ(vk_private_trap_via_fifo(2, "b", 1), -1) << "no reader: the write fails";
+              }),
+              "AGENT: cannot open fifo, errno: 21\nAGENT: cannot open fifo, errno: 21\n");
+    int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
     EXPECT_EQ(vk_private_trap_via_fifo(3, "c", 1), 0);
     EXPECT_EQ(read_all(reader), host_words({6, 3, 1}) + "c");
@@ -246,10 +237,10 @@ TEST_F(Traps, ManagerTrapsArePublishedOnlyWhileTheAgentIsRegistered) {
     TestPeer subscriber(41);
     subscriber.handle(VK_TM_TRAP_CHANNEL, no_answer);
     ASSERT_EQ(ipc_subscribe(VK_TM_TRAP_CHANNEL, 41, 0), 0);
-    hooks::fail_ipcmsg_alloc(1);
+    fail_ipcmsg_alloc(1);
     EXPECT_EQ(vk_is_tm_status_reg(), 0);
     EXPECT_EQ(vk_tm_trap(1, 2, "x", 1), 0) << "before registration: nothing allocated or published";
-    hooks::reset();
+    reset_hooks();
 
     EXPECT_EQ(announce(1), std::make_pair(0, 0u));
     EXPECT_EQ(vk_is_tm_status_reg(), 1);
@@ -262,7 +253,7 @@ TEST_F(Traps, ManagerTrapsArePublishedOnlyWhileTheAgentIsRegistered) {
     EXPECT_EQ(got[0].msg, VK_TM_TRAP_CHANNEL);
     EXPECT_EQ(got[0].bytes, host_words({0x10, 0x20}) + "mgr");
     EXPECT_EQ(got[1].bytes, host_words({0x11, 0x21}));
-    hooks::fail_ipcmsg_alloc(1);
+    fail_ipcmsg_alloc(1);
     EXPECT_EQ(vk_tm_trap(1, 1, "y", 1), -1);
 
     EXPECT_EQ(announce(2), std::make_pair(0, 0u)) << "a known state, but not registered";
@@ -308,16 +299,14 @@ TEST_F(Traps, ManagerExchangeLoopCallsAgainWhileMoreDataIsFlagged) {
     EXPECT_EQ(failing.lengths.size(), 1u);
     EXPECT_EQ(tm_make_ipc_exchange_direct(nullptr, 0), -1);
     EXPECT_EQ(console.text(), "TIDALMANAGER: ipc handle failed\nTIDALMANAGER: ipc handle failed\n");
-}
-
-TEST_F(Traps, ManagerExchangeLoopWithoutMemory) {
-    if (!hooks::malloc_hook_available()) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
-    ConsoleCapture console;
+    if (!kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
+    console.clear();
     Steps unused;
-    hooks::fail_alloc_of_size(4000, 1);
-    EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&unused)), -1);
-    hooks::fail_alloc_of_size(256, 1);
-    EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&unused)), -1);
+    for (size_t size : {4000, 256}) {
+        hook.size_fail_size = size;
+        hook.size_fail = 1;
+        EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&unused)), -1);
+    }
     EXPECT_TRUE(unused.lengths.empty());
     EXPECT_EQ(console.text(), "TIDALMANAGER: pre-allocate memory for ipc data failed\n"
                               "TIDALMANAGER: pre-allocate memory for ipc cookie failed\n");
