@@ -205,17 +205,17 @@ TEST_F(Command, RefusalsAndForkFailures) {
     EXPECT_EQ(sigchld_handler(), SIG_DFL) << "nothing installed for a refused call";
     {
         ConsoleCapture console;
-        hook.fork_fail = 1;
+        fault::fork_fail = 1;
         EXPECT_EQ(exec_command_set("set a", 0), -1);
-        hook.fork_fail = 1;
+        fault::fork_fail = 1;
         EXPECT_EQ(exec_command_file_redirect("/nonexistent/cmds", "/nonexistent/out", 0, 1), -1);
         EXPECT_EQ(console.text(), "MGMTLIB: fork process failed\nMGMTLIB: fork process failed\n");
     }
     EXPECT_FALSE(any_child());
 
     // The child cannot start the interpreter: it gives up and leaves its file.
-    hook.children_only = true;
-    hook.fork_fail = 1;
+    fault::children_only = true;
+    fault::fork_fail = 1;
     as_app(77, [&] { EXPECT_EQ(exec_command_set("set b", 0), 0); });
     ASSERT_TRUE(children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: fork process failed\n");
@@ -235,10 +235,10 @@ TEST_F(Command, AnImpossibleStatusIsTriedAgainAfterItsText) {
 }
 
 TEST_F(Command, ChildWithoutMemoryForItsListEndsAtOnce) {
-    if (!kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
-    hook.children_only = true;
-    hook.size_fail_size = sizeof(buf_list);
-    hook.size_fail = 1;
+    if (!fault::kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
+    fault::children_only = true;
+    AllocHook::size_fail_size = sizeof(buf_list);
+    AllocHook::size_fail = 1;
     as_app(77, [&] { EXPECT_EQ(exec_command_set("set c", 0), 0); });
     ASSERT_TRUE(children_gone());
     EXPECT_EQ(read_file(root.console()), "MGMTLIB: alloc momery failed\n");

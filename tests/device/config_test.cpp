@@ -217,7 +217,7 @@ TEST_F(Config, SingleImportFailuresAreTold) {
 
     strlcpy(err, "old", sizeof err);
     for (int skip : {0, 1}) {
-        fail_ipcmsg_alloc(1, skip);
+        fault::arm_alloc_failures(1, skip);
         EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "cli", err, sizeof err), -1);
     }
     EXPECT_EQ(console.text(), "libmgmt: ipc malloc failed\nlibmgmt: ipc malloc failed\n");

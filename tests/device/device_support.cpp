@@ -25,10 +25,6 @@ namespace fs = std::filesystem;
 
 namespace devtest {
 
-// The children that the library forks end with exit(); the stand-ins tell them from the test.
-static const pid_t g_test_pid = getpid();
-static bool in_child() { return getpid() != g_test_pid; }
-
 Hooks hook;
 
 Sysroot::Sysroot() {
@@ -144,8 +140,8 @@ std::string stdout_of(const std::function<void()> &fn) {
 }
 
 void reset_hooks() {
-    hook.alloc_fail = hook.alloc_skip = hook.size_fail = hook.fork_fail = 0;
-    hook.children_only = hook.wait_fails = hook.no_localtime = false;
+    fault::disarm();
+    hook.wait_fails = hook.no_localtime = false;
     hook.child_wait_status = hook.lock_driver = -1;
     hook.system = hook.popen = Hooks::run;
     hook.popen_substitute = ":";
@@ -209,15 +205,6 @@ const char *command_in_tree(const char *command, char *buf, size_t size) {
     return buf;
 }
 
-// Takes one from a positive counter.
-bool take(std::atomic<int> &counter) {
-    int n = counter.load();
-    while (n > 0)
-        if (counter.compare_exchange_weak(n, n - 1)) return true;
-    return false;
-}
-
-bool in_scope() { return !hook.children_only || devtest::in_child(); }
 
 } // namespace
 
@@ -249,46 +236,17 @@ TREE_STAND_IN(int, mkfifo, (const char *path, mode_t mode), mode)
 TREE_STAND_IN(int, unlink, (const char *path))
 
 // Children of the library end with exit(); leak checking belongs to the test process only.
-STAND_IN int __lsan_is_turned_off() { return devtest::in_child(); }
-
-STAND_IN void *ipcmsg_alloc(uint32_t size) {
-    using fn_t = void *(*)(uint32_t);
-    REAL("ipcmsg_alloc");
-    return hook.alloc_fail.load() > 0 && !take(hook.alloc_skip) && take(hook.alloc_fail) ? nullptr : real(size);
-}
-
-#if !defined(__SANITIZE_ADDRESS__)
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-}
-
-static bool size_fault(size_t size) {
-    return hook.size_fail.load(std::memory_order_relaxed) > 0 && size == hook.size_fail_size.load() && in_scope() &&
-           take(hook.size_fail);
-}
-
-STAND_IN void *malloc(size_t n) { return size_fault(n) ? nullptr : __libc_malloc(n); }
-STAND_IN void *calloc(size_t n, size_t m) { return size_fault(n * m) ? nullptr : __libc_calloc(n, m); }
-#endif
-
-STAND_IN pid_t fork(void) {
-    using fn_t = pid_t (*)(void);
-    REAL("fork");
-    if (hook.fork_fail.load() <= 0 || !in_scope() || !take(hook.fork_fail)) return real();
-    errno = EAGAIN;
-    return -1;
-}
+STAND_IN int __lsan_is_turned_off() { return fault::in_child(); }
 
 STAND_IN pid_t wait(int *status) {
     using fn_t = pid_t (*)(int *);
     REAL("wait");
-    if (!devtest::in_child() && hook.wait_fails.exchange(false)) {
+    if (!fault::in_child() && hook.wait_fails.exchange(false)) {
         errno = ECHILD;
         return -1;
     }
     pid_t r = real(status);
-    if (r > 0 && devtest::in_child() && status) {
+    if (r > 0 && fault::in_child() && status) {
         int forced = hook.child_wait_status.exchange(-1);
         if (forced != -1) *status = forced;
     }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "faults.h"
 #include "test_support.h"
 
 namespace devtest {
@@ -67,15 +68,10 @@ class LogCapture {
 };
 std::string stdout_of(const std::function<void()> &fn);
 
-// Faults and captures of the stand-ins, all off after reset_hooks(). The counters are atomic, as
-// any thread may allocate or fork; the rest is set by the test and read by stand-ins that run on
-// its behalf, one at a time.
+// Faults and captures of the device's stand-ins, all off after reset_hooks() (which also disarms
+// the faults of faults.h). Set by the test and read by stand-ins that run on its behalf, one at a
+// time.
 struct Hooks {
-    std::atomic<int> alloc_fail{0}, alloc_skip{0}; // ipcmsg_alloc: alloc_fail calls fail after alloc_skip pass
-    std::atomic<int> size_fail{0};                 // malloc/calloc of exactly size_fail_size bytes
-    std::atomic<size_t> size_fail_size{0};
-    std::atomic<int> fork_fail{0};                 // forks fail with EAGAIN
-    std::atomic<bool> children_only{false};        // size_fail and fork_fail act in children only
     std::atomic<int> child_wait_status{-1};        // the first wait() of a child forked later reports it
     std::atomic<bool> wait_fails{false};           // the test process's next wait() fails (ECHILD)
     // system(): record without running (result 0) or fail with -1; popen(): record and run
@@ -94,18 +90,8 @@ struct Hooks {
 };
 extern Hooks hook;
 void reset_hooks();
-inline void fail_ipcmsg_alloc(int count, int skip = 0) {
-    hook.alloc_skip = skip;
-    hook.alloc_fail = count;
-}
 // The platform's run capture: records and answers `result`.
 void capture_runs(int result);
-// The sanitizer's allocator cannot be stood in for.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAllocFaults = false;
-#else
-constexpr bool kAllocFaults = true;
-#endif
 
 } // namespace devtest
 

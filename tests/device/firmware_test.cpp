@@ -57,10 +57,14 @@ struct ImageCall {
     std::string err;
 };
 
-ImageCall load(uint32_t op, const char *first, const char *second) {
+// With failed_alloc_after >= 0, an ipcmsg_alloc of the call fails after that many.
+ImageCall load(uint32_t op, const char *first, const char *second, int failed_alloc_after = -1) {
     ImageCall c;
     char err[256] = {};
-    run_as(kCaller, [&] { c.rc = segment_load_image_helper(op, first, second, &c.code, err); });
+    run_as(kCaller, [&] {
+        if (failed_alloc_after >= 0) fault::arm_alloc_failures(1, failed_alloc_after);
+        c.rc = segment_load_image_helper(op, first, second, &c.code, err);
+    });
     c.err = err;
     return c;
 }
@@ -107,8 +111,7 @@ TEST(Image, FailuresOfTheServiceOrOfMemoryAreTold) {
     TestPeer service(VK_FIRMWARE_APPID);
     answer(service, 10000, 0);
     for (int skip : {0, 1}) {
-        fail_ipcmsg_alloc(1, skip);
-        c = load(1, "a", nullptr);
+        c = load(1, "a", nullptr, skip);
         EXPECT_EQ(c.rc, -1);
         EXPECT_EQ(c.err, "[app44/0]: Alloc memory for firmware service failed\n") << skip;
     }
@@ -128,7 +131,7 @@ TEST(Heartbeat, StateDecidesWhetherTheApmIpcIsReadyAndFailuresAreLogged) {
         rc = read_heartbeat_state(nullptr);
         EXPECT_EQ(read_heartbeat_state(&state), -1);
         ready = is_apm_ipc_ready();
-        fail_ipcmsg_alloc(1);
+        fault::arm_alloc_failures(1);
         EXPECT_EQ(read_heartbeat_state(&state), -1);
     });
     EXPECT_EQ(rc, -1);

@@ -170,7 +170,7 @@ TEST_F(Probes, CapabilityChecksumAsksWithTwoAndReadsOneWord) {
     EXPECT_EQ(mgd.received()[0].bytes, host_words({2}));
     EXPECT_EQ(mgd.received()[0].kind, uint32_t(IPC_KIND_REQUEST));
     for (int skip : {0, 1}) {
-        fail_ipcmsg_alloc(1, skip);
+        fault::arm_alloc_failures(1, skip);
         EXPECT_EQ(get_dynamic_cap_crc32(&crc), -1);
     }
     EXPECT_FALSE(mgd.wait_for(2, 100));
@@ -184,7 +184,7 @@ TEST_F(Probes, SessionCutReadsThreeWordsAndIgnoresTheStatus) {
     uint32_t words[3] = {1, 2, 3};
     EXPECT_EQ(stdout_of([&] {
                   EXPECT_EQ(get_session_cut(words), -1);
-                  fail_ipcmsg_alloc(1);
+                  fault::arm_alloc_failures(1);
                   EXPECT_EQ(get_session_cut(words), -1);
               }),
               "CAP: ipc send failed\nCAP: ipc malloc error\n");
@@ -232,7 +232,7 @@ TEST_F(Probes, NetworkManagerTimeoutIsASignedCompare) {
     EXPECT_EQ(console.text(), failed + failed + failed);
     console.clear();
     for (int skip : {0, 1}) {
-        fail_ipcmsg_alloc(1, skip);
+        fault::arm_alloc_failures(1, skip);
         EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1);
     }
     EXPECT_EQ(console.text(), "LIBMGMT: Can`t not malloc memory!\nLIBMGMT: Can`t not malloc memory!\n");
@@ -259,7 +259,7 @@ TEST_F(Probes, AvailabilityIsTheByteAtOffset44OfAFullReply) {
     ASSERT_TRUE(app0.wait_for(1));
     EXPECT_EQ(app0.received()[0].bytes, Bytes(12, 0));
     for (int skip : {0, 1}) {
-        fail_ipcmsg_alloc(1, skip);
+        fault::arm_alloc_failures(1, skip);
         EXPECT_EQ(vk_get_avai_status_para(), -1);
     }
     EXPECT_EQ(app0.received().size(), 4u);

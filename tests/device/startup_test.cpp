@@ -85,8 +85,10 @@ TEST(Startup, PublishNoticeIsAnEmptyMessage324ToApplication15) {
         EXPECT_EQ(got.src_app, 5u);
         EXPECT_TRUE(got.bytes.empty());
 
-        fail_ipcmsg_alloc(1);
-        run_as(5, [&] { rc = vk_admind_publish_info(); });
+        run_as(5, [&] {
+            fault::arm_alloc_failures(1);
+            rc = vk_admind_publish_info();
+        });
         reset_hooks();
         EXPECT_EQ(rc, -1);
         EXPECT_FALSE(admind.wait_for(2, 200)) << "nothing is sent without a message";

@@ -55,11 +55,11 @@ TEST_F(Traps, WriteRoadAndForwarderFrameIntoBuffersOfTenThousandBytes) {
     // The first use, in a child where no trap has been sent yet.
     ChildResult first = run_in_child([](int out) {
         trap_write_func_set(record_write);
-        fail_ipcmsg_alloc(1);
+        fault::arm_alloc_failures(1);
         std::string seen = std::to_string(vk_private_trap(1, "x", 1, 0)) + " " + std::to_string(g_write_calls);
         seen += " " + std::to_string(vk_private_trap(0x1234, "payload", 7, 0x99));
         seen += g_written == be_words({6, 0x1234, 0x99}) + "payload" ? " framed" : " wrong";
-        fail_ipcmsg_alloc(1);
+        fault::arm_alloc_failures(1);
         seen += " " + std::to_string(vk_private_trap(2, nullptr, 0, 0));
         seen += g_written == be_words({6, 2, 0}) ? " framed" : " wrong";
         return write(out, seen.data(), seen.size()) == ssize_t(seen.size()) ? 0 : 1;
@@ -80,11 +80,11 @@ TEST_F(Traps, WriteRoadAndForwarderFrameIntoBuffersOfTenThousandBytes) {
     EXPECT_EQ(g_write_calls, 1);
 
     // The forwarder sends a finished record as it is.
-    fail_ipcmsg_alloc(1);
+    fault::arm_alloc_failures(1);
     EXPECT_EQ(vk_trap_buf_write("abcd", 4), -1);
     const Bytes record = be_words({6, 0x44, 1}) + "forwarded";
     EXPECT_EQ(vk_trap_buf_write(record.data(), uint32_t(record.size())), 0);
-    fail_ipcmsg_alloc(1);
+    fault::arm_alloc_failures(1);
     EXPECT_EQ(vk_trap_buf_write(max.data(), 10000), 0);
     EXPECT_EQ(vk_trap_buf_write(max.data(), 10001), -1);
     ASSERT_TRUE(rx.wait_for(3));
@@ -109,9 +109,9 @@ TEST_F(Traps, IpcRoadSendsBigEndianWordsToApplication23) {
     EXPECT_EQ(vk_private_trap(5, "x", -1, 0), -1) << "no record of that size can be made";
     EXPECT_EQ(vk_private_trap(5, nullptr, 4, 0), -1);
     EXPECT_EQ(stdout_of([] {
-                  fail_ipcmsg_alloc(1);
+                  fault::arm_alloc_failures(1);
                   EXPECT_EQ(vk_trap(1, "a", 1, 0), -1);
-                  fail_ipcmsg_alloc(1);
+                  fault::arm_alloc_failures(1);
                   EXPECT_EQ(vk_private_trap(1, "a", 1, 0), -1);
               }),
               "TRAP: cannot alloc\nTRAP: cannot alloc\n");
@@ -192,10 +192,10 @@ TEST_F(Fifo, AFailedStartLeavesTheRoadClosed) {
     rmdir(root.path("/etc").c_str());
     EXPECT_EQ(stdout_of(vk_agent_trap_init), "AGENT: cannot create fifo, errno: 2\n");
     EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1) << "no buffer after a failed start";
-    if (!kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
+    if (!fault::kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     make_dirs(root.path("/etc"));
-    hook.size_fail_size = VK_AGENT_TRAP_BUF_SIZE;
-    hook.size_fail = 1;
+    AllocHook::size_fail_size = VK_AGENT_TRAP_BUF_SIZE;
+    AllocHook::size_fail = 1;
     EXPECT_EQ(stdout_of(vk_agent_trap_init), "AGENT: cannot alloc buffer\n");
     EXPECT_FALSE(exists(fifo)) << "stopped before the fifo";
     EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1);
@@ -237,7 +237,7 @@ TEST_F(Traps, ManagerTrapsArePublishedOnlyWhileTheAgentIsRegistered) {
     TestPeer subscriber(41);
     subscriber.handle(VK_TM_TRAP_CHANNEL, no_answer);
     ASSERT_EQ(ipc_subscribe(VK_TM_TRAP_CHANNEL, 41, 0), 0);
-    fail_ipcmsg_alloc(1);
+    fault::arm_alloc_failures(1);
     EXPECT_EQ(vk_is_tm_status_reg(), 0);
     EXPECT_EQ(vk_tm_trap(1, 2, "x", 1), 0) << "before registration: nothing allocated or published";
     reset_hooks();
@@ -253,7 +253,7 @@ TEST_F(Traps, ManagerTrapsArePublishedOnlyWhileTheAgentIsRegistered) {
     EXPECT_EQ(got[0].msg, VK_TM_TRAP_CHANNEL);
     EXPECT_EQ(got[0].bytes, host_words({0x10, 0x20}) + "mgr");
     EXPECT_EQ(got[1].bytes, host_words({0x11, 0x21}));
-    fail_ipcmsg_alloc(1);
+    fault::arm_alloc_failures(1);
     EXPECT_EQ(vk_tm_trap(1, 1, "y", 1), -1);
 
     EXPECT_EQ(announce(2), std::make_pair(0, 0u)) << "a known state, but not registered";
@@ -299,12 +299,12 @@ TEST_F(Traps, ManagerExchangeLoopCallsAgainWhileMoreDataIsFlagged) {
     EXPECT_EQ(failing.lengths.size(), 1u);
     EXPECT_EQ(tm_make_ipc_exchange_direct(nullptr, 0), -1);
     EXPECT_EQ(console.text(), "TIDALMANAGER: ipc handle failed\nTIDALMANAGER: ipc handle failed\n");
-    if (!kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
+    if (!fault::kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     console.clear();
     Steps unused;
     for (size_t size : {4000, 256}) {
-        hook.size_fail_size = size;
-        hook.size_fail = 1;
+        AllocHook::size_fail_size = size;
+        AllocHook::size_fail = 1;
         EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&unused)), -1);
     }
     EXPECT_TRUE(unused.lengths.empty());
