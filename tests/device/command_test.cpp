@@ -114,7 +114,7 @@ class Command : public ::testing::Test {
     std::string log = root.dir() + "/cli.log";
 };
 
-TEST(ChildStatus, ExitAndKillAreDoneStopWaitsAndOnlyAnImpossibleStatusRetries) {
+TEST(ChildStatus, KeptAnyExitIsDoneStopWaitsAndOnlyAnImpossibleStatusRetries) {
     const struct {
         int status;
         ChildVerdict verdict;
@@ -226,7 +226,7 @@ TEST_F(Command, RefusalsAndForkFailures) {
     EXPECT_FALSE(exists(log));
 }
 
-TEST_F(Command, AnImpossibleStatusIsTriedAgainAfterItsText) {
+TEST_F(Command, KeptAnImpossibleStatusIsTriedAgainAfterItsText) {
     // Exit code and signal both set: not a status a process can end with, so the run goes again.
     hook.child_wait_status = (1 << 8) | SIGKILL;
     ASSERT_EQ(exec_command_set("set a", 1), 0);

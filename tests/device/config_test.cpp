@@ -92,7 +92,7 @@ int save_cb(void *data, uint32_t *len, void *, uint32_t *, void *, uint32_t *, v
     return 0;
 }
 
-TEST_F(Config, SaveAsksTheManagerWithItemsOneToSix) {
+TEST_F(Config, KeptSaveSendsItemsOneToSixAndItemZeroStaysBehind) {
     int rc = 0, rc_one = -9;
     run_as(kFrontEnd, [&] { rc = save_configuration(0, "a", "b", "c", "d", "e", 0, 0, nullptr, nullptr); });
     EXPECT_LT(rc, 0) << "without a manager, the stub's failure";
@@ -126,7 +126,7 @@ TEST_F(Config, SaveAsksTheManagerWithItemsOneToSix) {
 
 // ---------------------------------------------------------------- compression
 
-TEST_F(Config, CompressionCutsTheLastSuffixAndRemovesTheSource) {
+TEST_F(Config, KeptCompressionCutsTheLastSuffixAndRemovesTheSourceEvenOnFailure) {
     const struct {
         std::string name, archive;
     } cases[] = {{"/running.conf", "/running.zip"},
@@ -323,7 +323,7 @@ TEST_F(AllVsys, TwoPhasesOfTheManagementObjectAfterZipping) {
     EXPECT_EQ(be32(&got[1].bytes[MGI_OFF_MASK1]), 1u);
 }
 
-TEST_F(AllVsys, RefusalsOfEachPhaseAndOfTheZipper) {
+TEST_F(AllVsys, KeptTheSecondPhaseDropsTheLastCharacterOfARefusal) {
     // The first phase copies the manager's text within the buffer's size.
     EXPECT_EQ(import({error_answer(-12, "archive is not valid")}), -1);
     EXPECT_STREQ(err, "archive is not valid");

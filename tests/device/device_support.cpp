@@ -13,7 +13,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -124,20 +123,6 @@ LogCapture::LogCapture() {
     vk_clog_set_sink([](const char *text, void *ctx) { static_cast<LogCapture *>(ctx)->text_ += text; }, this);
 }
 LogCapture::~LogCapture() { vk_clog_set_sink(nullptr, nullptr); }
-
-std::string stdout_of(const std::function<void()> &fn) {
-    fflush(stdout);
-    const int sink = memfd_create("stdout", MFD_CLOEXEC), saved = dup(1);
-    dup2(sink, 1);
-    fn();
-    fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    std::string out(size_t(lseek(sink, 0, SEEK_CUR)), '\0');
-    if (pread(sink, out.data(), out.size(), 0) != ssize_t(out.size())) out = "<unreadable>";
-    close(sink);
-    return out;
-}
 
 void reset_hooks() {
     fault::disarm();

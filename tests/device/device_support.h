@@ -17,6 +17,7 @@
 namespace devtest {
 
 using mgmt_test::Bytes;
+using mgmt_test::stdout_of;
 
 // A fresh device tree below a temporary directory, set as MGMT_SYSROOT while it lives; also a
 // console file (MGMT_CONSOLE) and a boot console file (MGMT_BOOT_CONSOLE) beside it, where
@@ -56,7 +57,7 @@ uint32_t host32(const Bytes &b, size_t off);
 std::string text_at(const Bytes &b, size_t off, size_t len);
 Bytes operator+(Bytes a, const std::string &s);
 
-// What the device log (vk_clog) was given while the capture lives; what fn wrote on standard output.
+// What the device log (vk_clog) was given while the capture lives.
 class LogCapture {
   public:
     LogCapture();
@@ -66,7 +67,6 @@ class LogCapture {
   private:
     std::string text_;
 };
-std::string stdout_of(const std::function<void()> &fn);
 
 // Faults and captures of the device's stand-ins, all off after reset_hooks() (which also disarms
 // the faults of faults.h). Set by the test and read by stand-ins that run on its behalf, one at a

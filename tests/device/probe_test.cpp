@@ -123,7 +123,7 @@ TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {
     }
 }
 
-TEST_F(Probes, VsysLockEntry) {
+TEST_F(Probes, KeptVsysLockTextNamesAnotherPathAndAFailedIoctlIsNotLocked) {
     ConsoleCapture console;
     LogCapture log;
     vsys_lock_rec rec{3, 9};
@@ -197,7 +197,7 @@ TEST_F(Probes, SessionCutReadsThreeWordsAndIgnoresTheStatus) {
     EXPECT_EQ(mgd.received()[0].bytes.size(), 12u);
 }
 
-TEST_F(Probes, NetworkManagerTimeoutIsASignedCompare) {
+TEST_F(Probes, KeptNetworkManagerTimeoutIsASignedCompareAndAFailedCheckCountsAsTimedOut) {
     ConsoleCapture console;
     EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), -1) << "no manager";
     int32_t limit = 0, passed = 0, status = 0;

@@ -97,7 +97,7 @@ TEST(Startup, PublishNoticeIsAnEmptyMessage324ToApplication15) {
     EXPECT_LT(rc, 0) << "nobody bound as application 15";
 }
 
-TEST(Startup, SigIntReapsEveryEndedChildAndKeepsErrno) {
+TEST(Startup, KeptSigIntServesSigchldReapsEveryEndedChildAndKeepsErrno) {
     for (int i = 0; i < 3; ++i) {
         pid_t pid = fork();
         ASSERT_GE(pid, 0);

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -224,6 +225,20 @@ ChildResult run_in_child(const std::function<int(int out_fd)> &body) {
         r.code = WEXITSTATUS(status);
     }
     return r;
+}
+
+std::string stdout_of(const std::function<void()> &fn) {
+    fflush(stdout);
+    const int sink = memfd_create("stdout", MFD_CLOEXEC), saved = dup(1);
+    dup2(sink, 1);
+    fn();
+    fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    std::string out(size_t(lseek(sink, 0, SEEK_CUR)), '\0');
+    if (pread(sink, out.data(), out.size(), 0) != ssize_t(out.size())) out = "<unreadable>";
+    close(sink);
+    return out;
 }
 
 bool cap_address_space(size_t extra) {

@@ -149,6 +149,9 @@ bool cap_address_space(size_t extra);
 // build directory this program was built in (so any working directory will do).
 std::string build_path(const std::string &relpath);
 
+// What fn wrote on descriptor 1 (through stdio or not).
+std::string stdout_of(const std::function<void()> &fn);
+
 // Waits until pred holds, at most ms: pred is tried at once and again after each change (inotify)
 // to the watched paths (a directory's entries, or a file). Also true, without pred, as soon as
 // stop_fd (a pidfd, say) becomes readable.

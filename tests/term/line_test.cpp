@@ -2,7 +2,6 @@
 // record it leaves, and the limits of the text buffer.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,28 +13,9 @@
 #include "mgmt/term.h"
 #include "test_support.h"
 
-namespace {
+using mgmt_test::stdout_of;
 
-// Everything written to descriptor 1 while fn runs.
-std::string captured(const std::function<void()> &fn) {
-    fflush(stdout);
-    int sink = memfd_create("term-capture", 0);
-    EXPECT_GE(sink, 0);
-    int saved = dup(1);
-    dup2(sink, 1);
-    fn();
-    dup2(saved, 1);
-    close(saved);
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    lseek(sink, 0, SEEK_SET);
-    while ((n = read(sink, buf, sizeof buf)) > 0) {
-        out.append(buf, static_cast<size_t>(n));
-    }
-    close(sink);
-    return out;
-}
+namespace {
 
 term_line line_of(const std::string &text, int32_t cursor) {
     term_line l;
@@ -74,14 +54,14 @@ std::string pattern(size_t n) {
 
 TEST(TermOutput, WriteAndFormattedOutput) {
     int r = 0;
-    EXPECT_EQ(captured([&] { r = term_write("ab\bc", 4); }), "ab\bc");
+    EXPECT_EQ(stdout_of([&] { r = term_write("ab\bc", 4); }), "ab\bc");
     EXPECT_EQ(r, 4);
-    EXPECT_EQ(captured([&] { r = term_out("%s=%d", "n", 42); }), "n=42");
+    EXPECT_EQ(stdout_of([&] { r = term_out("%s=%d", "n", 42); }), "n=42");
     EXPECT_EQ(r, 4);
     for (size_t n : {1023u, 1024u, 3000u}) {
         std::string text(n, 'q');
         text.back() = '!';
-        EXPECT_EQ(captured([&] { r = term_out("%s", text.c_str()); }), text);
+        EXPECT_EQ(stdout_of([&] { r = term_out("%s", text.c_str()); }), text);
         EXPECT_EQ(r, static_cast<int>(n));
     }
 }
@@ -159,7 +139,7 @@ TEST(TermEdit, EachOperationPutsOutExactlyWhatTheRecordChanged) {
         SCOPED_TRACE(c.what);
         term_line l = line_of(c.text, c.cursor);
         l.esc_state = 1;
-        EXPECT_EQ(captured([&] { c.op(&l); }), c.out);
+        EXPECT_EQ(stdout_of([&] { c.op(&l); }), c.out);
         EXPECT_EQ(text_of(l), c.after);
         EXPECT_EQ(l.cursor, c.cursor_after);
         expect_zero_tail(l, 16);
@@ -168,15 +148,22 @@ TEST(TermEdit, EachOperationPutsOutExactlyWhatTheRecordChanged) {
     }
 }
 
+TEST(TermEdit, KeptForwardKillWordLeavesTheSpacesBehindAWord) {
+    term_line kill = line_of("ab  cd", 0), move = kill;
+    stdout_of([&] { term_forward_kill_word(&kill), term_forward_word(&move); });
+    EXPECT_EQ(text_of(kill), "  cd");
+    EXPECT_EQ(move.cursor, 4) << "a move goes over the spaces too";
+}
+
 TEST(TermEdit, ResultsOfEndRedrawAndInsert) {
     term_line l = line_of("hello", 2);
     int r = 0;
-    captured([&] { r = term_end_of_line(&l); });
+    stdout_of([&] { r = term_end_of_line(&l); });
     EXPECT_EQ(r, 5);
-    captured([&] { r = term_redraw_line(&l); });
+    stdout_of([&] { r = term_redraw_line(&l); });
     EXPECT_EQ(r, 5);
     l.cursor = 1;
-    captured([&] { r = term_insert(&l, 'x'); });
+    stdout_of([&] { r = term_insert(&l, 'x'); });
     EXPECT_EQ(r, 2) << "the new cursor";
 }
 
@@ -184,32 +171,32 @@ TEST(TermEdit, TheLongestLine) {
     // An insert inside a line of 1022 characters loses its last one.
     const std::string text = pattern(1022);
     term_line l = line_of(text, 10);
-    std::string out = captured([&] { term_insert(&l, '#'); });
+    std::string out = stdout_of([&] { term_insert(&l, '#'); });
     std::string expect_text = text.substr(0, 10) + "#" + text.substr(10, 1011);
     EXPECT_EQ(text_of(l), expect_text);
     EXPECT_EQ(out, expect_text.substr(10) + bs(1011));
 
     term_line almost = line_of(pattern(1021), 1021);
-    EXPECT_EQ(captured([&] { term_insert(&almost, '$'); }), "$");
+    EXPECT_EQ(stdout_of([&] { term_insert(&almost, '$'); }), "$");
     EXPECT_EQ(almost.len, 1022);
 
     term_line full = line_of(text, 1022);
-    EXPECT_EQ(captured([&] { term_insert(&full, '#'); }), "") << "no insert behind a full line";
+    EXPECT_EQ(stdout_of([&] { term_insert(&full, '#'); }), "") << "no insert behind a full line";
     EXPECT_EQ(text_of(full), text);
 
     term_line mid = line_of(text, 5);
-    captured([&] { term_insert_overtwrite(&mid, '#'); });
+    stdout_of([&] { term_insert_overtwrite(&mid, '#'); });
     EXPECT_EQ(mid.len, 1021) << "an overwrite also drops the last character of a line that long";
     EXPECT_EQ(mid.buf[5], '#');
 
     // Overwriting at the end fills the buffer's last cells and no more.
     full.esc_state = 0x5a;
-    captured([&] { term_insert_overtwrite(&full, '1'); });
-    captured([&] { term_insert_overtwrite(&full, '2'); });
+    stdout_of([&] { term_insert_overtwrite(&full, '1'); });
+    stdout_of([&] { term_insert_overtwrite(&full, '2'); });
     EXPECT_EQ(full.len, 1024);
     EXPECT_EQ(full.cursor, 1024);
     EXPECT_EQ(std::string(full.buf + 1022, 2), "12");
-    EXPECT_EQ(captured([&] { term_insert_overtwrite(&full, '3'); }), "") << "no cell left";
+    EXPECT_EQ(stdout_of([&] { term_insert_overtwrite(&full, '3'); }), "") << "no cell left";
     EXPECT_EQ(full.esc_state, 0x5a) << "nothing written behind the text buffer";
     EXPECT_EQ(full.len, 1024);
 }
@@ -220,7 +207,7 @@ TEST(TermEdit, BrokenRecordsAreLeftAlone) {
         term_line l = line_of("abc", 0);
         l.len = len;
         l.cursor = cursor;
-        std::string out = captured([&] {
+        std::string out = stdout_of([&] {
             term_backward_char(&l);
             term_forward_char(&l);
             term_delete_char(&l);
