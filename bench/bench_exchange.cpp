@@ -13,6 +13,7 @@
 
 #include "mgmt/mgi.h"
 #include "mgmt/platform/platform.h"
+#include "tests/support/served.h"
 
 namespace {
 
@@ -53,22 +54,16 @@ int answer_set(void *ipc, void *, void *, uint32_t, int32_t *, void *, uint32_t 
     return IPC_HANDLER_NOREPLY;
 }
 
-// A server endpoint on a thread of its own for the length of one benchmark.
-struct Server {
-    ipc_endpoint_t *ep;
-    std::thread t;
-    Server(uint32_t app, ipc_handler_fn fn) {
+// A fresh runtime directory and answer, then a server endpoint on a thread of its own for the length of
+// one benchmark.
+struct Prepared {
+    Prepared() {
         runtime_dir();
         build_answer();
-        ep = ipc_endpoint_open(app, 0, nullptr);
-        ipc_endpoint_handler(ep, MGI_IPC_MSG, fn);
-        t = std::thread([this] { ipc_endpoint_serve(ep); });
     }
-    ~Server() {
-        ipc_endpoint_stop(ep);
-        t.join();
-        ipc_endpoint_close(ep);
-    }
+};
+struct Server : Prepared, mgmt_test::ServedEndpoint {
+    Server(uint32_t app, ipc_handler_fn fn) : ServedEndpoint(app, 0, nullptr, {{MGI_IPC_MSG, fn}}) {}
 };
 
 int on_answer(void *, uint32_t *, void *, uint32_t *, void *, uint32_t *, void *) { return 0; }

@@ -17,6 +17,7 @@
 
 #include "mgmt/objects.h"
 #include "mgmt/platform/platform.h"
+#include "tests/support/served.h"
 
 namespace {
 
@@ -108,26 +109,13 @@ int mgd_handler(void *ipc, void *, void *, uint32_t, int32_t *, void *, uint32_t
     return IPC_HANDLER_NOREPLY;
 }
 
-struct Server {
-    ipc_endpoint_t *ep = nullptr;
-    std::thread thread;
-    Server(uint32_t app, ipc_handler_fn fn) {
-        ep = ipc_endpoint_open(app, 0, nullptr);
-        if (!ep) return;
-        ipc_endpoint_handler(ep, MGI_IPC_MSG, fn);
-        thread = std::thread([this] { ipc_endpoint_serve(ep); });
-    }
-    ~Server() {
-        if (!ep) return;
-        ipc_endpoint_stop(ep);
-        thread.join();
-        ipc_endpoint_close(ep);
-    }
+struct Server : mgmt_test::ServedEndpoint {
+    Server(uint32_t app, ipc_handler_fn fn) : ServedEndpoint(app, 0, nullptr, {{MGI_IPC_MSG, fn}}) {}
 };
 
 void BM_StubGet_aaa_role(benchmark::State &state) {
     Server app(kOwner, app_handler);
-    if (!app.ep) {
+    if (!app.ok()) {
         state.SkipWithError("cannot bind the test application");
         return;
     }
@@ -148,7 +136,7 @@ void BM_StubGet_aaa_role(benchmark::State &state) {
 
 void BM_StubSet_aaa_role(benchmark::State &state) {
     Server mgd(MGD_APPID, mgd_handler);
-    if (!mgd.ep) {
+    if (!mgd.ok()) {
         state.SkipWithError("cannot bind the test manager");
         return;
     }
@@ -172,7 +160,7 @@ void BM_StubSet_aaa_role(benchmark::State &state) {
 // Floor: the platform's round trip of a message of the get's size, with no MGI and no stub.
 void BM_FloorRoundTrip_same_size(benchmark::State &state) {
     Server app(kOwner, app_handler);
-    if (!app.ep) {
+    if (!app.ok()) {
         state.SkipWithError("cannot bind the test application");
         return;
     }

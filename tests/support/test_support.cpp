@@ -130,25 +130,16 @@ Bytes mgi_record_message(uint8_t type, const Bytes &payload) {
     return m;
 }
 
-TestPeer::TestPeer(uint32_t appid, uint32_t instance) {
-    ep_ = ipc_endpoint_open(appid, instance, this);
-    if (!ep_) return;
-    thread_ = std::thread([this] { ipc_endpoint_serve(ep_); });
-}
+TestPeer::TestPeer(uint32_t appid, uint32_t instance) : served_(appid, instance, this) {}
 
-TestPeer::~TestPeer() {
-    if (!ep_) return;
-    ipc_endpoint_stop(ep_);
-    if (thread_.joinable()) thread_.join();
-    ipc_endpoint_close(ep_);
-}
+TestPeer::~TestPeer() = default;
 
 void TestPeer::handle(uint16_t msg, Script script) {
     {
         std::lock_guard<std::mutex> lock(mu_);
         scripts_.emplace_back(msg, std::move(script));
     }
-    ipc_endpoint_handler(ep_, msg, &TestPeer::on_message);
+    served_.handle(msg, &TestPeer::on_message);
 }
 
 int TestPeer::on_message(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,

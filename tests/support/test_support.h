@@ -16,6 +16,7 @@
 #include "mgi/wire.h"
 #include "mgmt/mgi.h"
 #include "mgmt/platform/platform.h"
+#include "served.h"
 
 namespace mgmt_test {
 
@@ -92,17 +93,16 @@ class TestPeer {
     std::vector<Received> received() const;
     // Waits until n messages have arrived; false when they don't within ms.
     bool wait_for(size_t n, int ms = 5000) const;
-    bool ok() const { return ep_ != nullptr; }
+    bool ok() const { return served_.ok(); }
 
   private:
     static int on_message(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
                           uint32_t *reply_len);
-    ipc_endpoint_t *ep_ = nullptr;
-    std::thread thread_;
     mutable std::mutex mu_;
     mutable std::condition_variable cv_;
     std::vector<Received> received_;
     std::vector<std::pair<uint16_t, Script>> scripts_;
+    ServedEndpoint served_; // last: it stops serving before the rest goes
 };
 
 // A program of this build run as a daemon in the test's runtime directory:
