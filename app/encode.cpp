@@ -14,6 +14,9 @@
 using mgmt::put_be16;
 using mgmt::pad8;
 using mgmt::put_be32;
+using mgmt::get_field;
+using mgmt::put_field;
+namespace hdr = mgmt::hdr;
 using mgmt::app::rsp_fits;
 
 namespace {
@@ -80,7 +83,7 @@ MGMT_API int handle_mgi_msg(void *ipc, void *head, void *rqt, uint32_t rqt_len, 
 
 MGMT_API int handle_ha_sync_mgi_msg(void *rqt, uint32_t, void *, void *rsp, uint32_t *rsp_len) {
     // No IPC length comes with this road: the message is as long as its header says.
-    size_t rqt_len = MGI_HDR_LEN + mgmt::get_be16(static_cast<const unsigned char *>(rqt) + MGI_OFF_LEN);
+    size_t rqt_len = MGI_HDR_LEN + get_field(static_cast<const unsigned char *>(rqt), hdr::len);
     mgiInfo info;
     uint32_t len = serve(rqt, rqt_len, rsp, rsp_len, &info);
     if (len > MGI_MAX_LEN) {
@@ -113,15 +116,15 @@ MGMT_API int encode_app_rsp_data(mgiInfo *info) {
 MGMT_API int suffix_encode_app_rsp_hdr(void *, void *rsp, mgiInfo *info) {
     auto *r = static_cast<unsigned char *>(rsp);
     r[MGI_OFF_TYPE] = info->rsptype;
-    put_be16(r + MGI_OFF_LEN, static_cast<uint16_t>(info->rsp_len));
-    put_be32(r + MGI_OFF_OFFSET, info->rqt_offset);
-    put_be32(r + MGI_OFF_RSP_AUX, info->rsp_aux);
-    put_be16(r + MGI_OFF_RQT_AUX, info->rqt_aux);
-    put_be32(r + MGI_OFF_MGI_FLAG, info->mgi_flag);
-    put_be32(r + MGI_OFF_MASK1, info->rsp_mask1);
-    put_be32(r + MGI_OFF_MASK2, info->rsp_mask2);
-    put_be32(r + MGI_OFF_MASK3, info->rsp_mask3);
-    put_be32(r + MGI_OFF_RSP_DATA_TYPE, info->rsp_data_type);
+    put_field(r, hdr::len, static_cast<uint16_t>(info->rsp_len));
+    put_field(r, hdr::offset, info->rqt_offset);
+    put_field(r, hdr::rsp_aux, info->rsp_aux);
+    put_field(r, hdr::rqt_aux, info->rqt_aux);
+    put_field(r, hdr::mgi_flag, info->mgi_flag);
+    put_field(r, hdr::mask1, info->rsp_mask1);
+    put_field(r, hdr::mask2, info->rsp_mask2);
+    put_field(r, hdr::mask3, info->rsp_mask3);
+    put_field(r, hdr::rsp_data_type, info->rsp_data_type);
     return 0;
 }
 
@@ -268,10 +271,10 @@ MGMT_API int libmgmt_serve_request(const void *rqt, uint32_t rqt_len, void *rsp,
 MGMT_API int libmgmt_serve_mgi_buf(mgiBuf *buf) {
     if (!buf || !buf->sbuf || !buf->rbuf) return -1;
     unsigned char *h = buf->sbuf;
-    uint16_t len = mgmt::get_be16(h + MGI_OFF_LEN);
+    uint16_t len = get_field(h, hdr::len);
     if (len == 0 && h[MGI_OFF_NEXTSEG] > 128 && h[MGI_OFF_NEXTSEG] != MGI_SEG_END && buf->sendseg_len != 0) {
         len = static_cast<uint16_t>(buf->sendseg_len);
-        put_be16(h + MGI_OFF_LEN, len);
+        put_field(h, hdr::len, len);
     }
     uint32_t rsp_len = 0;
     int rc = libmgmt_serve_request(h, MGI_HDR_LEN + len, buf->rbuf, MGI_MAX_LEN, &rsp_len);

@@ -133,19 +133,19 @@ MGMT_API void prepare_mgi_language_r(mgiBuf *buf, uint8_t language) {
     if (unsigned char *h = send_header(buf)) h[MGI_OFF_LANGUAGE] = language;
 }
 MGMT_API void prepare_mgi_vsysid_r(mgiBuf *buf, uint16_t id) {
-    if (unsigned char *h = send_header(buf)) put_be16(h + MGI_OFF_VSYSID, id);
+    if (unsigned char *h = send_header(buf)) put_field(h, hdr::vsysid, id);
 }
 MGMT_API void prepare_mgi_login_vsysid_r(mgiBuf *buf, uint16_t id) {
-    if (unsigned char *h = send_header(buf)) put_be16(h + MGI_OFF_LOGIN_VSYSID, id);
+    if (unsigned char *h = send_header(buf)) put_field(h, hdr::login_vsysid, id);
 }
 MGMT_API void prepare_mgi_dst_vsysid_r(mgiBuf *buf, uint16_t id) {
-    if (unsigned char *h = send_header(buf)) put_be16(h + MGI_OFF_DST_VSYSID, id);
+    if (unsigned char *h = send_header(buf)) put_field(h, hdr::dst_vsysid, id);
 }
 MGMT_API void prepare_mgi_user_r(mgiBuf *buf, const char *name, uint32_t priv) {
     unsigned char *h = send_header(buf);
     if (!h || !name) return;
     strlcpy(reinterpret_cast<char *>(h + MGI_OFF_USER), name, 32);
-    put_be32(h + MGI_OFF_USER_PRIV, priv);
+    put_field(h, hdr::user_priv, priv);
 }
 MGMT_API void prepare_mgi_partname_r(mgiBuf *buf, const char *name) {
     unsigned char *h = send_header(buf);

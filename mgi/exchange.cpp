@@ -40,8 +40,8 @@ void header_start(unsigned char *h, const uint32_t *target) {
     h[MGI_OFF_SRC] = 0;
     h[MGI_OFF_TIMEOUT] = MGI_DEFAULT_TIMEOUT;
     h[MGI_OFF_LANGUAGE] = 0;
-    put_be16(h + MGI_OFF_VSYSID, 0);
-    put_be16(h + MGI_OFF_LOGIN_VSYSID, 0);
+    put_field(h, hdr::vsysid, 0);
+    put_field(h, hdr::login_vsysid, 0);
     unsigned char *t = h + MGI_OFF_TARGET;
     std::memcpy(t, target, 4 * MGI_TARGET_WORDS);
     // Convert up to and including the first zero word (the header holds ten).
@@ -77,7 +77,7 @@ void print_send_failed(uint32_t dst) {
 }
 
 uint32_t send_length(const unsigned char *sbuf) {
-    uint32_t len = get_be16(sbuf + MGI_OFF_LEN) + MGI_HDR_LEN;
+    uint32_t len = get_field(sbuf, hdr::len) + MGI_HDR_LEN;
     return len > MGI_MAX_LEN ? MGI_MAX_LEN : len;
 }
 
@@ -87,7 +87,7 @@ uint32_t send_length(const unsigned char *sbuf) {
 bool hand_records(const mgiBuf *buf, uint32_t received, mgi_rsp_callback callback, int stride, bool stop_on_fail) {
     bool ok = true;
     if (stride <= 0) return ok;
-    uint32_t len = get_be16(buf->rbuf + MGI_OFF_LEN);
+    uint32_t len = get_field(buf->rbuf, hdr::len);
     // Records lie inside what was received and inside the buffer.
     uint32_t payload = received > MGI_HDR_LEN ? received - MGI_HDR_LEN : 0;
     if (len > payload) len = payload;
@@ -139,12 +139,12 @@ int exchange_through_mgd(mgiBuf *buf, mgi_rsp_callback callback, int stride, int
         uint8_t type = buf->rbuf[MGI_OFF_TYPE];
         switch (type) {
         case MGI_RSP_PARTIAL:
-            if (callback && call_ok && get_be16(buf->rbuf + MGI_OFF_LEN) != 0)
+            if (callback && call_ok && get_field(buf->rbuf, hdr::len) != 0)
                 call_ok = hand_records(buf, received, callback, stride, false);
             continue;
         case MGI_RSP_FINAL:
         case MGI_RSP_FINAL2:
-            if (callback && call_ok && get_be16(buf->rbuf + MGI_OFF_LEN) != 0)
+            if (callback && call_ok && get_field(buf->rbuf, hdr::len) != 0)
                 hand_records(buf, received, callback, stride, true);
             return 0;
         case MGI_RSP_ERROR:
@@ -157,7 +157,7 @@ int exchange_through_mgd(mgiBuf *buf, mgi_rsp_callback callback, int stride, int
 }
 
 int send_direct(mgiBuf *buf, uint32_t dst_app, int timeout_ms) {
-    put_be16(buf->sbuf + MGI_OFF_LEN, static_cast<uint16_t>(buf->sendseg_len));
+    put_field(buf->sbuf, hdr::len, static_cast<uint16_t>(buf->sendseg_len));
     int32_t status = 0;
     uint32_t capacity = MGI_MAX_LEN;
     if (ipcmsg_send_and_recv(dst_app, 0, MGI_IPC_MSG, buf->sbuf, send_length(buf->sbuf), &status, buf->rbuf,
@@ -195,16 +195,16 @@ MGMT_API void prepare_mgi_exchange_r(mgiBuf *buf, const uint32_t *target, uint8_
     header_start(h, target);
     h[MGI_OFF_NEXTSEG] = firstseg;
     h[MGI_OFF_TYPE] = type;
-    put_be16(h + MGI_OFF_LEN, len);
-    put_be32(h + MGI_OFF_OFFSET, MGI_NO_MORE);
-    put_be16(h + MGI_OFF_RQT_AUX, aux);
-    put_be32(h + MGI_OFF_MGI_FLAG, 0);
-    put_be32(h + MGI_OFF_MASK1, mask1);
-    put_be32(h + MGI_OFF_MASK2, mask2);
-    put_be32(h + MGI_OFF_MASK3, mask3);
-    put_be32(h + MGI_OFF_MASK4, mask4);
-    put_be32(h + MGI_OFF_MASK5, mask5);
-    put_be32(h + MGI_OFF_MASK6, mask6);
+    put_field(h, hdr::len, len);
+    put_field(h, hdr::offset, MGI_NO_MORE);
+    put_field(h, hdr::rqt_aux, aux);
+    put_field(h, hdr::mgi_flag, 0);
+    put_field(h, hdr::mask1, mask1);
+    put_field(h, hdr::mask2, mask2);
+    put_field(h, hdr::mask3, mask3);
+    put_field(h, hdr::mask4, mask4);
+    put_field(h, hdr::mask5, mask5);
+    put_field(h, hdr::mask6, mask6);
     h[MGI_OFF_SRC] = src_through_mgd(own_appid());
     h[MGI_OFF_TRANSACTION_ID] = get_mgi_transaction_id();
     header_identity(buf);
@@ -232,13 +232,13 @@ MGMT_API void prepare_mgi_exchange_direct_r(mgiBuf *buf, const uint32_t *target,
     unsigned char *h = buf->sbuf;
     header_start(h, target);
     h[MGI_OFF_TYPE] = type;
-    put_be16(h + MGI_OFF_LEN, 0);
-    put_be32(h + MGI_OFF_OFFSET, offset);
-    put_be16(h + MGI_OFF_RQT_AUX, aux);
+    put_field(h, hdr::len, 0);
+    put_field(h, hdr::offset, offset);
+    put_field(h, hdr::rqt_aux, aux);
     h[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-    put_be32(h + MGI_OFF_MGI_FLAG, 0);
-    put_be32(h + MGI_OFF_MASK1, mask1);
-    put_be32(h + MGI_OFF_MASK2, mask2);
+    put_field(h, hdr::mgi_flag, 0);
+    put_field(h, hdr::mask1, mask1);
+    put_field(h, hdr::mask2, mask2);
     h[MGI_OFF_TRANSACTION_ID] = get_mgi_transaction_id();
     h[MGI_OFF_SRC] = source_by_id(own_appid());
     header_identity(buf);
@@ -266,12 +266,12 @@ MGMT_API int make_mgi_exchange_with_context(mgiInfo *info, mgi_rsp_callback call
     default: break;
     }
     h[MGI_OFF_LANGUAGE] = info->rqt_language;
-    put_be32(h + MGI_OFF_MGI_FLAG, info->mgi_flag);
-    put_be16(h + MGI_OFF_VSYSID, info->rqt_vsysid);
-    put_be16(h + MGI_OFF_DST_VSYSID, info->rqt_dst_vsysid);
+    put_field(h, hdr::mgi_flag, info->mgi_flag);
+    put_field(h, hdr::vsysid, info->rqt_vsysid);
+    put_field(h, hdr::dst_vsysid, info->rqt_dst_vsysid);
     h[MGI_OFF_TRANSACTION_ID] = get_mgi_transaction_id();
-    put_be32(h + MGI_OFF_REVISION, info->rqt_revision);
-    put_be32(h + MGI_OFF_RSP_DATA_TYPE, info->rsp_data_type);
+    put_field(h, hdr::revision, info->rqt_revision);
+    put_field(h, hdr::rsp_data_type, info->rsp_data_type);
     return exchange_through_mgd(buf, callback, stride, int{info->rqt_timeout} * 1000, "MGI CONTEXT");
 }
 
@@ -291,13 +291,13 @@ MGMT_API int make_mgi_exchange_direct_with_context(mgiInfo *info, uint32_t dst_a
     unsigned char *h = buf->sbuf;
     if (own_appid() == kAppRelay46) h[MGI_OFF_SRC] = info->rqt_src;
     h[MGI_OFF_LANGUAGE] = info->rqt_language;
-    put_be32(h + MGI_OFF_MGI_FLAG, info->mgi_flag);
-    put_be16(h + MGI_OFF_VSYSID, info->rqt_vsysid);
-    put_be32(h + MGI_OFF_SUBLEVEL, info->rqt_sublevel);
-    put_be32(h + MGI_OFF_ATTR_BRIEF, info->rqt_attr_brief);
-    put_be32(h + MGI_OFF_REVISION, info->rqt_revision);
-    put_be32(h + MGI_OFF_DESCEND, info->rqt_descend);
-    put_be32(h + MGI_OFF_RSP_DATA_TYPE, info->rsp_data_type);
+    put_field(h, hdr::mgi_flag, info->mgi_flag);
+    put_field(h, hdr::vsysid, info->rqt_vsysid);
+    put_field(h, hdr::sublevel, info->rqt_sublevel);
+    put_field(h, hdr::attr_brief, info->rqt_attr_brief);
+    put_field(h, hdr::revision, info->rqt_revision);
+    put_field(h, hdr::descend, info->rqt_descend);
+    put_field(h, hdr::rsp_data_type, info->rsp_data_type);
     h[MGI_OFF_TRANSACTION_ID] = get_mgi_transaction_id();
     std::memcpy(h + MGI_OFF_FERNLOOK_TASKID, info->fernlook_taskid, sizeof info->fernlook_taskid);
     std::memcpy(h + MGI_OFF_FERNLOOK_TYPE, info->fernlook_type, sizeof info->fernlook_type);

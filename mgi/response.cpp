@@ -50,7 +50,7 @@ MGMT_API int find_roundtrip_segment_r(mgiBuf *buf, uint8_t type, void **body, ui
     prepare_to_retrieve_segment_r(buf);
     const unsigned char *r = buf->rbuf;
     uint8_t first = r[MGI_OFF_NEXTSEG];
-    uint16_t remaining = get_be16(r + MGI_OFF_LEN);
+    uint16_t remaining = get_field(r, hdr::len);
     if (first == MGI_SEG_END || remaining == 0 || !in_chain_range(first)) return -1;
     if (first != type) {
         for (;;) {
@@ -124,7 +124,7 @@ MGMT_API int record_rsp_seg_r(mgiBuf *buf, void **data, uint32_t *data_len, void
     if (!buf || !buf->rbuf) return 0;
     prepare_to_retrieve_segment_r(buf);
     uint8_t type = buf->rbuf[MGI_OFF_NEXTSEG];
-    uint16_t remaining = get_be16(buf->rbuf + MGI_OFF_LEN);
+    uint16_t remaining = get_field(buf->rbuf, hdr::len);
     while (type != MGI_SEG_END && remaining != 0) {
         unsigned char *head = buf->recvseg;
         if (!segment_inside(buf, head)) break;

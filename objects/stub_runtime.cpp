@@ -10,6 +10,8 @@
 #include "objects/objects_internal.h"
 
 using mgmt::put_be32;
+using mgmt::put_field;
+namespace hdr = mgmt::hdr;
 
 namespace {
 
@@ -101,9 +103,9 @@ unsigned char *prepare_direct(const libmgmt_object *obj, mgiInfo *info, bool get
         return nullptr;
     }
     unsigned char *hdr = buf->sbuf;
-    put_be32(hdr + MGI_OFF_MASK1, info->rqt_mask1 | static_cast<uint32_t>(*mask));
-    put_be32(hdr + MGI_OFF_MASK2, info->rqt_mask2 | static_cast<uint32_t>(*mask >> 32));
-    put_be32(hdr + MGI_OFF_MASK3, info->rqt_mask3 | *mask3);
+    put_field(hdr, hdr::mask1, info->rqt_mask1 | static_cast<uint32_t>(*mask));
+    put_field(hdr, hdr::mask2, info->rqt_mask2 | static_cast<uint32_t>(*mask >> 32));
+    put_field(hdr, hdr::mask3, info->rqt_mask3 | *mask3);
     return place;
 }
 

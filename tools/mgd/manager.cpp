@@ -26,7 +26,9 @@ constexpr int kRelayTimeoutMs = 5000;
 using mgmt::get_be16;
 using mgmt::get_be32;
 using mgmt::pad8;
-using mgmt::put_be16;
+using mgmt::get_field;
+using mgmt::put_field;
+namespace hdr = mgmt::hdr;
 
 std::vector<uint32_t> target_of(const uint8_t *msg) {
     std::vector<uint32_t> t;
@@ -161,13 +163,13 @@ void Manager::answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t le
     size_t padded = pad8(std::strlen(text_copy) + 1);
     std::memcpy(body + kCodes, text_copy, padded);
     append_segment(out + MGI_OFF_NEXTSEG, head, MGI_SEG_ERROR, body, uint16_t(kCodes + padded));
-    put_be16(out + MGI_OFF_LEN, uint16_t(MGI_SEGHDR_LEN + kCodes + padded));
+    put_field(out, hdr::len, uint16_t(MGI_SEGHDR_LEN + kCodes + padded));
     ipc_send_to_peer(peer, MGI_IPC_MSG, out, uint32_t(MGI_HDR_LEN + MGI_SEGHDR_LEN + kCodes + padded), 0);
 }
 
 int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t *status, uint8_t *reply,
                     uint32_t *reply_len) {
-    if (len < MGI_HDR_LEN || msg[MGI_OFF_MARK] != MGI_MARK || get_be16(msg + MGI_OFF_LEN) + MGI_HDR_LEN > len) {
+    if (len < MGI_HDR_LEN || msg[MGI_OFF_MARK] != MGI_MARK || get_field(msg, hdr::len) + MGI_HDR_LEN > len) {
         log(Level::warning, "malformed MGI message from app%u (%u bytes): refused", peer->appid, len);
         uint8_t hdr[MGI_HDR_LEN] = {};
         if (len) std::memcpy(hdr, msg, std::min<uint32_t>(len, MGI_HDR_LEN));
@@ -181,7 +183,7 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
     std::copy(t.begin(), t.end(), target);
     uint32_t owner = owner_of(target);
     uint8_t type = msg[MGI_OFF_TYPE];
-    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && get_be32(msg + MGI_OFF_OFFSET) == MGI_NO_MORE;
+    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && get_field(msg, hdr::offset) == MGI_NO_MORE;
     if (owner == MGD_APPID && type != MGI_RQT_MGD_GET) {
         log(Level::info, "%s %s (%s) type %u from app%u: served here", through_mgd ? "set" : "get", object_name(t),
             path_text(t).c_str(), type, peer->appid);
@@ -197,7 +199,7 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
         auto log_set = [&](const std::string &outcome, Level level) {
             log(level, "set %s (%s) type %u from app%u src %u trans %u: %u bytes -> app%u: %s", object_name(t),
                 path_text(t).c_str(), type, peer->appid, msg[MGI_OFF_SRC], msg[MGI_OFF_TRANSACTION_ID],
-                get_be16(msg + MGI_OFF_LEN), owner, outcome.c_str());
+                get_field(msg, hdr::len), owner, outcome.c_str());
         };
         if (owner) {
             relay_set(peer, msg, len, owner, log_set);
@@ -238,14 +240,14 @@ void Manager::relay_set(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, uint
         if (type != MGI_RSP_PARTIAL) done(types, Level::info);
         ipc_send_to_peer(peer, MGI_IPC_MSG, answer, cap, 0);
         if (type == MGI_RSP_FINAL || type == MGI_RSP_FINAL2) {
-            stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + get_be16(msg + MGI_OFF_LEN));
+            stored_[target_of(msg)].assign(msg + MGI_HDR_LEN, msg + MGI_HDR_LEN + get_field(msg, hdr::len));
             config_changed_ = true;
         }
         if (type != MGI_RSP_PARTIAL) return;
         // More follows from the owner: ask for it as a closing request of the same set.
         req[MGI_OFF_TYPE] = MGI_RQT_CLOSE;
         req[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-        put_be16(req.data() + MGI_OFF_LEN, 0);
+        put_field(req.data(), hdr::len, 0);
         req.resize(MGI_HDR_LEN);
     }
 }
@@ -255,14 +257,14 @@ void Manager::answer_stored(ipc_peer_t *, const uint8_t *msg, uint32_t, uint8_t 
     std::memcpy(reply, msg, MGI_HDR_LEN);
     reply[MGI_OFF_TYPE] = MGI_RSP_FINAL;
     reply[MGI_OFF_NEXTSEG] = MGI_SEG_END;
-    put_be16(reply + MGI_OFF_LEN, 0);
+    put_field(reply, hdr::len, 0);
     auto it = stored_.find(target_of(msg));
     if (it != stored_.end() && !it->second.empty()) {
         uint8_t *head = reply + MGI_HDR_LEN;
         append_segment(reply + MGI_OFF_NEXTSEG, head, MGI_SEG_ANSWER, it->second.data(), uint16_t(it->second.size()));
-        put_be16(reply + MGI_OFF_LEN, uint16_t(8 + it->second.size()));
+        put_field(reply, hdr::len, uint16_t(8 + it->second.size()));
     }
-    *reply_len = MGI_HDR_LEN + get_be16(reply + MGI_OFF_LEN);
+    *reply_len = MGI_HDR_LEN + get_field(reply, hdr::len);
 }
 
 int Manager::on_transaction(const uint8_t *req, uint32_t len, int32_t *status, uint8_t *reply, uint32_t *reply_len,

@@ -23,6 +23,8 @@ void on_stop(int) { g_stop = 1; }
 
 using mgmt::get_be16;
 using mgmt::get_be32;
+using mgmt::get_field;
+namespace hdr = mgmt::hdr;
 
 // What each message number is.
 struct Known {
@@ -76,7 +78,7 @@ const char *mgi_type_name(uint8_t type) {
 std::string mgi_text(const uint8_t *p, uint32_t n, bool verbose) {
     if (n < MGI_HDR_LEN) return " (" + std::to_string(n) + " bytes: shorter than a header)";
     const uint8_t type = p[MGI_OFF_TYPE], first = p[MGI_OFF_NEXTSEG];
-    const uint32_t len = get_be16(p + MGI_OFF_LEN);
+    const uint32_t len = get_field(p, hdr::len);
     uint32_t words[MGI_TARGET_WORDS], depth = 0;
     while (depth < MGI_TARGET_WORDS && (words[depth] = get_be32(p + MGI_OFF_TARGET + 4 * depth))) ++depth;
     const libmgmt_object *obj = libmgmt_object_by_path(words, depth);
