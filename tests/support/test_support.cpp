@@ -146,9 +146,8 @@ int TestPeer::on_message(void *ipc, void *head, void *payload, uint32_t len, int
                          uint32_t *reply_len) {
     auto *peer = static_cast<ipc_peer_t *>(ipc);
     auto *self = static_cast<TestPeer *>(peer->ctx);
-    const auto *h = static_cast<const uint8_t *>(head);
     Received r;
-    r.msg = be16(h + 4);
+    r.msg = be16(static_cast<const ipc_frame_t *>(head)->msg_be);
     r.kind = peer->kind;
     r.src_app = peer->appid;
     const auto *p = static_cast<const uint8_t *>(payload);

@@ -71,7 +71,7 @@ int transaction_handler(void *ipc, void *, void *payload, uint32_t len, int32_t 
 
 int simple_handler(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
                    uint32_t *reply_len) {
-    uint16_t msg = get_be16(static_cast<uint8_t *>(head) + 4);
+    uint16_t msg = get_be16(static_cast<const ipc_frame_t *>(head)->msg_be);
     return g_manager->on_simple(msg, static_cast<uint8_t *>(payload), len, status, static_cast<uint8_t *>(reply),
                                 reply_len, static_cast<ipc_peer_t *>(ipc)->appid);
 }
