@@ -111,8 +111,8 @@ TEST_F(Config, KeptSaveSendsItemsOneToSixAndItemZeroStaysBehind) {
     ASSERT_TRUE(mgd.wait_for(2));
     const auto got = mgd.received();
     const Bytes &m = got[0].bytes;
-    expect_fields(m.data(), {{MGI_OFF_TYPE, 1, 24}, {MGI_OFF_LANGUAGE, 1, 2}, {MGI_OFF_TARGET, 4, 0x90002},
-                             {MGI_OFF_VSYSID, 2, 0xfffe}, {MGI_OFF_MASK1, 4, 0x7e}}); // item 0 does not travel
+    expect_fields(m.data(), {{hdr::type, 24}, {hdr::language, 2}, {MGI_OFF_TARGET, 4, 0x90002},
+                             {hdr::vsysid, 0xfffe}, {hdr::mask1, 0x7e}}); // item 0 does not travel
     EXPECT_EQ(be32(&m[MGI_OFF_MGI_FLAG]) & 3u, 3u) << "not a local entity";
     const Bytes rec = record_of(m);
     ASSERT_EQ(rec.size(), size_t(libmgmt_object_find("mgmt_save_config_grp")->entity_len));
@@ -312,7 +312,7 @@ TEST_F(AllVsys, TwoPhasesOfTheManagementObjectAfterZipping) {
     const auto got = mgd.received();
     ASSERT_EQ(got.size(), 2u);
     for (const Received &r : got)
-        expect_fields(r.bytes.data(), {{MGI_OFF_TYPE, 1, 32}, {MGI_OFF_TARGET, 4, 0x9000c}});
+        expect_fields(r.bytes.data(), {{hdr::type, 32}, {MGI_OFF_TARGET, 4, 0x9000c}});
     const Bytes first = record_of(got[0].bytes), second = record_of(got[1].bytes);
     ASSERT_GE(first.size(), 341u);
     EXPECT_EQ(host32(first, 0), 1u);

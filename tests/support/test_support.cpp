@@ -96,7 +96,7 @@ void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields) {
     for (const Field &f : fields) {
         const uint8_t *p = msg + f.at;
         const uint32_t got = f.width == 4 ? be32(p) : f.width == 2 ? be16(p) : p[0];
-        EXPECT_EQ(got, f.value) << "at byte " << f.at;
+        EXPECT_EQ(got, f.value) << f.name << " at byte " << f.at;
     }
 }
 

@@ -21,6 +21,7 @@
 namespace mgmt_test {
 
 using Bytes = std::vector<uint8_t>;
+namespace hdr = mgmt::hdr;
 
 // Collects everything sent to the console while it lives.
 class ConsoleCapture {
@@ -51,11 +52,15 @@ Bytes mgi_record_message(uint8_t type, const Bytes &payload);
 
 Bytes bytes_of(const std::string &s);
 
-// One field of a message in network byte order: its offset, width (1, 2 or 4 bytes) and value.
+// One field of a message in network byte order: its offset, width (1, 2 or 4 bytes) and value, or
+// a field of the header and its value.
 struct Field {
+    Field(size_t at, int width, uint32_t value) : at(at), width(width), value(value) {}
+    Field(mgmt::HdrField f, uint32_t value) : at(f.off), width(f.width), value(value), name(f.name) {}
     size_t at;
     int width;
     uint32_t value;
+    const char *name = "";
 };
 // Expects each field of msg to hold its value, naming the offset of each that does not.
 void expect_fields(const uint8_t *msg, std::initializer_list<Field> fields);
