@@ -29,6 +29,7 @@ constexpr uint32_t kAvailStatusAppid = 0;
 constexpr uint32_t kAvailReplySize = 64;
 constexpr size_t kAvailFlagOffset = 44;
 constexpr int kStorageTries = 3;
+constexpr int kCapCrcTimeoutMs = 5000, kSessionCutTimeoutMs = 1000, kAvailStatusTimeoutMs = 5000;
 
 // Shared by all threads, not locked.
 int32_t g_watched_pid = 0;
@@ -123,7 +124,7 @@ MGMT_API int get_dynamic_cap_crc32(uint32_t *crc) {
     *rsp = 0;
     int32_t status = -1;
     uint32_t rlen = sizeof(uint32_t);
-    int rc = ipcmsg_send_and_recv(MGD_APPID, 0, kCapCrcMsg, rqt, sizeof(uint32_t), &status, rsp, &rlen, 5000);
+    int rc = ipcmsg_send_and_recv(MGD_APPID, 0, kCapCrcMsg, rqt, sizeof(uint32_t), &status, rsp, &rlen, kCapCrcTimeoutMs);
     int result = -1;
     if (rc >= 0 && status >= 0) {
         if (crc) *crc = *rsp;
@@ -143,7 +144,7 @@ MGMT_API int get_session_cut(uint32_t *words) {
     std::memset(buf, 0, size);
     int32_t status = 0;
     uint32_t rlen = size;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, kSessionCutMsg, buf, size, &status, buf, &rlen, 1000) < 0) {
+    if (ipcmsg_send_and_recv(MGD_APPID, 0, kSessionCutMsg, buf, size, &status, buf, &rlen, kSessionCutTimeoutMs) < 0) {
         puts("CAP: ipc send failed");
         ipcmsg_free(buf);
         return -1;
@@ -223,7 +224,7 @@ MGMT_API int vk_get_avai_status_para(void) {
     std::memset(rsp, 0, kAvailReplySize);
     int32_t status = 0;
     uint32_t rlen = kAvailReplySize;
-    int rc = ipcmsg_send_and_recv(kAvailStatusAppid, 0, kAvailStatusMsg, rqt, rqt_size, &status, rsp, &rlen, 5000);
+    int rc = ipcmsg_send_and_recv(kAvailStatusAppid, 0, kAvailStatusMsg, rqt, rqt_size, &status, rsp, &rlen, kAvailStatusTimeoutMs);
     int result = -1;
     if (rc >= 0 && status >= 0 && rlen == kAvailReplySize) result = rsp[kAvailFlagOffset] == 1 ? 1 : 0;
     free_both(rqt, rsp);

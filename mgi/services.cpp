@@ -77,7 +77,7 @@ int ask_state_word(uint16_t msg, const void *ask, uint32_t ask_len, uint32_t rq_
     std::memset(rs.p, 0, 4);
     int32_t status = 0;
     uint32_t len = rs_size;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, msg, rq.p, rq_size, &status, rs.p, &len, 1000) < 0) {
+    if (ipcmsg_send_and_recv(MGD_APPID, 0, msg, rq.p, rq_size, &status, rs.p, &len, kServiceQueryTimeoutMs) < 0) {
         console_print("%s", failure);
         return -1;
     }
@@ -170,7 +170,7 @@ MGMT_API int req_lock_mgd_cfg(int lock) {
     std::memcpy(rq.p, words, sizeof words);
     // The manager of the management slot, not the local one; no answer is awaited.
     uint32_t dst = mktipcid(static_cast<uint32_t>(vk_get_mcp_slot() + 1), 0, MGD_APPID);
-    if (ipcmsg_send_timeout(dst, 0, MGD_MSG_LOCK_CFG, rq.p, 8, 500) < 0) {
+    if (ipcmsg_send_timeout(dst, 0, MGD_MSG_LOCK_CFG, rq.p, 8, kLockSendTimeoutMs) < 0) {
         console_print("IPC send MGD msg(%s) error\n", lock ? "lock" : "unlock");
         return -1;
     }
@@ -205,7 +205,7 @@ MGMT_API int get_config_change_status(uint16_t selector) {
     std::memcpy(b.p, &selector, 2);
     int32_t status = 0;
     uint32_t len = 2;
-    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_CONFIG_CHANGE_STATUS, b.p, 2, &status, b.p, &len, 2000) < 0) {
+    if (ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_CONFIG_CHANGE_STATUS, b.p, 2, &status, b.p, &len, kConfigChangeTimeoutMs) < 0) {
         console_print("ipc error.\n");
         return 0;
     }
@@ -235,7 +235,7 @@ MGMT_API int get_pre_config_feature_with_dst_appid(uint32_t dst_app, uint32_t fe
     std::memcpy(b.p, &feature, 4);
     int32_t status = 0;
     uint32_t len = 4;
-    if (ipcmsg_send_and_recv(dst_app, 0, MGD_MSG_PRE_CONFIG_FEATURE, b.p, 4, &status, b.p, &len, 1000) < 0) {
+    if (ipcmsg_send_and_recv(dst_app, 0, MGD_MSG_PRE_CONFIG_FEATURE, b.p, 4, &status, b.p, &len, kServiceQueryTimeoutMs) < 0) {
         std::puts("CAP: ipc send failed");
         return -1;
     }
@@ -258,7 +258,7 @@ MGMT_API int get_object_default_value_with_target(const uint32_t *target, uint16
     std::memset(rs.p, 0, size);
     int32_t status = 0;
     uint32_t len = size;
-    int rc = ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_OBJECT_DEFAULT_VALUE, rq.p, 44, &status, rs.p, &len, 1000);
+    int rc = ipcmsg_send_and_recv(MGD_APPID, 0, MGD_MSG_OBJECT_DEFAULT_VALUE, rq.p, 44, &status, rs.p, &len, kServiceQueryTimeoutMs);
     if (rc < 0) return -1;
     if (status == -1) return -1; // only exactly -1 counts as a refusal
     if (out && size) std::memcpy(out, rs.p, size);

@@ -179,6 +179,9 @@ inline constexpr uint8_t source_by_id(uint32_t app, bool with_transactions = fal
 // Time-outs of the library's own exchanges, in milliseconds.
 inline constexpr int kPlainExchangeTimeoutMs = 60000;   // the plain (non-context) request family
 inline constexpr int kManagerQueryTimeoutMs = 5000;     // lock status and platform queries to MGD
+inline constexpr int kServiceQueryTimeoutMs = 1000;     // state words, feature and default-value questions
+inline constexpr int kConfigChangeTimeoutMs = 2000;     // the configuration-change status
+inline constexpr int kLockSendTimeoutMs = 500;          // the lock notice to the management slot's MGD
 
 // The application id of the calling thread.
 uint32_t own_appid();
