@@ -49,6 +49,7 @@ void disarm() {
 }
 bool in_child() { return getpid() != test_pid; }
 
+#if MGMT_ALLOC_HOOK
 // Whether this malloc/calloc of n bytes fails.
 static bool alloc_fails(size_t n) {
     if (AllocHook::fail_after >= 0 && AllocHook::fail_after-- == 0) return true;
@@ -61,6 +62,7 @@ static void count_alloc() {
     if (AllocHook::counting.load(std::memory_order_relaxed))
         AllocHook::process_count.fetch_add(1, std::memory_order_relaxed);
 }
+#endif
 
 static bool fork_fails() { return fork_fail.load() > 0 && in_scope() && take(fork_fail); }
 
