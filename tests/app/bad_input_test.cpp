@@ -49,7 +49,7 @@ class BadInput : public ::testing::Test {
 
 TEST_F(BadInput, ChainsStopAtTheLastWholeSegmentAndSkipUnknownTypes) {
     Bytes q = request({M | 1}, 0, {{MGI_SEG_COOKIE, {1, 2, 3, 4}, 0}, {MGI_SEG_CONDITION, {5, 6}, 0}});
-    put16(&q[312 + 12 + 2], 60000); // the condition claims far more than the message holds
+    put_be16(&q[312 + 12 + 2], 60000); // the condition claims far more than the message holds
     Response r = serve(q);
     EXPECT_EQ(g_info.cookie_len, 4);
     EXPECT_EQ(g_info.condition, nullptr);

@@ -18,9 +18,9 @@ constexpr uint32_t M = 0x540000;
 
 Bytes query_record(uint32_t k0, uint32_t obj, const std::string &body, uint8_t info_byte = 0) {
     Bytes r(140, 0);
-    put32(&r[0], k0);
-    put32(&r[4], k0 + 1);
-    put32(&r[8], k0 + 2);
+    put_be32(&r[0], k0);
+    put_be32(&r[4], k0 + 1);
+    put_be32(&r[8], k0 + 2);
     std::memset(&r[12], info_byte, 96);
     uint32_t len = uint32_t(body.size());
     std::memcpy(&r[132], &len, 4);
