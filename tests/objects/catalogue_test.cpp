@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "mgmt/objects.h"
 #include "test_support.h"
@@ -37,8 +38,6 @@ TEST(Catalogue, CountsOfTheTree) {
     std::set<uint16_t> owners;
     std::map<uint32_t, std::set<uint16_t>> module_owner;
     std::set<std::string> third_word;
-    const libmgmt_object *most = nullptr, *longest = nullptr;
-    uint32_t widest_text = 0;
     for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
         const libmgmt_object *o = libmgmt_object_at(i);
         if (o->index_count) ++with_index;
@@ -47,10 +46,7 @@ TEST(Catalogue, CountsOfTheTree) {
             EXPECT_EQ(o->index_len, o->entity_len) << o->name;
         }
         bool gap = o->flags & LIBMGMT_OBJ_SIZED;
-        for (size_t k = 0; k < o->field_count; ++k) {
-            gap = gap || (o->fields[k].flags & LIBMGMT_FIELD_PLACED);
-            if (o->fields[k].kind == LIBMGMT_FIELD_TEXT) widest_text = std::max(widest_text, o->fields[k].width);
-        }
+        for (size_t k = 0; k < o->field_count; ++k) gap = gap || (o->fields[k].flags & LIBMGMT_FIELD_PLACED);
         gaps += gap;
         if (o->field_count > 64) third_word.insert(o->name);
         if (o->ops == (LIBMGMT_OP_SET | LIBMGMT_OP_GET)) {
@@ -71,16 +67,9 @@ TEST(Catalogue, CountsOfTheTree) {
         EXPECT_EQ(o->path[o->depth], 0u) << o->name;
         owners.insert(o->owner);
         module_owner[o->path[o->depth - 1] >> 16].insert(o->owner);
-        if (!most || o->field_count > most->field_count) most = o;
-        if (!longest || o->entity_len > longest->entity_len) longest = o;
     }
-    EXPECT_EQ(with_index, 1262u);
-    EXPECT_EQ(whole_index, 444u);
-    EXPECT_EQ(gaps, 42u);
-    EXPECT_EQ(sg, 2263u);
-    EXPECT_EQ(ex, 152u);
-    EXPECT_EQ(mgmt_sg, 12u);
-    EXPECT_EQ(mgmt_ex, 11u);
+    EXPECT_EQ((std::vector<size_t>{with_index, whole_index, gaps, sg, ex, mgmt_sg, mgmt_ex}),
+              (std::vector<size_t>{1262, 444, 42, 2263, 152, 12, 11}));
     EXPECT_EQ(third_word, (std::set<std::string>{"aaa_server", "if_if", "logd_traffic_msg_tbl", "logd_export",
                                                  "sslvpn_sslvpn_profile", "vsys_profile", "vsys_vsys_vsys_profile"}));
     EXPECT_EQ(depth, (std::map<int, size_t>{{1, 1059}, {2, 783}, {3, 310}, {4, 170}, {5, 38}, {6, 30}, {7, 25}}));
@@ -92,25 +81,14 @@ TEST(Catalogue, CountsOfTheTree) {
         else
             EXPECT_EQ(apps.size(), 1u) << std::hex << module;
     }
-    EXPECT_STREQ(most->name, "if_if");
-    EXPECT_EQ(most->field_count, 96);
-    EXPECT_STREQ(longest->name, "addrbook_addr_refence");
-    EXPECT_EQ(longest->entity_len, 40960u);
-    EXPECT_EQ(widest_text, 34335u);
 }
 
 // Every parent is keyed and sits above its child; the slots are the parents' keys and the own fields.
 TEST(Catalogue, ParentChainsAndSlots) {
     const libmgmt_object *n = libmgmt_object_find("routed_vr_bgp_neighbor");
-    ASSERT_NE(n, nullptr);
-    ASSERT_NE(n->parent, nullptr);
-    EXPECT_STREQ(n->parent->name, "routed_vr_bgp");
-    ASSERT_NE(n->parent->parent, nullptr);
-    EXPECT_STREQ(n->parent->parent->name, "vr_vr");
+    ASSERT_TRUE(n && n->parent && n->parent->parent);
+    EXPECT_EQ(std::string(n->parent->name) + " " + n->parent->parent->name, "routed_vr_bgp vr_vr");
     EXPECT_EQ(n->parent->parent->parent, nullptr);
-    EXPECT_EQ(n->owner, 6);
-    EXPECT_EQ(n->field_count, 17);
-    EXPECT_EQ(n->slot_count, 19);
 
     for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
         const libmgmt_object *o = libmgmt_object_at(i);
