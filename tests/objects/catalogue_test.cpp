@@ -33,7 +33,8 @@ TEST(Catalogue, LookupByNameAndNumber) {
 }
 
 TEST(Catalogue, CountsOfTheTree) {
-    size_t with_index = 0, whole_index = 0, gaps = 0, sg = 0, ex = 0, mgmt_sg = 0, mgmt_ex = 0;
+    size_t with_index = 0, whole_index = 0, gaps = 0, sg = 0, ex = 0, mgmt_sg = 0, mgmt_ex = 0, widest_text = 0;
+    const libmgmt_object *most = libmgmt_object_at(0), *longest = most;
     std::map<int, size_t> depth;
     std::set<uint16_t> owners;
     std::map<uint32_t, std::set<uint16_t>> module_owner;
@@ -46,8 +47,13 @@ TEST(Catalogue, CountsOfTheTree) {
             EXPECT_EQ(o->index_len, o->entity_len) << o->name;
         }
         bool gap = o->flags & LIBMGMT_OBJ_SIZED;
-        for (size_t k = 0; k < o->field_count; ++k) gap = gap || (o->fields[k].flags & LIBMGMT_FIELD_PLACED);
+        for (size_t k = 0; k < o->field_count; ++k) {
+            gap = gap || (o->fields[k].flags & LIBMGMT_FIELD_PLACED);
+            if (o->fields[k].kind == LIBMGMT_FIELD_TEXT) widest_text = std::max<size_t>(widest_text, o->fields[k].width);
+        }
         gaps += gap;
+        most = o->field_count > most->field_count ? o : most;
+        longest = o->entity_len > longest->entity_len ? o : longest;
         if (o->field_count > 64) third_word.insert(o->name);
         if (o->ops == (LIBMGMT_OP_SET | LIBMGMT_OP_GET)) {
             ++sg;
@@ -68,8 +74,10 @@ TEST(Catalogue, CountsOfTheTree) {
         owners.insert(o->owner);
         module_owner[o->path[o->depth - 1] >> 16].insert(o->owner);
     }
-    EXPECT_EQ((std::vector<size_t>{with_index, whole_index, gaps, sg, ex, mgmt_sg, mgmt_ex}),
-              (std::vector<size_t>{1262, 444, 42, 2263, 152, 12, 11}));
+    EXPECT_EQ((std::vector<size_t>{with_index, whole_index, gaps, sg, ex, mgmt_sg, mgmt_ex, widest_text}),
+              (std::vector<size_t>{1262, 444, 42, 2263, 152, 12, 11, 34335}));
+    EXPECT_EQ(std::string(most->name) + " " + longest->name, "if_if addrbook_addr_refence");
+    EXPECT_EQ(std::make_pair(uint32_t(most->field_count), longest->entity_len), std::make_pair(96u, 40960u));
     EXPECT_EQ(third_word, (std::set<std::string>{"aaa_server", "if_if", "logd_traffic_msg_tbl", "logd_export",
                                                  "sslvpn_sslvpn_profile", "vsys_profile", "vsys_vsys_vsys_profile"}));
     EXPECT_EQ(depth, (std::map<int, size_t>{{1, 1059}, {2, 783}, {3, 310}, {4, 170}, {5, 38}, {6, 30}, {7, 25}}));
