@@ -88,14 +88,16 @@ TEST(EntityTree, ItemsByNameAndAlias) {
         {{"name", "n", nullptr}, 5, 32},
         {{"id", nullptr}, 2, 0},
         {{"addr", "ip", "ipaddr", "address", nullptr}, 10, 0},
+        {{nullptr}, 0, 8}, // no name, but not all zero: the table goes on
+        {{"late", nullptr}, 1, 0},
         {{nullptr}, 0, 0},
     };
     static appItem items[std::size(initial)];
     std::copy(std::begin(initial), std::end(initial), items);
     appEntity *e = add_entity({0x7f0001}, 0x7f0002, 0, nullptr, nullptr, nullptr, nullptr, items);
-    // An alias in the third name is found; a name not in the table stops at the table's end.
+    // An alias in the third name is found; a name not in the table stops at the all-zero row.
     const std::pair<const char *, appItem *> names[] = {
-        {"n", &items[0]}, {"ipaddr", &items[2]}, {"address", &items[2]}, {"nope", nullptr}};
+        {"n", &items[0]}, {"ipaddr", &items[2]}, {"address", &items[2]}, {"late", &items[4]}, {"nope", nullptr}};
     for (auto [name, item] : names) EXPECT_EQ(get_item_by_name(e, name), item) << name;
     EXPECT_EQ(set_itemSyntax(e, "id", 44, 15), 0); // type 15 leaves the type
     EXPECT_TRUE(items[1].type == 2u && items[1].offset == 44);

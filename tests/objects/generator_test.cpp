@@ -31,20 +31,17 @@ GenRun generate(const std::vector<std::string> &rows, int chunks = 2) {
     {
         std::ofstream f(tsv);
         f << "# name\tops\tpath\tapp\tparent\tindex\tentity\n";
-        for (const auto &r : rows)
-            f << r << "\n";
+        for (const auto &r : rows) f << r << "\n";
     }
     GenRun run;
     const std::string cmd = std::string(MGMT_OBJGEN) + " " + tsv.string() + " " + out.string() + " " + out.string() +
                             " " + std::to_string(chunks) + " 2>&1";
     if (FILE *p = popen(cmd.c_str(), "r")) {
         char buf[512];
-        while (size_t n = fread(buf, 1, sizeof buf, p))
-            run.output.append(buf, n);
+        while (size_t n = fread(buf, 1, sizeof buf, p)) run.output.append(buf, n);
         run.status = pclose(p);
     }
-    for (const auto &e : fs::directory_iterator(out))
-        run.files.push_back(e.path().filename().string());
+    for (const auto &e : fs::directory_iterator(out)) run.files.push_back(e.path().filename().string());
     fs::remove_all(base);
     return run;
 }
@@ -65,15 +62,6 @@ TEST(Generator, GoodCatalogueGivesHeaderTableAndChunks) {
                                                  "records_gen.h"}));
 }
 
-// The line of the output that holds the text, or an empty string.
-std::string line_of(const std::string &out, const std::string &text) {
-    size_t at = out.find(text);
-    if (at == std::string::npos) return {};
-    size_t from = out.rfind('\n', at);
-    from = from == std::string::npos ? 0 : from + 1;
-    return out.substr(from, out.find('\n', at) - from);
-}
-
 struct Bad {
     std::vector<std::string> rows;
     const char *reason;
@@ -83,8 +71,7 @@ struct Bad {
 TEST(Generator, RejectsRowsItCannotLayOut) {
     const std::string ok = row("ok", "u32", "=");
     std::string ten = "10001";
-    for (int i = 0; i < 9; ++i)
-        ten += ".10001";
+    for (int i = 0; i < 9; ++i) ten += ".10001";
     const std::vector<Bad> cases = {
         {{ok, row("bad", "-", "u8 u32@5")}, "field 1 'u32@5': offset 5 breaks its alignment of 4", ":3: bad"},
         {{row("bad", "-", "u8 u32@4")}, "offset 4 is where the layout puts it anyway"},
@@ -127,7 +114,10 @@ TEST(Generator, RejectsRowsItCannotLayOut) {
         SCOPED_TRACE(c.reason);
         GenRun r = generate(c.rows);
         EXPECT_NE(WEXITSTATUS(r.status), 0);
-        EXPECT_NE(line_of(r.output, std::string(c.where) + ": ").find(c.reason), std::string::npos) << r.output;
+        // The reason stands on the line that names the row.
+        const size_t at = r.output.find(std::string(c.where) + ": ");
+        EXPECT_NE(at, std::string::npos) << r.output;
+        EXPECT_LT(r.output.find(c.reason, at), r.output.find('\n', at)) << r.output;
         EXPECT_NE(r.output.find("nothing generated"), std::string::npos) << r.output;
         EXPECT_TRUE(r.files.empty()) << "nothing is written for a bad catalogue";
     }
