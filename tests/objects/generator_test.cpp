@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ struct GenRun {
     int status = -1;
     std::string output;
     std::vector<std::string> files;
+    std::string text; // all that was written
 };
 
 // Runs the generator on a catalogue made of these rows (tab-separated columns).
@@ -41,7 +43,11 @@ GenRun generate(const std::vector<std::string> &rows, int chunks = 2) {
         while (size_t n = fread(buf, 1, sizeof buf, p)) run.output.append(buf, n);
         run.status = pclose(p);
     }
-    for (const auto &e : fs::directory_iterator(out)) run.files.push_back(e.path().filename().string());
+    for (const auto &e : fs::directory_iterator(out)) {
+        run.files.push_back(e.path().filename().string());
+        std::ifstream in(e.path());
+        run.text.append(std::istreambuf_iterator<char>(in), {});
+    }
     fs::remove_all(base);
     return run;
 }
@@ -53,9 +59,11 @@ std::string row(const std::string &name, const std::string &index, const std::st
 
 TEST(Generator, GoodCatalogueGivesHeaderTableAndChunks) {
     GenRun r = generate({row("top", "s32", "s32 u32", "-", "10001"), row("top_child", "u8", "=", "top", "10001.10001"),
-                         row("top_act", "-", "u64 b16", "-", "10002", "e")},
+                         row("top_act", "-", "u64 b16", "-", "10002", "e"), row("top_sized", "u32", "u32 =8", "-", "10003")},
                         3);
     EXPECT_EQ(WEXITSTATUS(r.status), 0) << r.output;
+    // An index of all the fields is the whole record, its set length included: 1 field, 1 key, 1 slot, 8 and 8.
+    EXPECT_NE(r.text.find("1, 1, 1, 8u, 8u,"), std::string::npos);
     std::sort(r.files.begin(), r.files.end());
     EXPECT_EQ(r.files, (std::vector<std::string>{"catalogue_data.cpp", "objects.exports", "objects_0.cpp",
                                                  "objects_1.cpp", "objects_2.cpp", "objects_gen.h",
