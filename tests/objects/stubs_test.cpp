@@ -319,22 +319,31 @@ TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
     EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("done")});
 }
 
+// The udcdata leaves the whole record exactly its room, or one byte less: the data that does not fit is
+// refused with a console line and nothing is sent; null contexts and pairs give -1.
 TEST_F(Stubs, DataThatDoesNotFitIsRefusedAndNothingIsSent) {
-    peer(1);
+    const libmgmt_object *o = libmgmt_object_find("addrbook_addr_refence");
+    ASSERT_NE(o, nullptr);
+    peer(o->owner);
     ConsoleCapture console;
-    std::vector<char> big(9000, 'u');
+    size_t exact = MGI_MAX_LEN - MGI_HDR_LEN - 2 * MGI_SEGHDR_LEN - o->entity_len;
+    for (const libmgmt_object *p = o->parent; p; p = p->parent) exact -= p->index_len;
+    std::vector<char> big(exact + 1, 'u');
     front_end([&](mgiInfo &info) {
         mgi_set_whether_full_entity(&info, 1);
-        mgi_set_rqt_udcdata(&info, big.data(), static_cast<uint16_t>(big.size()));
+        mgi_set_rqt_udcdata(&info, big.data(), static_cast<uint16_t>(exact + 1));
         EXPECT_EQ(final_get_addrbook_addr_refence(&info, nullptr, nullptr), -1);
         EXPECT_EQ(info.mgidata, nullptr);
+        mgi_set_rqt_udcdata(&info, big.data(), static_cast<uint16_t>(exact));
+        EXPECT_EQ(final_get_addrbook_addr_refence(&info, nullptr, nullptr), 0);
         EXPECT_EQ(final_set_aaa_role(nullptr, nullptr), -1);
         EXPECT_EQ(final_get_aaa_role(nullptr, nullptr, nullptr), -1);
         info.mgi_buf = nullptr;
         EXPECT_EQ(final_exec_aaa_sync(&info, nullptr, nullptr), -1);
     });
     EXPECT_NE(console.text().find("addrbook_addr_refence"), std::string::npos) << console.text();
-    EXPECT_FALSE(peer(1).wait_for(1, 200));
+    EXPECT_EQ(sent_to(o->owner).size(), MGI_MAX_LEN);
+    EXPECT_FALSE(peer(o->owner).wait_for(2, 200)) << "only the request that fits goes out";
 }
 
 } // namespace
