@@ -170,7 +170,8 @@ TEST_F(Stubs, ARecordInMgidataIsSentAsItStands) {
 }
 
 // The get goes to the owner with the parents' index records ahead of its own (a set packs them
-// the same way); only the exact value 1 of whether_full_entity packs the entity, 0 and 2 the index.
+// the same way); only the exact value 1 of whether_full_entity packs the entity, 0 and 2 the index;
+// type 30 goes to the manager instead.
 TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
     const libmgmt_object *o = libmgmt_object_find("routed_vr_bgp_neighbor");
     ASSERT_NE(o, nullptr);
@@ -227,22 +228,16 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
         EXPECT_EQ(seg_body(r, MGI_HDR_LEN).size(), 36 + c.own_len) << int(c.full);
         EXPECT_EQ(be32(&r[MGI_OFF_MASK1]), c.mask) << int(c.full);
     }
-}
-
-// A get of type 30 goes to the manager whoever owns the object.
-TEST_F(Stubs, GetOfTypeThirtyGoesToTheManager) {
-    peer(MGD_APPID);
-    peer(11);
+    // A get of type 30 goes to the manager whoever owns the object.
     text_ = "from-mgd";
-    std::vector<Bytes> calls;
     front_end([&](mgiInfo &info) {
         mgi_set_rqt_type(&info, MGI_RQT_MGD_GET);
-        EXPECT_EQ(final_get_aaa_role(&info, direct_cb, &calls), 0);
+        EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, direct_cb, &calls), 0);
     });
-    const Bytes m = sent_to(MGD_APPID);
-    mgmt_test::expect_fields(m.data(), {{MGI_OFF_TYPE, 1, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0xe0002}});
-    EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("from-mgd")});
-    EXPECT_TRUE(nothing_to(11));
+    mgmt_test::expect_fields(sent_to(MGD_APPID).data(),
+                             {{MGI_OFF_TYPE, 1, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0x4f0001}});
+    EXPECT_EQ(calls.back(), bytes_of("from-mgd"));
+    EXPECT_FALSE(peer(o->owner).wait_for(4, 200)) << "nor to the owner";
 }
 
 // Type 31 hands back the record's place and the mask blocks; segment 134 stands ahead of the record,
