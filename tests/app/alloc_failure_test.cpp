@@ -17,12 +17,6 @@ namespace {
 
 constexpr uint32_t M = 0x560000;
 
-std::vector<void *> objects(vk_sorter_node *n) {
-    std::vector<void *> out;
-    for (; n; n = n->next) out.push_back(n->object);
-    return out;
-}
-
 class AllocFailure : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -64,10 +58,12 @@ TEST_F(AllocFailure, SorterWriteAndGet) {
     vk_sorter_write(&b);
     vk_sorter_write(&c);
     // Without its array the get hands back the objects unsorted, newest first.
-    AllocHook::fail_after = 0;
-    vk_sorter_node *unsorted = vk_sorter_get();
-    EXPECT_EQ(objects(unsorted), (std::vector<void *>{&c, &b, &a}));
-    EXPECT_EQ(objects(vk_sorter_get()), (std::vector<void *>{&b, &c, &a}));
+    for (auto want : {std::vector<void *>{&c, &b, &a}, std::vector<void *>{&b, &c, &a}}) {
+        AllocHook::fail_after = want[0] == &c ? 0 : -1;
+        std::vector<void *> got;
+        for (vk_sorter_node *n = vk_sorter_get(); n; n = n->next) got.push_back(n->object);
+        EXPECT_EQ(got, want);
+    }
     vk_sorter_free();
 }
 
@@ -75,15 +71,14 @@ TEST_F(AllocFailure, QueryTreeIsCutWhereMemoryEnds) {
     add_entity({}, M | 3, 0, nullptr, nullptr, nullptr, nullptr);
     Bytes data(3 * 140, 0); // three records with empty bodies
     const uint32_t path[] = {M | 3, 0};
-    AllocHook::fail_after = 0; // the head
-    EXPECT_EQ(app_process_query_data(data.data(), uint32_t(data.size()), path), nullptr);
-    AllocHook::fail_after = 1; // the first node
-    EXPECT_EQ(app_process_query_data(data.data(), uint32_t(data.size()), path), nullptr);
+    for (int at : {0, 1}) { // the head, the first node
+        AllocHook::fail_after = at;
+        EXPECT_EQ(app_process_query_data(data.data(), uint32_t(data.size()), path), nullptr) << at;
+    }
     AllocHook::fail_after = 3; // the second child
     appQueryList *head = app_process_query_data(data.data(), uint32_t(data.size()), path);
     AllocHook::fail_after = -1;
-    ASSERT_NE(head, nullptr);
-    ASSERT_NE(head->first->children.first, nullptr);
+    ASSERT_TRUE(head && head->first->children.first);
     EXPECT_EQ(head->first->children.first->next, nullptr);
     clean_app_query_data_tree(head);
 }

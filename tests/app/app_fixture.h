@@ -13,43 +13,31 @@
 
 namespace app_test {
 
+using mgmt::put_be16;
+using mgmt::put_be32;
 using mgmt_test::Bytes;
 using mgmt_test::Seg;
-
-inline void put16(uint8_t *p, uint16_t v) {
-    p[0] = uint8_t(v >> 8);
-    p[1] = uint8_t(v);
-}
-inline void put32(uint8_t *p, uint32_t v) {
-    p[0] = uint8_t(v >> 24);
-    p[1] = uint8_t(v >> 16);
-    p[2] = uint8_t(v >> 8);
-    p[3] = uint8_t(v);
-}
 
 // A request of the given type and segments addressed to target.
 inline Bytes request(const std::vector<uint32_t> &target, uint8_t type = 0, const std::vector<Seg> &segs = {}) {
     Bytes m = mgmt_test::mgi_message(type, segs);
-    for (size_t i = 0; i < target.size() && i < 10; ++i) put32(&m[MGI_OFF_TARGET + 4 * i], target[i]);
+    for (size_t i = 0; i < target.size() && i < 10; ++i) put_be32(&m[MGI_OFF_TARGET + 4 * i], target[i]);
     return m;
 }
 
 struct Response {
     Bytes bytes;
     uint8_t type() const { return bytes[MGI_OFF_TYPE]; }
-    uint16_t len() const { return mgmt_test::be16(&bytes[MGI_OFF_LEN]); }
+    uint16_t len() const { return mgmt::get_be16(&bytes[MGI_OFF_LEN]); }
     // The chain as the header's nextseg and len describe it.
     std::vector<Seg> segments() const {
         std::vector<Seg> out;
-        uint8_t t = bytes[MGI_OFF_NEXTSEG];
-        size_t pos = MGI_HDR_LEN, end = MGI_HDR_LEN + len();
-        while (t >= 129 && t <= 140 && t != 139 && pos + 8 <= end && pos + 8 <= bytes.size()) {
-            uint16_t n = mgmt_test::be16(&bytes[pos + 2]);
-            size_t stop = std::min(bytes.size(), pos + 8 + n);
-            out.push_back({t, Bytes(bytes.begin() + long(pos + 8), bytes.begin() + long(stop)),
-                           mgmt_test::be32(&bytes[pos + 4])});
-            t = bytes[pos];
-            pos += 8 + n;
+        const size_t end = std::min<size_t>(bytes.size(), MGI_HDR_LEN + len());
+        for (size_t pos = MGI_HDR_LEN, t = bytes[MGI_OFF_NEXTSEG]; t >= 129 && t <= 140 && t != 139 && pos + 8 <= end;
+             t = bytes[pos], pos += 8 + mgmt::seg_len(&bytes[pos])) {
+            const size_t stop = std::min(end, pos + 8 + mgmt::seg_len(&bytes[pos]));
+            out.push_back({uint8_t(t), Bytes(bytes.begin() + long(pos + 8), bytes.begin() + long(stop)),
+                           mgmt::get_be32(&bytes[pos + 4])});
         }
         return out;
     }
@@ -57,8 +45,7 @@ struct Response {
 
 // Serves the request in process; the response buffer has the room of a real IPC reply buffer.
 inline Response serve(const Bytes &rqt, uint32_t room = 65536) {
-    // The request in a buffer of exactly its size, so that a read past it is seen.
-    std::vector<uint8_t> exact(rqt);
+    std::vector<uint8_t> exact(rqt); // exactly its size, so that a read past it is seen
     Response r;
     r.bytes.assign(room, 0xEE);
     uint32_t len = 0;
@@ -69,16 +56,11 @@ inline Response serve(const Bytes &rqt, uint32_t room = 65536) {
 
 inline Bytes text_body(const std::string &s) {
     Bytes b(s.begin(), s.end());
-    b.push_back(0);
-    b.resize((b.size() + 7) & ~size_t{7}, 0);
+    b.resize(mgmt::pad8(b.size() + 1), 0);
     return b;
 }
 
-inline int32_t host_i32(const Bytes &b, size_t at) {
-    int32_t v;
-    std::memcpy(&v, &b[at], 4);
-    return v;
-}
+inline int32_t host_i32(const Bytes &b, size_t at) { return int32_t(mgmt::get_raw32(&b[at])); }
 
 // Registers an entity under parent (empty: the top level).
 inline appEntity *add_entity(const std::vector<uint32_t> &parent, uint32_t word, uint32_t kind,

@@ -55,9 +55,7 @@ TEST(EntityTree, MadeUpPathStepsLookUpAndPrinting) {
     ASSERT_EQ(app_entity_add(parent, leaf), 0);
     appEntity *made = get_app_mgi_entity(one);
     ASSERT_NE(made, nullptr);
-    EXPECT_EQ(made->kind, 0u);
-    EXPECT_EQ(made->decodeIndex, nullptr);
-    EXPECT_EQ(made->decodeData, nullptr);
+    EXPECT_TRUE(made->kind == 0u && !made->decodeIndex && !made->decodeData);
     const uint32_t full[] = {0x10, 0x20, 0x30, 0x40, 0};
     EXPECT_EQ(get_app_mgi_entity(full), leaf);
     // A sibling at the top level with the same word as an existing one: both print, the first is found.
@@ -90,21 +88,21 @@ TEST(EntityTree, ItemsByNameAndAlias) {
         {{"name", "n", nullptr}, 5, 32},
         {{"id", nullptr}, 2, 0},
         {{"addr", "ip", "ipaddr", "address", nullptr}, 10, 0},
+        {{nullptr}, 0, 8}, // no name, but not all zero: the table goes on
+        {{"late", nullptr}, 1, 0},
         {{nullptr}, 0, 0},
     };
     static appItem items[std::size(initial)];
     std::copy(std::begin(initial), std::end(initial), items);
     appEntity *e = add_entity({0x7f0001}, 0x7f0002, 0, nullptr, nullptr, nullptr, nullptr, items);
-    EXPECT_EQ(get_item_by_name(e, "n"), &items[0]);
-    EXPECT_EQ(get_item_by_name(e, "ipaddr"), &items[2]); // an alias in the third name
-    EXPECT_EQ(get_item_by_name(e, "address"), &items[2]);
-    EXPECT_EQ(get_item_by_name(e, "nope"), nullptr);     // stops at the table's end
-    EXPECT_EQ(set_itemSyntax(e, "id", 44, 15), 0);       // type 15 leaves the type
-    EXPECT_EQ(items[1].type, 2u);
-    EXPECT_EQ(items[1].offset, 44);
+    // An alias in the third name is found; a name not in the table stops at the all-zero row.
+    const std::pair<const char *, appItem *> names[] = {
+        {"n", &items[0]}, {"ipaddr", &items[2]}, {"address", &items[2]}, {"late", &items[4]}, {"nope", nullptr}};
+    for (auto [name, item] : names) EXPECT_EQ(get_item_by_name(e, name), item) << name;
+    EXPECT_EQ(set_itemSyntax(e, "id", 44, 15), 0); // type 15 leaves the type
+    EXPECT_TRUE(items[1].type == 2u && items[1].offset == 44);
     EXPECT_EQ(set_itemSyntax(e, "id", 48, 1), 0);
-    EXPECT_EQ(items[1].type, 1u);
-    EXPECT_EQ(items[1].offset, 48);
+    EXPECT_TRUE(items[1].type == 1u && items[1].offset == 48);
 
     appEntity *bare = add_entity({0x7f0001}, 0x7f0003, 0, nullptr, nullptr, nullptr, nullptr);
     EXPECT_EQ(get_item_by_name(bare, "id"), nullptr);
@@ -112,8 +110,7 @@ TEST(EntityTree, ItemsByNameAndAlias) {
 
     const uint32_t path[] = {0x7f0001, 0x7f0002, 0};
     EXPECT_EQ(set_items_ud_offset("addr", 100, path), 0);
-    EXPECT_EQ(items[2].offset, 100);
-    EXPECT_EQ(items[2].type, 10u);
+    EXPECT_TRUE(items[2].offset == 100 && items[2].type == 10u);
     const uint32_t bare_path[] = {0x7f0001, 0x7f0003, 0};
     EXPECT_EQ(set_items_ud_offset("addr", 100, bare_path), -1990);
     const uint32_t nowhere[] = {0x7f0001, 0x7f0009, 0};

@@ -18,9 +18,9 @@ constexpr uint32_t M = 0x540000;
 
 Bytes query_record(uint32_t k0, uint32_t obj, const std::string &body, uint8_t info_byte = 0) {
     Bytes r(140, 0);
-    put32(&r[0], k0);
-    put32(&r[4], k0 + 1);
-    put32(&r[8], k0 + 2);
+    put_be32(&r[0], k0);
+    put_be32(&r[4], k0 + 1);
+    put_be32(&r[8], k0 + 2);
     std::memset(&r[12], info_byte, 96);
     uint32_t len = uint32_t(body.size());
     std::memcpy(&r[132], &len, 4);
@@ -37,36 +37,23 @@ TEST(QueryTree, FirstRecordIsTheRootAndTheRestItsChildren) {
         data.insert(data.end(), child.begin(), child.end());
     const uint32_t path[] = {M | 1, 0};
     appQueryList *head = app_process_query_data(data.data(), uint32_t(data.size()), path);
-    ASSERT_NE(head, nullptr);
-    appQueryNode *root = head->first;
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(root->next, nullptr);
+    ASSERT_TRUE(head && head->first && head->first->children.first && head->first->children.first->next);
+    appQueryNode *root = head->first, *first = root->children.first, *second = first->next;
     EXPECT_EQ(root->obj, M | 1); // the target entity's word, not the record's
-    EXPECT_EQ(root->length, 4u);
-    EXPECT_EQ(root->key[0], 10u);
-    EXPECT_EQ(root->key[2], 12u);
-    EXPECT_EQ(root->info[95], 0x11);
+    const int64_t seen[][2] = {{root->length, 4}, {root->key[0], 10}, {root->key[2], 12}, {root->info[95], 0x11},
+                               {first->obj, 0x77}, {first->key[1], 21}, {second->obj, 0x78}};
+    for (size_t k = 0; k < std::size(seen); ++k) EXPECT_EQ(seen[k][0], seen[k][1]) << "row " << k;
     EXPECT_EQ(root->data, data.data() + 140);
-    EXPECT_EQ(root->prev_link, &head->first);
-    appQueryNode *first = root->children.first;
-    ASSERT_NE(first, nullptr);
-    appQueryNode *second = first->next;
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(second->next, nullptr);
-    EXPECT_EQ(first->obj, 0x77u);
-    EXPECT_EQ(first->key[1], 21u);
     EXPECT_EQ(first->data, data.data() + 144 + 140);
-    EXPECT_EQ(second->obj, 0x78u);
-    EXPECT_EQ(root->children.last, &second->next);
-    EXPECT_EQ(second->prev_link, &first->next);
+    EXPECT_TRUE(!root->next && !second->next && root->prev_link == &head->first);
+    EXPECT_TRUE(root->children.last == &second->next && second->prev_link == &first->next);
     clean_app_query_data_tree(head); // the sanitizer build checks that all of it is freed
 
     // A length of exactly one record, or less: one node, no children.
     for (uint32_t len : {144u, 10u}) {
         head = app_process_query_data(data.data(), len, path);
         ASSERT_NE(head, nullptr);
-        EXPECT_EQ(head->first->children.first, nullptr);
-        EXPECT_EQ(head->first->next, nullptr);
+        EXPECT_TRUE(!head->first->children.first && !head->first->next) << len;
         clean_app_query_data_tree(head);
     }
 }
@@ -81,9 +68,7 @@ TEST(QueryTree, NullsAndUnknownPaths) {
     EXPECT_EQ(app_process_query_data(data.data(), 141, nullptr), nullptr);
 
     appQueryNode *bare = new_app_query_node(nullptr);
-    ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(bare->children.last, &bare->children.first);
-    EXPECT_EQ(bare->data, nullptr);
+    EXPECT_TRUE(bare && bare->children.last == &bare->children.first && !bare->data);
     std::free(bare);
 
     auto *empty = static_cast<appQueryList *>(std::malloc(sizeof(appQueryList)));
@@ -97,10 +82,12 @@ TEST(CondContext, ReleaseFreesAndResets) {
     condContext ctx;
     std::memset(&ctx, 0, sizeof ctx);
     destruct_cond_context(&ctx); // zeroed storage: initialise
-    EXPECT_EQ(ctx.data_list.last, &ctx.data_list.first);
-    EXPECT_EQ(ctx.expr_list.last, &ctx.expr_list.first);
-    EXPECT_EQ(ctx.expr_list2.last, &ctx.expr_list2.first);
-    EXPECT_EQ(ctx.connectors[0], -1);
+    auto reset = [&] {
+        return ctx.data_list.last == &ctx.data_list.first && ctx.expr_list.last == &ctx.expr_list.first &&
+               ctx.expr_list2.last == &ctx.expr_list2.first && ctx.connectors[0] == -1 && !ctx.data_list.first &&
+               !ctx.expr_list.first && !ctx.extra && ctx.ctx_word0 == 0 && ctx.ctx_word1 == 0;
+    };
+    EXPECT_TRUE(reset());
     condContext before = ctx;
     destruct_cond_context(&ctx); // an empty, initialised context stays as it was
     EXPECT_EQ(0, std::memcmp(&before, &ctx, sizeof ctx));
@@ -121,15 +108,9 @@ TEST(CondContext, ReleaseFreesAndResets) {
     ctx.app_area[0] = 0x5a;
     char *stale = ctx.words[2];
     destruct_cond_context(&ctx);
-    EXPECT_EQ(ctx.ctx_word0, 0u);
-    EXPECT_EQ(ctx.ctx_word1, 0u);
+    EXPECT_TRUE(reset());
     EXPECT_EQ(ctx.words[0], nullptr);
     EXPECT_EQ(ctx.words[2], stale); // the upper slots keep their pointers
-    EXPECT_EQ(ctx.data_list.first, nullptr);
-    EXPECT_EQ(ctx.expr_list.first, nullptr);
-    EXPECT_EQ(ctx.expr_list2.last, &ctx.expr_list2.first);
-    EXPECT_EQ(ctx.connectors[0], -1);
-    EXPECT_EQ(ctx.extra, nullptr);
     EXPECT_EQ(ctx.app_area[0], 0x5a);
 
     // A later, shorter expression leaves the old upper slots in place: they are not freed twice.
@@ -143,16 +124,8 @@ TEST(CondContext, ReleaseFreesAndResets) {
     destruct_cond_context(&ctx);
 }
 
-int accept_udc(mgiInfo *i) {
-    accept_udc_as_condition(i);
-    set_rsptype(i, MGI_RSP_FINAL);
-    return 0;
-}
-int accept_pre(mgiInfo *i) {
-    accept_preindex_as_condition(i);
-    set_rsptype(i, MGI_RSP_FINAL);
-    return 0;
-}
+int accept_udc(mgiInfo *i) { return accept_udc_as_condition(i), set_rsptype(i, MGI_RSP_FINAL), 0; }
+int accept_pre(mgiInfo *i) { return accept_preindex_as_condition(i), set_rsptype(i, MGI_RSP_FINAL), 0; }
 int data_ok(mgiInfo *) { return 0; }
 
 TEST(AcceptCondition, ConditionFirstThenUdcOrPreindex) {
@@ -169,9 +142,8 @@ TEST(AcceptCondition, ConditionFirstThenUdcOrPreindex) {
         SCOPED_TRACE(testing::Message() << c.word << " " << c.segs.size());
         auto segs = serve(request({c.word}, 0, c.segs)).segments();
         ASSERT_EQ(segs.size(), 1u);
-        EXPECT_EQ(segs[0].type, MGI_SEG_CONDITION);
-        EXPECT_EQ(segs[0].body, c.echoed.body);
-        EXPECT_EQ(segs[0].subtype, c.echoed.subtype);
+        EXPECT_TRUE(segs[0].type == MGI_SEG_CONDITION && segs[0].body == c.echoed.body &&
+                    segs[0].subtype == c.echoed.subtype);
     }
 
     CaptureStdout();

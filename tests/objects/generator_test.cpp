@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ struct GenRun {
     int status = -1;
     std::string output;
     std::vector<std::string> files;
+    std::string text; // all that was written
 };
 
 // Runs the generator on a catalogue made of these rows (tab-separated columns).
@@ -31,20 +33,21 @@ GenRun generate(const std::vector<std::string> &rows, int chunks = 2) {
     {
         std::ofstream f(tsv);
         f << "# name\tops\tpath\tapp\tparent\tindex\tentity\n";
-        for (const auto &r : rows)
-            f << r << "\n";
+        for (const auto &r : rows) f << r << "\n";
     }
     GenRun run;
     const std::string cmd = std::string(MGMT_OBJGEN) + " " + tsv.string() + " " + out.string() + " " + out.string() +
                             " " + std::to_string(chunks) + " 2>&1";
     if (FILE *p = popen(cmd.c_str(), "r")) {
         char buf[512];
-        while (size_t n = fread(buf, 1, sizeof buf, p))
-            run.output.append(buf, n);
+        while (size_t n = fread(buf, 1, sizeof buf, p)) run.output.append(buf, n);
         run.status = pclose(p);
     }
-    for (const auto &e : fs::directory_iterator(out))
+    for (const auto &e : fs::directory_iterator(out)) {
         run.files.push_back(e.path().filename().string());
+        std::ifstream in(e.path());
+        run.text.append(std::istreambuf_iterator<char>(in), {});
+    }
     fs::remove_all(base);
     return run;
 }
@@ -56,22 +59,15 @@ std::string row(const std::string &name, const std::string &index, const std::st
 
 TEST(Generator, GoodCatalogueGivesHeaderTableAndChunks) {
     GenRun r = generate({row("top", "s32", "s32 u32", "-", "10001"), row("top_child", "u8", "=", "top", "10001.10001"),
-                         row("top_act", "-", "u64 b16", "-", "10002", "e")},
+                         row("top_act", "-", "u64 b16", "-", "10002", "e"), row("top_sized", "u32", "u32 =8", "-", "10003")},
                         3);
     EXPECT_EQ(WEXITSTATUS(r.status), 0) << r.output;
+    // An index of all the fields is the whole record, its set length included: 1 field, 1 key, 1 slot, 8 and 8.
+    EXPECT_NE(r.text.find("1, 1, 1, 8u, 8u,"), std::string::npos);
     std::sort(r.files.begin(), r.files.end());
     EXPECT_EQ(r.files, (std::vector<std::string>{"catalogue_data.cpp", "objects.exports", "objects_0.cpp",
                                                  "objects_1.cpp", "objects_2.cpp", "objects_gen.h",
                                                  "records_gen.h"}));
-}
-
-// The line of the output that holds the text, or an empty string.
-std::string line_of(const std::string &out, const std::string &text) {
-    size_t at = out.find(text);
-    if (at == std::string::npos) return {};
-    size_t from = out.rfind('\n', at);
-    from = from == std::string::npos ? 0 : from + 1;
-    return out.substr(from, out.find('\n', at) - from);
 }
 
 struct Bad {
@@ -83,8 +79,7 @@ struct Bad {
 TEST(Generator, RejectsRowsItCannotLayOut) {
     const std::string ok = row("ok", "u32", "=");
     std::string ten = "10001";
-    for (int i = 0; i < 9; ++i)
-        ten += ".10001";
+    for (int i = 0; i < 9; ++i) ten += ".10001";
     const std::vector<Bad> cases = {
         {{ok, row("bad", "-", "u8 u32@5")}, "field 1 'u32@5': offset 5 breaks its alignment of 4", ":3: bad"},
         {{row("bad", "-", "u8 u32@4")}, "offset 4 is where the layout puts it anyway"},
@@ -127,7 +122,10 @@ TEST(Generator, RejectsRowsItCannotLayOut) {
         SCOPED_TRACE(c.reason);
         GenRun r = generate(c.rows);
         EXPECT_NE(WEXITSTATUS(r.status), 0);
-        EXPECT_NE(line_of(r.output, std::string(c.where) + ": ").find(c.reason), std::string::npos) << r.output;
+        // The reason stands on the line that names the row.
+        const size_t at = r.output.find(std::string(c.where) + ": ");
+        EXPECT_NE(at, std::string::npos) << r.output;
+        EXPECT_LT(r.output.find(c.reason, at), r.output.find('\n', at)) << r.output;
         EXPECT_NE(r.output.find("nothing generated"), std::string::npos) << r.output;
         EXPECT_TRUE(r.files.empty()) << "nothing is written for a bad catalogue";
     }

@@ -22,14 +22,14 @@ using Words = std::vector<uint32_t>;
 // n big-endian header words from offset off on.
 Words words(const Bytes &m, size_t off, size_t n) {
     Words w;
-    for (size_t i = 0; i < n; ++i)
-        w.push_back(be32(&m[off + 4 * i]));
+    for (size_t i = 0; i < n; ++i) w.push_back(be32(&m[off + 4 * i]));
     return w;
 }
 
 // The body of the segment whose head stands at offset at.
 Bytes seg_body(const Bytes &m, size_t at) {
-    return Bytes(m.begin() + long(at + MGI_SEGHDR_LEN), m.begin() + long(at + MGI_SEGHDR_LEN + be16(&m[at + 2])));
+    const uint8_t *b = mgmt::seg_body(&m[at]);
+    return Bytes(b, b + mgmt::seg_len(&m[at]));
 }
 
 std::string text_at(const Bytes &m, size_t at) { return reinterpret_cast<const char *>(&m[at]); }
@@ -50,14 +50,9 @@ Bytes entity(const libmgmt_object *o, const std::vector<void *> &args) {
     return rec;
 }
 
-// Records handed to the callback of the road through the manager.
-std::vector<Bytes> g_records;
-size_t g_stride = 0;
-int set_cb(void *record) {
-    auto *p = static_cast<uint8_t *>(record);
-    g_records.emplace_back(p, p + g_stride);
-    return 0;
-}
+// First bytes of the records handed to the callback of the road through the manager.
+Bytes g_records;
+int set_cb(void *record) { return g_records.push_back(*static_cast<uint8_t *>(record)), 0; }
 
 // Data handed to the callback of the direct road.
 int direct_cb(void *data, uint32_t *dl, void *, uint32_t *, void *, uint32_t *, void *ud) {
@@ -102,7 +97,8 @@ class Stubs : public ::testing::Test {
     std::map<uint32_t, std::unique_ptr<TestPeer>> peers_; // last: ends before what it answers with
 };
 
-TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
+// Field 0 (s32) is mask1 bit 0, field 40 (u32) mask2 bit 8, field 70 (u64) bit 6 of the third word.
+TEST_F(Stubs, KeptSetGoesToTheManagerWithTheHighHalfInMaskFiveAndNothingInMaskFour) {
     const libmgmt_object *o = libmgmt_object_find("if_if");
     ASSERT_NE(o, nullptr);
     peer(MGD_APPID);
@@ -110,8 +106,6 @@ TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
     rows_.assign(2 * o->entity_len, 0);
     rows_[0] = 0x31;
     rows_[o->entity_len] = 0x32;
-    g_stride = o->entity_len;
-    // Field 0 (s32) is mask1 bit 0, field 40 (u32) mask2 bit 8, field 70 (u64) bit 6 of the third word.
     const char *name = "eth0";
     uint32_t f40 = 0x5a5a5a5a;
     uint64_t f70 = 0x6b6b6b6b6b6b6b6bull;
@@ -121,12 +115,10 @@ TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
     args[70] = &f70;
     front_end([&](mgiInfo &info) {
         mgi_set_rqt_type(&info, 3);
-        info.rqt_mask1 = 0x100000;
-        info.rqt_mask2 = 0x1;
-        info.rqt_mask3 = 0x80000000;
-        info.rqt_mask4 = 0x40;
-        info.rqt_mask5 = 0x2;
-        info.rqt_mask6 = 0x6;
+        mgi_set_rqt_nextseg(&info, MGI_SEG_UDCDATA); // not sent: a set sends rqt_firstseg
+        const std::pair<uint32_t *, uint32_t> masks[] = {{&info.rqt_mask1, 0x100000}, {&info.rqt_mask2, 0x1},
+            {&info.rqt_mask3, 0x80000000}, {&info.rqt_mask4, 0x40}, {&info.rqt_mask5, 0x2}, {&info.rqt_mask6, 0x6}};
+        for (auto [field, value] : masks) *field = value;
         std::copy(args.begin(), args.end(), info.rqt_item);
         EXPECT_EQ(final_set_if_if(&info, set_cb), 0);
         EXPECT_EQ(info.mgidata, info.mgi_buf->sbuf + MGI_HDR_LEN);
@@ -135,42 +127,14 @@ TEST_F(Stubs, SetGoesToTheManagerWithItsMaskWordsAndRecord) {
     const Bytes m = sent_to(MGD_APPID);
     EXPECT_TRUE(nothing_to(o->owner)) << "every set goes to the manager";
     EXPECT_EQ(words(m, MGI_OFF_TARGET, 2), (Words{0x30001, 0}));
-    EXPECT_EQ(m[MGI_OFF_NEXTSEG], 0) << "rqt_firstseg: a plain record";
-    EXPECT_EQ(m[MGI_OFF_TYPE], 3);
-    EXPECT_EQ(be16(&m[MGI_OFF_LEN]), o->entity_len);
-    EXPECT_EQ(be32(&m[MGI_OFF_OFFSET]), MGI_NO_MORE);
+    mgmt_test::expect_fields(m.data(), {{MGI_OFF_NEXTSEG, 1, 0}, {MGI_OFF_TYPE, 1, 3}, {MGI_OFF_LEN, 2, o->entity_len},
+                                        {MGI_OFF_OFFSET, 4, MGI_NO_MORE}});
     EXPECT_EQ(words(m, MGI_OFF_MASK1, 3), (Words{0x100000 | 0x1, 0x1 | 0x100, 0x80000000 | 0x40}));
-    // mask4 as it stands, mask5 takes the high half, mask6 as it stands.
     EXPECT_EQ(words(m, MGI_OFF_MASK4, 3), (Words{0x40, 0x2 | 0x100, 0x6}));
     const Bytes want = entity(o, args); // the set clears the buffers before packing
     EXPECT_EQ(Bytes(m.begin() + MGI_HDR_LEN, m.end()), want);
-    EXPECT_EQ(text_at(want, 0), "eth0");
-    EXPECT_EQ(want[o->fields[40].offset], 0x5a);
-    // The answer comes back in records of the entity's length.
-    ASSERT_EQ(g_records.size(), 2u);
-    EXPECT_EQ(g_records[0][0], 0x31);
-    EXPECT_EQ(g_records[1][0], 0x32);
-}
-
-TEST_F(Stubs, SetOfNestedObjectPutsTheParentsKeyAhead) {
-    peer(MGD_APPID);
-    const char *attr = "radius", *filter = "f1", *name = "n";
-    uint32_t a1 = 7, a2 = 8, kind = 9;
-    Bytes want(40 + 68, 0);
-    construct_aaa_role_mapping_user_attribute_index(want.data(), nullptr, nullptr, &attr, &a1, &a2);
-    construct_aaa_role_mapping_user_attribute_filter_entity(want.data() + 40, nullptr, nullptr, &filter, &kind, &name);
-    front_end([&](mgiInfo &info) {
-        void *slots[] = {&attr, &a1, &a2, &filter, &kind, &name};
-        std::memcpy(info.rqt_item, slots, sizeof slots);
-        EXPECT_EQ(final_set_aaa_role_mapping_user_attribute_filter(&info, nullptr), 0);
-    });
-    const Bytes m = sent_to(MGD_APPID);
-    EXPECT_EQ(words(m, MGI_OFF_TARGET, 3), (Words{0xe0001, 0xe0001, 0}));
-    EXPECT_EQ(be16(&m[MGI_OFF_LEN]), 108u);
-    EXPECT_EQ(Bytes(m.begin() + MGI_HDR_LEN, m.end()), want);
-    EXPECT_EQ(text_at(m, MGI_HDR_LEN), "radius");
-    EXPECT_EQ(text_at(m, MGI_HDR_LEN + 40), "f1");
-    EXPECT_EQ(be32(&m[MGI_OFF_MASK1]), 0x7u) << "only the object's own record is in the mask";
+    EXPECT_EQ(text_at(want, 0) + char(want[o->fields[40].offset]), "eth0Z");
+    EXPECT_EQ(g_records, (Bytes{0x31, 0x32})) << "the answer comes back in records of the entity's length";
 }
 
 // A record already in mgidata goes out as it stands, with the mask words of the context; a
@@ -191,8 +155,7 @@ TEST_F(Stubs, ARecordInMgidataIsSentAsItStands) {
     });
     const Bytes m = sent_to(MGD_APPID);
     EXPECT_EQ(Bytes(m.begin() + MGI_HDR_LEN, m.end()), Bytes(ready, ready + sizeof ready));
-    EXPECT_EQ(be32(&m[MGI_OFF_MASK1]), 0u) << "no packer ran: the stub's own mask stays 0";
-    EXPECT_EQ(be32(&m[MGI_OFF_MASK2]), 0x11u);
+    EXPECT_EQ(words(m, MGI_OFF_MASK1, 2), (Words{0, 0x11})) << "no packer ran: the stub's own mask stays 0";
     EXPECT_EQ(be32(&m[MGI_OFF_MASK5]), 0x22u);
 
     front_end([&](mgiInfo &info) {
@@ -206,34 +169,23 @@ TEST_F(Stubs, ARecordInMgidataIsSentAsItStands) {
     EXPECT_EQ(be32(&again[MGI_OFF_MASK1]), 0u);
 }
 
-struct NestedGet {
-    const char *router = "vr-main";
-    uint32_t asn = 65001, id = 3, port = 179, extra = 0xabcd;
-    unsigned char addr[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    void fill(mgiInfo &info) {
-        info.rqt_item[0] = &router; // vr_vr key
-        info.rqt_item[1] = &asn;    // routed_vr_bgp key
-        info.rqt_item[2] = &id;     // the neighbour's own fields from here
-        info.rqt_item[3] = addr;
-        info.rqt_item[4] = &port;
-        info.rqt_item[5] = &extra;
-    }
-};
-
-// The get goes to the owner with the parents' index records ahead of its own; only the exact value
-// 1 of whether_full_entity packs the entity, 0 (the first request) and 2 pack the index.
+// The get goes to the owner with the parents' index records ahead of its own (a set packs them
+// the same way); only the exact value 1 of whether_full_entity packs the entity, 0 and 2 the index;
+// type 30 goes to the manager instead.
 TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
     const libmgmt_object *o = libmgmt_object_find("routed_vr_bgp_neighbor");
     ASSERT_NE(o, nullptr);
     peer(MGD_APPID);
     peer(o->owner);
     text_ = "row-1";
-    NestedGet g;
-    // Parents' keys first, root down, then the neighbour's key, each behind the other.
+    const char *router = "vr-main";
+    uint32_t asn = 65001, id = 3, port = 179, extra = 0xabcd;
+    unsigned char addr[16] = {0x20, 0x01, 0x0d, 0xb8};
+    void *slots[] = {&router, &asn, &id, addr, &port, &extra}; // the parents' keys, then the neighbour's fields
     Bytes want(32 + 4 + 32, 0xEE);
-    construct_vr_vr_index(want.data(), nullptr, nullptr, &g.router);
-    construct_routed_vr_bgp_index(want.data() + 32, nullptr, nullptr, &g.asn);
-    construct_routed_vr_bgp_neighbor_index(want.data() + 36, nullptr, nullptr, &g.id, g.addr, &g.port);
+    construct_vr_vr_index(want.data(), nullptr, nullptr, &router);
+    construct_routed_vr_bgp_index(want.data() + 32, nullptr, nullptr, &asn);
+    construct_routed_vr_bgp_neighbor_index(want.data() + 36, nullptr, nullptr, &id, addr, &port);
     std::vector<Bytes> calls;
     front_end([&](mgiInfo &info) {
         std::memset(info.mgi_buf->sbuf, 0xEE, MGI_MAX_LEN);
@@ -243,79 +195,54 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
         info.rqt_mask1 = 0x1000;
         info.rqt_mask2 = 0x2;
         info.rqt_mask3 = 0x3;
-        for (int i = 0; i < 9; ++i)
-            info.rqt_xmask[i] = 0x100u + i;
+        for (int i = 0; i < 9; ++i) info.rqt_xmask[i] = 0x100u + i;
         mgi_set_rqt_ruledata_subtype(&info, 0x1234);
-        g.fill(info);
+        std::copy(slots, slots + 6, info.rqt_item);
         EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, direct_cb, &calls), 0);
     });
     const Bytes m = sent_to(o->owner);
     EXPECT_TRUE(nothing_to(MGD_APPID)) << "a get does not pass through the manager";
     EXPECT_EQ(words(m, MGI_OFF_TARGET, 4), (Words{0x4f0001, 0x20401, 0x2041d, 0}));
-    EXPECT_EQ(m[MGI_OFF_TYPE], 1);
-    EXPECT_EQ(be32(&m[MGI_OFF_OFFSET]), 0x10u);
-    EXPECT_EQ(be16(&m[MGI_OFF_RQT_AUX]), 0x77u);
+    mgmt_test::expect_fields(m.data(), {{MGI_OFF_TYPE, 1, 1}, {MGI_OFF_OFFSET, 4, 0x10}, {MGI_OFF_RQT_AUX, 2, 0x77},
+                                        {MGI_OFF_NEXTSEG, 1, MGI_SEG_RULEDATA}, {MGI_HDR_LEN + 4, 4, 0x1234}});
     // The mask words carry the neighbour's three key fields; the xmask words go unchanged.
     EXPECT_EQ(words(m, MGI_OFF_MASK1, 3), (Words{0x1000 | 0x7, 0x2, 0x3}));
     EXPECT_EQ(words(m, MGI_OFF_XMASK1, 6), (Words{0x100, 0x101, 0x102, 0x103, 0x104, 0x105}));
     EXPECT_EQ(words(m, MGI_OFF_XMASK7, 3), (Words{0x106, 0x107, 0x108}));
-    EXPECT_EQ(m[MGI_OFF_NEXTSEG], MGI_SEG_RULEDATA);
-    EXPECT_EQ(be32(&m[MGI_HDR_LEN + 4]), 0x1234u);
     EXPECT_EQ(seg_body(m, MGI_HDR_LEN), want);
     EXPECT_EQ(text_at(m, MGI_HDR_LEN + MGI_SEGHDR_LEN), "vr-main");
     EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("row-1")});
 
-    struct Case {
+    const struct {
         uint8_t full;
-        uint32_t own_len;
-        uint32_t mask;
+        uint32_t own_len, mask;
     } cases[] = {{1, o->entity_len, 0xf}, {2, o->index_len, 0x7}};
     size_t n = 1;
-    for (const Case &c : cases) {
-        SCOPED_TRACE(int(c.full));
+    for (const auto &c : cases) {
         front_end([&](mgiInfo &info) {
             mgi_set_whether_full_entity(&info, c.full);
-            g.fill(info);
+            std::copy(slots, slots + 6, info.rqt_item);
             EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, nullptr, nullptr), 0);
-            EXPECT_EQ(info.mgidata_len, 36 + c.own_len);
         });
         const Bytes r = sent_to(o->owner, ++n);
-        EXPECT_EQ(seg_body(r, MGI_HDR_LEN).size(), 36 + c.own_len);
-        EXPECT_EQ(be32(&r[MGI_OFF_MASK1]), c.mask);
+        EXPECT_EQ(seg_body(r, MGI_HDR_LEN).size(), 36 + c.own_len) << int(c.full);
+        EXPECT_EQ(be32(&r[MGI_OFF_MASK1]), c.mask) << int(c.full);
     }
-}
-
-// A get of type 30 goes to the manager whoever owns the object; a manager object is asked there anyway.
-TEST_F(Stubs, GetsThatGoToTheManager) {
-    peer(MGD_APPID);
-    peer(11);
+    // A get of type 30 goes to the manager whoever owns the object.
     text_ = "from-mgd";
-    struct Case {
-        const char *object;
-        uint8_t type;
-        uint32_t target;
-    } cases[] = {{"aaa_role", MGI_RQT_MGD_GET, 0xe0002}, {"mgmt_config_file_info_tbl", 1, 0x90001}};
-    size_t n = 0;
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.object);
-        const libmgmt_object *o = libmgmt_object_find(c.object);
-        ASSERT_NE(o, nullptr);
-        std::vector<Bytes> calls;
-        front_end([&](mgiInfo &info) {
-            mgi_set_rqt_type(&info, c.type);
-            EXPECT_EQ(o->get(&info, direct_cb, &calls), 0);
-        });
-        const Bytes m = sent_to(MGD_APPID, ++n);
-        EXPECT_EQ(m[MGI_OFF_TYPE], c.type);
-        EXPECT_EQ(be32(&m[MGI_OFF_TARGET]), c.target);
-        EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("from-mgd")});
-    }
-    EXPECT_TRUE(nothing_to(11));
+    front_end([&](mgiInfo &info) {
+        mgi_set_rqt_type(&info, MGI_RQT_MGD_GET);
+        EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, direct_cb, &calls), 0);
+    });
+    mgmt_test::expect_fields(sent_to(MGD_APPID).data(),
+                             {{MGI_OFF_TYPE, 1, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0x4f0001}});
+    EXPECT_EQ(calls.back(), bytes_of("from-mgd"));
+    EXPECT_FALSE(peer(o->owner).wait_for(4, 200)) << "nor to the owner";
 }
 
-// Type 31 hands back the record's place and the mask blocks; segment 134 stands ahead of the record
-// unless its length is 0; a null caller record is left alone and the request still goes out.
-TEST_F(Stubs, GetOfTypeThirtyOneHandsBackRecordAndMasks) {
+// Type 31 hands back the record's place and the mask blocks; segment 134 stands ahead of the record,
+// without the context's udcdata_subtype, unless its length is 0; a null caller record is left alone.
+TEST_F(Stubs, KeptGetOfTypeThirtyOneSendsSegmentOneThirtyFourWithoutItsSubtype) {
     peer(11);
     const char *role = "ops";
     uint32_t scope = 4;
@@ -326,12 +253,11 @@ TEST_F(Stubs, GetOfTypeThirtyOneHandsBackRecordAndMasks) {
     front_end([&](mgiInfo &info) {
         mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
         mgi_set_whether_full_entity(&info, 1);
-        for (int i = 0; i < 9; ++i)
-            info.rqt_xmask[i] = 0x10000u << i;
-        info.rqt_item[0] = &role;
-        info.rqt_item[3] = &role;
+        for (int i = 0; i < 9; ++i) info.rqt_xmask[i] = 0x10000u << i;
+        info.rqt_item[0] = info.rqt_item[3] = &role;
         info.rqt_item[2] = &scope;
         mgi_set_rqt_udcdata(&info, udc, 5);
+        mgi_set_rqt_udcdata_subtype(&info, 0x99);
         EXPECT_EQ(final_get_aaa_role(&info, nullptr, &rec), 0);
         place = static_cast<unsigned char *>(rec.data) - info.mgi_buf->sbuf;
     });
@@ -341,11 +267,10 @@ TEST_F(Stubs, GetOfTypeThirtyOneHandsBackRecordAndMasks) {
     EXPECT_EQ(Words(first, first + 3), (Words{0x10000 | lo, 0x20000, 0x40000}));
     EXPECT_EQ(Words(second, second + 3), (Words{0x80000 | lo, 0x100000, 0x200000}));
     const Bytes m = sent_to(11);
-    EXPECT_EQ(m[MGI_OFF_NEXTSEG], MGI_SEG_UDCDATA);
-    EXPECT_EQ(m[MGI_HDR_LEN + 1], MGI_SEG_UDCDATA);
+    mgmt_test::expect_fields(m.data(), {{MGI_OFF_NEXTSEG, 1, MGI_SEG_UDCDATA}, {MGI_HDR_LEN, 1, MGI_SEG_RULEDATA},
+                                        {MGI_HDR_LEN + 1, 1, MGI_SEG_UDCDATA}, {MGI_HDR_LEN + 4, 4, 0},
+                                        {record + 1, 1, MGI_SEG_RULEDATA}});
     EXPECT_EQ(seg_body(m, MGI_HDR_LEN), bytes_of("match"));
-    EXPECT_EQ(m[MGI_HDR_LEN], MGI_SEG_RULEDATA);
-    EXPECT_EQ(m[record + 1], MGI_SEG_RULEDATA);
     EXPECT_EQ(seg_body(m, record).size(), 72u);
 
     front_end([&](mgiInfo &info) {
@@ -373,8 +298,7 @@ TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
         init_mgi_exchange_r(info.mgi_buf);
         mgi_set_rqt_type(&info, 2);
         mgi_set_rqt_udcdata(&info, const_cast<char *>("skip"), 4);
-        for (int i = 0; i < 9; ++i)
-            info.rqt_xmask[i] = 0xffffffffu;
+        for (int i = 0; i < 9; ++i) info.rqt_xmask[i] = 0xffffffffu;
         info.rqt_mask2 = 0x5;
         std::copy(args.begin(), args.end(), info.rqt_item);
         EXPECT_EQ(final_exec_admind_verify_password(&info, direct_cb, &calls), 0);
@@ -390,22 +314,31 @@ TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
     EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("done")});
 }
 
+// The udcdata leaves the whole record exactly its room, or one byte less: the data that does not fit is
+// refused with a console line and nothing is sent; null contexts and pairs give -1.
 TEST_F(Stubs, DataThatDoesNotFitIsRefusedAndNothingIsSent) {
-    peer(1);
+    const libmgmt_object *o = libmgmt_object_find("addrbook_addr_refence");
+    ASSERT_NE(o, nullptr);
+    peer(o->owner);
     ConsoleCapture console;
-    std::vector<char> big(9000, 'u');
+    size_t exact = MGI_MAX_LEN - MGI_HDR_LEN - 2 * MGI_SEGHDR_LEN - o->entity_len;
+    for (const libmgmt_object *p = o->parent; p; p = p->parent) exact -= p->index_len;
+    std::vector<char> big(exact + 1, 'u');
     front_end([&](mgiInfo &info) {
         mgi_set_whether_full_entity(&info, 1);
-        mgi_set_rqt_udcdata(&info, big.data(), static_cast<uint16_t>(big.size()));
+        mgi_set_rqt_udcdata(&info, big.data(), static_cast<uint16_t>(exact + 1));
         EXPECT_EQ(final_get_addrbook_addr_refence(&info, nullptr, nullptr), -1);
         EXPECT_EQ(info.mgidata, nullptr);
+        mgi_set_rqt_udcdata(&info, big.data(), static_cast<uint16_t>(exact));
+        EXPECT_EQ(final_get_addrbook_addr_refence(&info, nullptr, nullptr), 0);
         EXPECT_EQ(final_set_aaa_role(nullptr, nullptr), -1);
         EXPECT_EQ(final_get_aaa_role(nullptr, nullptr, nullptr), -1);
         info.mgi_buf = nullptr;
         EXPECT_EQ(final_exec_aaa_sync(&info, nullptr, nullptr), -1);
     });
     EXPECT_NE(console.text().find("addrbook_addr_refence"), std::string::npos) << console.text();
-    EXPECT_FALSE(peer(1).wait_for(1, 200));
+    EXPECT_EQ(sent_to(o->owner).size(), MGI_MAX_LEN);
+    EXPECT_FALSE(peer(o->owner).wait_for(2, 200)) << "only the request that fits goes out";
 }
 
 } // namespace
