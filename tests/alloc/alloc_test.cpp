@@ -1,12 +1,12 @@
 // A request on the plain family allocates nothing once the thread's pair and
 // its reply socket exist. This program counts the heap allocations of each
-// thread with the allocation stand-ins of alloc_hook.h.
+// thread with the allocation stand-ins of faults.h.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "mgmt/mgi.h"
-#include "alloc_hook.h"
+#include "faults.h"
 #include "test_support.h"
 
 using namespace mgmt_test;

@@ -3,7 +3,7 @@
 // sanitizer builds, which bring their own allocator).
 #include <gtest/gtest.h>
 
-#include "alloc_hook.h"
+#include "faults.h"
 #include "app_fixture.h"
 #include "mgmt/sorter.h"
 

@@ -16,6 +16,7 @@ namespace app_test {
 using mgmt::put_be16;
 using mgmt::put_be32;
 using mgmt_test::Bytes;
+namespace hdr = mgmt::hdr;
 using mgmt_test::Seg;
 
 // A request of the given type and segments addressed to target.

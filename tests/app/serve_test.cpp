@@ -71,13 +71,13 @@ class Serve : public ::testing::Test {
 TEST_F(Serve, HeaderFieldsReachTheContextAndTheResponseHeader) {
     Bytes q = request({M | 1}, 77, {{MGI_SEG_COOKIE, {1, 2, 3}, 9}});
     const std::initializer_list<mgmt_test::Field> in = {
-        {MGI_OFF_SRC, 1, 3},          {MGI_OFF_TIMEOUT, 1, 40},        {MGI_OFF_LANGUAGE, 1, 7},
-        {MGI_OFF_VSYSID, 2, 0x1234},  {MGI_OFF_USER_PRIV, 4, 0x01020304}, {MGI_OFF_LOGIN_VSYSID, 2, 0x0506},
-        {MGI_OFF_DST_VSYSID, 2, 0x0708}, {MGI_OFF_OFFSET, 4, MGI_NO_MORE}, {MGI_OFF_RQT_AUX, 2, 0xabcd},
-        {MGI_OFF_MGI_FLAG, 4, 3},     {MGI_OFF_SUBLEVEL, 4, 11},       {MGI_OFF_MASK1, 4, 0x0f},
-        {MGI_OFF_MASK2, 4, 0xf0},     {MGI_OFF_MASK3, 4, 0x100},       {MGI_OFF_DESCEND, 4, 12},
-        {MGI_OFF_XMASK7, 4, 0x70},    {MGI_OFF_XMASK7 + 8, 4, 0x72},   {MGI_OFF_RSP_DATA_TYPE, 4, 0x55},
-        {MGI_OFF_RSP_AUX, 4, 0xdeadbeef}, // not read: the response carries rsp_aux of the context
+        {hdr::src, 3},          {hdr::timeout, 40},        {hdr::language, 7},
+        {hdr::vsysid, 0x1234},  {hdr::user_priv, 0x01020304}, {hdr::login_vsysid, 0x0506},
+        {hdr::dst_vsysid, 0x0708}, {hdr::offset, MGI_NO_MORE}, {hdr::rqt_aux, 0xabcd},
+        {hdr::mgi_flag, 3},     {hdr::sublevel, 11},       {hdr::mask1, 0x0f},
+        {hdr::mask2, 0xf0},     {hdr::mask3, 0x100},       {hdr::descend, 12},
+        {hdr::xmask7, 0x70},    {MGI_OFF_XMASK7 + 8, 4, 0x72},   {hdr::rsp_data_type, 0x55},
+        {hdr::rsp_aux, 0xdeadbeef}, // not read: the response carries rsp_aux of the context
     };
     for (const auto &f : in) {
         if (f.width == 4) put_be32(&q[f.at], f.value);
@@ -113,11 +113,11 @@ TEST_F(Serve, HeaderFieldsReachTheContextAndTheResponseHeader) {
     ASSERT_EQ(r.bytes.size(), 312u);
     EXPECT_EQ(0, std::memcmp(&r.bytes[88], &q[88], 40));
     mgmt_test::expect_fields(r.bytes.data(),
-                             {{MGI_OFF_TYPE, 1, MGI_RSP_FINAL}, {MGI_OFF_LEN, 2, 0}, {MGI_OFF_NEXTSEG, 1, MGI_SEG_COOKIE},
-                              {MGI_OFF_OFFSET, 4, MGI_NO_MORE}, {MGI_OFF_MGI_FLAG, 4, 3}, {MGI_OFF_MASK1, 4, 0x0f},
-                              {MGI_OFF_MASK2, 4, 0xf0}, {MGI_OFF_MASK3, 4, 0x100}, {MGI_OFF_RSP_DATA_TYPE, 4, 0x55},
-                              {MGI_OFF_RQT_AUX, 2, 0xabcd}, {MGI_OFF_RSP_AUX, 4, 0},
-                              {MGI_OFF_SRC, 1, 0xEE}}); // fields the server doesn't write keep what the buffer held
+                             {{hdr::type, MGI_RSP_FINAL}, {hdr::len, 0}, {hdr::nextseg, MGI_SEG_COOKIE},
+                              {hdr::offset, MGI_NO_MORE}, {hdr::mgi_flag, 3}, {hdr::mask1, 0x0f},
+                              {hdr::mask2, 0xf0}, {hdr::mask3, 0x100}, {hdr::rsp_data_type, 0x55},
+                              {hdr::rqt_aux, 0xabcd}, {hdr::rsp_aux, 0},
+                              {hdr::src, 0xEE}}); // fields the server doesn't write keep what the buffer held
     // The response clears who asked.
     EXPECT_EQ(_config_mode + _ui_language, 0);
     EXPECT_STREQ(mgi_get_admin_user(), "");

@@ -127,8 +127,8 @@ TEST_F(Stubs, KeptSetGoesToTheManagerWithTheHighHalfInMaskFiveAndNothingInMaskFo
     const Bytes m = sent_to(MGD_APPID);
     EXPECT_TRUE(nothing_to(o->owner)) << "every set goes to the manager";
     EXPECT_EQ(words(m, MGI_OFF_TARGET, 2), (Words{0x30001, 0}));
-    mgmt_test::expect_fields(m.data(), {{MGI_OFF_NEXTSEG, 1, 0}, {MGI_OFF_TYPE, 1, 3}, {MGI_OFF_LEN, 2, o->entity_len},
-                                        {MGI_OFF_OFFSET, 4, MGI_NO_MORE}});
+    mgmt_test::expect_fields(m.data(), {{hdr::nextseg, 0}, {hdr::type, 3}, {hdr::len, o->entity_len},
+                                        {hdr::offset, MGI_NO_MORE}});
     EXPECT_EQ(words(m, MGI_OFF_MASK1, 3), (Words{0x100000 | 0x1, 0x1 | 0x100, 0x80000000 | 0x40}));
     EXPECT_EQ(words(m, MGI_OFF_MASK4, 3), (Words{0x40, 0x2 | 0x100, 0x6}));
     const Bytes want = entity(o, args); // the set clears the buffers before packing
@@ -203,8 +203,8 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
     const Bytes m = sent_to(o->owner);
     EXPECT_TRUE(nothing_to(MGD_APPID)) << "a get does not pass through the manager";
     EXPECT_EQ(words(m, MGI_OFF_TARGET, 4), (Words{0x4f0001, 0x20401, 0x2041d, 0}));
-    mgmt_test::expect_fields(m.data(), {{MGI_OFF_TYPE, 1, 1}, {MGI_OFF_OFFSET, 4, 0x10}, {MGI_OFF_RQT_AUX, 2, 0x77},
-                                        {MGI_OFF_NEXTSEG, 1, MGI_SEG_RULEDATA}, {MGI_HDR_LEN + 4, 4, 0x1234}});
+    mgmt_test::expect_fields(m.data(), {{hdr::type, 1}, {hdr::offset, 0x10}, {hdr::rqt_aux, 0x77},
+                                        {hdr::nextseg, MGI_SEG_RULEDATA}, {MGI_HDR_LEN + 4, 4, 0x1234}});
     // The mask words carry the neighbour's three key fields; the xmask words go unchanged.
     EXPECT_EQ(words(m, MGI_OFF_MASK1, 3), (Words{0x1000 | 0x7, 0x2, 0x3}));
     EXPECT_EQ(words(m, MGI_OFF_XMASK1, 6), (Words{0x100, 0x101, 0x102, 0x103, 0x104, 0x105}));
@@ -235,7 +235,7 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
         EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, direct_cb, &calls), 0);
     });
     mgmt_test::expect_fields(sent_to(MGD_APPID).data(),
-                             {{MGI_OFF_TYPE, 1, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0x4f0001}});
+                             {{hdr::type, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0x4f0001}});
     EXPECT_EQ(calls.back(), bytes_of("from-mgd"));
     EXPECT_FALSE(peer(o->owner).wait_for(4, 200)) << "nor to the owner";
 }
@@ -267,7 +267,7 @@ TEST_F(Stubs, KeptGetOfTypeThirtyOneSendsSegmentOneThirtyFourWithoutItsSubtype) 
     EXPECT_EQ(Words(first, first + 3), (Words{0x10000 | lo, 0x20000, 0x40000}));
     EXPECT_EQ(Words(second, second + 3), (Words{0x80000 | lo, 0x100000, 0x200000}));
     const Bytes m = sent_to(11);
-    mgmt_test::expect_fields(m.data(), {{MGI_OFF_NEXTSEG, 1, MGI_SEG_UDCDATA}, {MGI_HDR_LEN, 1, MGI_SEG_RULEDATA},
+    mgmt_test::expect_fields(m.data(), {{hdr::nextseg, MGI_SEG_UDCDATA}, {MGI_HDR_LEN, 1, MGI_SEG_RULEDATA},
                                         {MGI_HDR_LEN + 1, 1, MGI_SEG_UDCDATA}, {MGI_HDR_LEN + 4, 4, 0},
                                         {record + 1, 1, MGI_SEG_RULEDATA}});
     EXPECT_EQ(seg_body(m, MGI_HDR_LEN), bytes_of("match"));
