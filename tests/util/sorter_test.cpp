@@ -170,7 +170,7 @@ TEST(CompareByType, NumbersAndBytes) {
     EXPECT_EQ(count_digits("x1"), 0);
 }
 
-TEST(GetOffset, LaysOutMembersWithTheirAlignment) {
+TEST(GetOffset, KeptSixteenByteMemberAddsTheTotalAgain) {
     EXPECT_EQ(getOffset(12, 0), 0);   // MAC, 6 bytes
     EXPECT_EQ(getOffset(2, 0), 8);    // u32 after 6 bytes
     EXPECT_EQ(getOffset(5, 3), 12);   // 3-byte string
