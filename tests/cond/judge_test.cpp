@@ -272,7 +272,7 @@ TEST(PostJudge, EmptyListsChangeNothing) {
 }
 
 // Every operator on an IPv4 field: the value side is the type code, 10, whatever the text says.
-TEST(PostJudge, OperatorsMeetTheTypeCode) {
+TEST(PostJudge, KeptOperatorsCompareWithTheTypeCode) {
     const struct {
         const char *op;
         bool below, at, above; // field 9, 10, 11
@@ -295,7 +295,7 @@ TEST(PostJudge, OperatorsMeetTheTypeCode) {
     }
 }
 
-TEST(PostJudge, ValueReadingsAndTheirCodes) {
+TEST(PostJudge, KeptIntegerValuesRefusedForAnyText) {
     const struct {
         uint32_t type;
         const char *value;

@@ -62,7 +62,7 @@ std::string get_line(buf_list *l, uint32_t cap) {
     return std::string(out.data(), len);
 }
 
-TEST(BufListStore, NewListAndFirstWrites) {
+TEST(BufListStore, KeptCompanionListMadeWithTheListAndFirstWrites) {
     ListPtr l = make(1024);
     ASSERT_NE(l->companion, nullptr);
     EXPECT_EQ(l->companion->elem_size, 64u);
@@ -79,7 +79,7 @@ TEST(BufListStore, NewListAndFirstWrites) {
     EXPECT_EQ(get_line(l.get(), 16), "<null>") << "nothing to read before a rewind";
 }
 
-TEST(BufListStore, PositionArithmeticOfWritesThatCrossBlocks) {
+TEST(BufListStore, KeptWritesAcrossBlocksRunThePositionAhead) {
     // Each block filled on the way credits the position with the bytes still
     // to come, so the position drifts from the stored length.
     struct Case {
@@ -223,7 +223,7 @@ TEST(BufListRead, ExactLinesFillTheCapacityAndContinueInTheCutLine) {
     EXPECT_EQ(len, 0u);
 }
 
-TEST(BufListSeek, SeeksFromStartEndAndPosition) {
+TEST(BufListSeek, KeptFailedSeeksFromStartOrEndStillMove) {
     // Ten bytes in blocks of four: [abcd][efgh][ij]. Each row runs its seeks
     // on a fresh list; the last one's result and the reader's state count.
     struct Case {

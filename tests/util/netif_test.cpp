@@ -105,30 +105,22 @@ uint32_t vr_of(const char *name) {
     return vk_get_if_vr(name, &slot) == 0 ? slot : 99;
 }
 
-TEST(InterfaceVr, PortOfABridgeHasNoVrf) {
-    int rc = in_private_netns({"ip link add mgt-br0 type bridge", "ip link add mgt-v0 type veth peer name mgt-v1",
-                               "ip link set mgt-v0 master mgt-br0"},
-                              [] {
-                                  return vr_of("mgt-v0") == 0 && vr_of("mgt-v1") == 0 &&
-                                         get_vrid_from_ifindex(if_nametoindex("mgt-v0")) == 0;
-                              });
-    if (rc == 2) {
-        GTEST_SKIP() << "no private network namespace with bridges here";
-    }
-    EXPECT_EQ(rc, 0);
-}
-
-TEST(InterfaceVr, VrfPortAnswersTheLow16BitsOfTheVrfTable) {
-    int rc = in_private_netns({"ip link add mgt-blue type vrf table 42", "ip link add mgt-red type vrf table 0x12345",
+// A bridge port has no VRF; a VRF port answers the low 16 bits of its table.
+TEST(InterfaceVr, BridgePortAndVrfPortsInAPrivateNamespace) {
+    int rc = in_private_netns({"ip link add mgt-br0 type bridge", "ip link add mgt-v2 type veth peer name mgt-v3",
+                               "ip link set mgt-v2 master mgt-br0", "ip link add mgt-blue type vrf table 42",
+                               "ip link add mgt-red type vrf table 0x12345",
                                "ip link add mgt-v0 type veth peer name mgt-v1", "ip link set mgt-v0 master mgt-blue",
                                "ip link set mgt-v1 master mgt-red"},
                               [] {
-                                  return vr_of("mgt-v0") == 42 && vr_of("mgt-blue") == 42 &&
+                                  return vr_of("mgt-v2") == 0 && vr_of("mgt-v3") == 0 &&
+                                         get_vrid_from_ifindex(if_nametoindex("mgt-v2")) == 0 &&
+                                         vr_of("mgt-v0") == 42 && vr_of("mgt-blue") == 42 &&
                                          get_vrid_from_ifindex(if_nametoindex("mgt-v0")) == 42 &&
                                          get_vrid_from_ifindex(if_nametoindex("mgt-v1")) == 0x2345;
                               });
     if (rc == 2) {
-        GTEST_SKIP() << "this kernel has no VRF devices (or no private network namespace)";
+        GTEST_SKIP() << "no private network namespace with bridges and VRF devices here";
     }
     EXPECT_EQ(rc, 0);
 }

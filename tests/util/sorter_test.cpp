@@ -170,7 +170,7 @@ TEST(CompareByType, NumbersAndBytes) {
     EXPECT_EQ(count_digits("x1"), 0);
 }
 
-TEST(GetOffset, LaysOutMembersWithTheirAlignment) {
+TEST(GetOffset, KeptSixteenByteMemberAddsTheTotalAgain) {
     EXPECT_EQ(getOffset(12, 0), 0);   // MAC, 6 bytes
     EXPECT_EQ(getOffset(2, 0), 8);    // u32 after 6 bytes
     EXPECT_EQ(getOffset(5, 3), 12);   // 3-byte string
@@ -182,11 +182,11 @@ TEST(GetOffset, LaysOutMembersWithTheirAlignment) {
     EXPECT_EQ(getOffset(1, 0), 0);
     EXPECT_EQ(getOffset(9, 0), 4);
     EXPECT_EQ(getOffset(10, GETOFFSET_LAST_MEMBER), 12); // 8 + 4, a multiple of 4 stays
-    // A 16-byte value adds the old total a second time.
-    EXPECT_EQ(getOffset(5, 6), 0);
-    EXPECT_EQ(getOffset(11, 0), 8);
-    EXPECT_EQ(getOffset(5, 1), 30); // 8 + 16 + 6
-    EXPECT_EQ(getOffset(4, GETOFFSET_LAST_MEMBER), 31); // max unit 1: no padding
+    // A 16-byte value sits on 4 bytes and adds the old total a second time.
+    EXPECT_EQ(getOffset(5, 4), 0);
+    EXPECT_EQ(getOffset(11, 0), 4);
+    EXPECT_EQ(getOffset(5, 1), 24); // 4 + 16 + 4
+    EXPECT_EQ(getOffset(4, GETOFFSET_LAST_MEMBER), 25); // max unit 1: no padding
     EXPECT_EQ(getOffset(4, GETOFFSET_LAST_MEMBER), 0);
 }
 

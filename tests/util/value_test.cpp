@@ -77,7 +77,7 @@ TEST(RangeCheck, NullValuesAndTypesWithoutATest) {
     }
 }
 
-TEST(RangeCheck, StringLengths) {
+TEST(RangeCheck, KeptTrimNotHandedBackAndType17MaxZeroUnbounded) {
     // Type 5: trimmed, the length below the maximum, signed 32-bit compare.
     char spaced[] = "  ab  ";
     EXPECT_EQ(libmgmt_item_value_range_check(spaced, 5, 1, 3), 0);
@@ -149,7 +149,7 @@ uint32_t ip(unsigned a, unsigned b, unsigned c, unsigned d) { return (a << 24) |
 
 uint32_t prefix(unsigned bits) { return bits == 0 ? 0 : ~0u << (32 - bits); }
 
-TEST(AddressValidity, RulesInTheirOrder) {
+TEST(AddressValidity, KeptNetworkAndBroadcastToldByTheLastOctet) {
     struct Case {
         uint32_t addr;
         uint32_t mask;
