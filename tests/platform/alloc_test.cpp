@@ -1,6 +1,6 @@
 // The request path allocates no heap memory: malloc and friends are counted while exchanges run
 // between a client thread and a serving endpoint of the same process.
-#include "alloc_hook.h"
+#include "faults.h"
 #include "helpers.h"
 
 #include <cstring>

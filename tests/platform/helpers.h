@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "mgmt/platform/platform.h"
+#include "served.h"
 
 namespace plat_test {
 
@@ -54,30 +55,7 @@ inline long long elapsed_ms(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();
 }
 
-// An endpoint served on a thread of its own while the object lives.
-class Server {
-  public:
-    Server(uint32_t app, uint32_t inst, void *ctx, std::initializer_list<std::pair<uint16_t, ipc_handler_fn>> hs) {
-        ep_ = ipc_endpoint_open(app, inst, ctx);
-        if (!ep_) return;
-        for (auto &[msg, fn] : hs)
-            ipc_endpoint_handler(ep_, msg, fn);
-        thread_ = std::thread([this] { ipc_endpoint_serve(ep_); });
-    }
-    ~Server() {
-        if (!ep_) return;
-        ipc_endpoint_stop(ep_);
-        thread_.join();
-        ipc_endpoint_close(ep_);
-    }
-    Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
-    bool ok() const { return ep_ != nullptr; }
-
-  private:
-    ipc_endpoint_t *ep_ = nullptr;
-    std::thread thread_;
-};
+using Server = mgmt_test::ServedEndpoint;
 
 // Runs fn on a new thread and waits for it.
 template <class F> void on_thread(F fn) {
