@@ -1,5 +1,6 @@
 // The platform IPC between threads of one process: identities, exchanges, time-outs, daemons.
 #include "helpers.h"
+#include "mgi/wire.h"
 
 #include <atomic>
 #include <cerrno>
@@ -52,11 +53,10 @@ struct Gate {
 void record(void *ipc, void *head, void *payload, uint32_t len) {
     auto *peer = static_cast<ipc_peer_t *>(ipc);
     auto *seen = static_cast<Seen *>(peer->ctx);
-    auto *h = static_cast<const uint8_t *>(head);
     std::lock_guard<std::mutex> l(seen->mu);
     seen->payloads.emplace_back(static_cast<char *>(payload), len);
     seen->peers.push_back(*peer);
-    seen->msgs.push_back(uint16_t(h[4] << 8 | h[5])); // big-endian at byte 4
+    seen->msgs.push_back(mgmt::get_be16(static_cast<const ipc_frame_t *>(head)->msg_be));
     seen->count++;
     seen->cv.notify_all();
 }
