@@ -90,7 +90,7 @@ struct SrcCase {
     const char *what;
 };
 
-TEST_F(Exchange, SourceOfRequestOnBothRoads) {
+TEST_F(Exchange, KeptDirectRoadSourceIgnoresModesAndInfoFrom) {
     TestPeer mgd(MGD_APPID), app(kApp);
     ASSERT_TRUE(mgd.ok() && app.ok());
     mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{final_msg()}; });
@@ -202,7 +202,7 @@ TEST_F(Exchange, ThroughMgdHandsEveryRecordOfPartialAndFinalAnswers) {
     EXPECT_EQ(g_seen, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
 }
 
-TEST_F(Exchange, ThroughMgdCallbackFailureStopsLaterMessagesButNotTheResult) {
+TEST_F(Exchange, KeptCallbackFailureStopsLaterMessagesButNotTheResult) {
     TestPeer mgd(MGD_APPID);
     mgd.handle(MGI_IPC_MSG, [](const Received &) {
         return std::vector<Answer>{final_msg(MGI_RSP_PARTIAL, records({1, 2, 3}, 4)),

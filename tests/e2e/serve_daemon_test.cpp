@@ -172,7 +172,7 @@ TEST_F(ServeDaemon, ExecAndItsErrorWithPrivateCode) {
     EXPECT_EQ(g_answers.err[1].size(), 16 + 32u); // the text padded to a multiple of 8
 }
 
-TEST_F(ServeDaemon, ErrorRoads) {
+TEST_F(ServeDaemon, KeptUnknownPathPrintsTheMinus101LineAndErrorRoads) {
     // An unknown path: no handler runs, the answer has no error segment and type 0. The daemon's
     // own start-up lines may come in after the bind that the test waited for: only the tail counts.
     LastResponse unknown = ask(final_get_aaa_dynamic_cap); // served by nobody's entity

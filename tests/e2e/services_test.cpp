@@ -118,7 +118,7 @@ TEST(Transactions, RollbackAndFarSideRefusals) {
     EXPECT_STREQ(rb.trans_user, "");
 }
 
-TEST(Transactions, ManagerAbsentPassesTheIpcResultOnExceptForRelease) {
+TEST(Transactions, KeptReleaseReducesAFailedIpcToMinusOne) {
     ConsoleCapture cap;
     run_as(5, [&] {
         set_mgi_transaction_id(9);
@@ -149,7 +149,7 @@ TEST(Transactions, SourceCodeByOwnApplication) {
     EXPECT_EQ(set_trans_src(nullptr), -1);
 }
 
-TEST(Queries, StateDebugPlatformAndFeatureWords) {
+TEST(Queries, KeptOnlyStatusMinusOneFailsTheStateAndDebugWords) {
     TestPeer mgd(MGD_APPID), app(40);
     int32_t status = 0;
     mgd.handle(MGD_MSG_TRANSACTION_STATE, [&](const Received &) { return std::vector<Answer>{reply_words({77}, status)}; });
@@ -252,7 +252,7 @@ TEST(Queries, ConfigurationLockAndChangeStatus) {
     EXPECT_EQ(ask, 16);
 }
 
-TEST(Queries, DefaultValueCopiesUnlessStatusIsExactlyMinusOne) {
+TEST(Queries, KeptDefaultValueCopiesUnlessStatusIsExactlyMinusOne) {
     TestPeer mgd(MGD_APPID);
     int32_t status = -2;
     mgd.handle(MGD_MSG_OBJECT_DEFAULT_VALUE, [&](const Received &) {
