@@ -218,7 +218,7 @@ TEST(Queries, FailuresAndTheirTexts) {
                           "malloc ipc buf failed\n");
 }
 
-TEST(Queries, ConfigurationLockAndChangeStatus) {
+TEST(Queries, KeptChangeStatusLiesInTheStatusAloneAndTheLockWords) {
     TestPeer mgd(MGD_APPID);
     uint16_t first = 0, second = 0;
     int32_t status = 0;
@@ -228,7 +228,8 @@ TEST(Queries, ConfigurationLockAndChangeStatus) {
         std::memcpy(b.data() + 2, &second, 2);
         return std::vector<Answer>{{b, status, true}};
     });
-    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) { return std::vector<Answer>{{Bytes(2), status, true}}; });
+    // Reply bytes that say otherwise are not read.
+    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) { return std::vector<Answer>{{Bytes(2, 0xff), status, true}}; });
     run_as(5, [&] {
         int locked = -1;
         const std::tuple<uint16_t, uint16_t, int> cases[] = {{0, 7, 1}, {1, 0, 1}, {2, 0, 0}, {0, 0, 0}};

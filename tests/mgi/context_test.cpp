@@ -181,7 +181,7 @@ TEST(ThreadError, FormatsAndWarnsOnEmptyText) {
     EXPECT_EQ(std::strlen(mgi_get_global_err_msg()), 299u);
 }
 
-TEST(Pairs, ThreadPairLifecycle) {
+TEST(Pairs, KeptOnlyInitMakesTheThreadPairAndPlainFormsTakeItAsItStands) {
     std::thread([] {
         thread_free_mgi(); // no pair yet: nothing happens
         EXPECT_EQ(global_mgi_buf, nullptr);
