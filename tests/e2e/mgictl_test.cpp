@@ -145,6 +145,9 @@ TEST_F(Mgictl, CommandLinesBetweenRealProcesses) {
         std::string log = mgd_->output().substr(logged);
         EXPECT_EQ(r.code, row.code) << cmd << "\n" << r.out << r.err;
         EXPECT_NE(r.out.find(row.out), std::string::npos) << cmd << "\n" << r.out;
+        if (row.args[0] == "set") {
+            EXPECT_EQ(r.out, "") << cmd << ": a set prints nothing";
+        }
         EXPECT_NE(r.err.find(row.err), std::string::npos) << cmd << "\n" << r.err;
         EXPECT_NE(log.find(row.logged), std::string::npos) << cmd << "\n" << log;
         if (row.code == 1) {

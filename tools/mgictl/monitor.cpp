@@ -86,6 +86,14 @@ std::string mgi_text(const uint8_t *p, uint32_t n, bool verbose) {
     std::string o = " type " + std::to_string(type) + (tn ? std::string(" (") + tn + ")" : "") + " " +
                     (depth ? path_text(words, depth) : "-") + " " + (obj ? obj->name : "?");
     std::string lines;
+    if (verbose) {
+        // The header's other number fields that are set, by name.
+        std::string set;
+        for (const mgmt::HdrField &f : hdr::numbers)
+            if (f.off != MGI_OFF_TYPE && f.off != MGI_OFF_LEN && f.off != MGI_OFF_NEXTSEG && get_field(p, f))
+                set += std::string(" ") + f.name + "=" + std::to_string(get_field(p, f));
+        if (!set.empty()) lines += "      header" + set + "\n";
+    }
     auto records = [&](const uint8_t *body, uint32_t size) {
         if (!obj || !verbose) return;
         for (uint32_t at = 0; obj->entity_len && at + obj->entity_len <= size; at += obj->entity_len) {

@@ -269,7 +269,11 @@ int verb_request(const std::string &verb, const std::vector<std::string> &args, 
                      obj->name, app_text(peer).c_str(), answer, console.empty() ? "" : ": ", trimmed(console).c_str());
         status = kRefused;
     }
-    if (status == kOk && (verb == "get" || !got.data.empty())) print_records(obj, got.data, o.json, verb.c_str());
+    // A set shows what the answer holds only when it holds records: an owner's answer relayed by
+    // mgd may come as segments, which are no records of the object.
+    const bool records = verb != "set" || buf->rbuf[MGI_OFF_NEXTSEG] < MGI_SEG_FIRST;
+    if (status == kOk && (verb == "get" || (!got.data.empty() && records)))
+        print_records(obj, got.data, o.json, verb.c_str());
     thread_free_mgi();
     return status;
 }
