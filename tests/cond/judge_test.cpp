@@ -120,7 +120,7 @@ std::string s(const char *p) { return p ? p : "(null)"; }
 // The collecting step starts over at the text's start for every word, so it
 // ends only at one of its limits: 32 copies of the first word, or four
 // connectors when the first word is one.
-TEST(PostJudgeParse, CollectingEndsOnlyAtALimit) {
+TEST(PostJudgeParse, KeptEveryStepRestartsAtTheFirstWordSoOnlyALimitEnds) {
     const struct {
         const char *text;
         int rc;

@@ -77,7 +77,7 @@ template <class T> std::string raw(T v) {
 }
 
 // Two stored values per row, each in a zeroed 16-byte slot: equality, and "less" both ways.
-TEST(Compare, ByType) {
+TEST(Compare, KeptMacEqualByStrcmpLessBySixBytesAndTheOtherTypes) {
     const std::string mac_a("\x00\x11\x00\x33\x44\x55", 6), mac_b("\x00\x11\x00\x99\x99\x99", 6);
     const struct {
         uint32_t type;

@@ -79,7 +79,7 @@ TEST(Sorter, MatchesStableSortAndKeepsWritingOrderOfTies) {
     EXPECT_EQ(got, want);
 }
 
-TEST(Sorter, DescendingReversesAndTieRuleOfTypesWithoutTies) {
+TEST(Sorter, KeptTypesAnsweringOneOrMinusOneNeverTieAndDescendingReverses) {
     Rec a{0, 5}, b{1, 5}, c{2, 9};
     // Type 1 reports ties: equal keys keep their order of writing in both directions.
     // Type 2 never reports a tie: descending puts the later written of two equal keys first.
