@@ -292,7 +292,7 @@ MGMT_API int recv_app_rqt_mgi(void *rqt, void *rsp, mgiInfo *info) {
     prefix_encode_app_rsp_hdr(rqt, rsp, info);
 
     uint8_t type = info->rqt_nextseg;
-    if (type > 128 && type != MGI_SEG_END) {
+    if (type > mgmt::kNextsegRecord && type != MGI_SEG_END) {
         // The chain ends at its 139 mark, or where a segment would pass the request buffer's end.
         const auto &extent = g_serving.rqt;
         auto *seg = static_cast<unsigned char *>(info->rqt_data);

@@ -272,7 +272,7 @@ MGMT_API int libmgmt_serve_mgi_buf(mgiBuf *buf) {
     if (!buf || !buf->sbuf || !buf->rbuf) return -1;
     unsigned char *h = buf->sbuf;
     uint16_t len = get_field(h, hdr::len);
-    if (len == 0 && h[MGI_OFF_NEXTSEG] > 128 && h[MGI_OFF_NEXTSEG] != MGI_SEG_END && buf->sendseg_len != 0) {
+    if (len == 0 && h[MGI_OFF_NEXTSEG] > mgmt::kNextsegRecord && h[MGI_OFF_NEXTSEG] != MGI_SEG_END && buf->sendseg_len != 0) {
         len = static_cast<uint16_t>(buf->sendseg_len);
         put_field(h, hdr::len, len);
     }

@@ -43,6 +43,10 @@ inline const unsigned char *seg_body(const unsigned char *head) { return head + 
 // The head right behind this segment's body.
 inline unsigned char *seg_after(unsigned char *head) { return seg_body(head) + seg_len(head); }
 
+// The header's next-segment byte: below 128 the body is one record (the road through MGD), above it
+// the type of the first segment of a chain.
+inline constexpr uint8_t kNextsegRecord = 128;
+
 // The 312-byte header a field at a time: where each field lies and how wide it is, taken from the
 // mgiHdr record (the MGI_OFF_* names give the same offsets). Fields of 2 and 4 bytes hold big-endian
 // numbers; the wider ones hold texts or runs of bytes.

@@ -183,7 +183,7 @@ int Manager::on_mgi(ipc_peer_t *peer, const uint8_t *msg, uint32_t len, int32_t 
     std::copy(t.begin(), t.end(), target);
     uint32_t owner = owner_of(target);
     uint8_t type = msg[MGI_OFF_TYPE];
-    bool through_mgd = msg[MGI_OFF_NEXTSEG] < 128 && get_field(msg, hdr::offset) == MGI_NO_MORE;
+    bool through_mgd = msg[MGI_OFF_NEXTSEG] < mgmt::kNextsegRecord && get_field(msg, hdr::offset) == MGI_NO_MORE;
     if (owner == MGD_APPID && type != MGI_RQT_MGD_GET) {
         log(Level::info, "%s %s (%s) type %u from app%u: served here", through_mgd ? "set" : "get", object_name(t),
             path_text(t).c_str(), type, peer->appid);

@@ -103,7 +103,7 @@ std::string mgi_text(const uint8_t *p, uint32_t n, bool verbose) {
             lines += "\n";
         }
     };
-    if (first < 128) {
+    if (first < mgmt::kNextsegRecord) {
         o += " record " + std::to_string(len) + " bytes";
         records(p + MGI_HDR_LEN, std::min(len, n - MGI_HDR_LEN));
     } else if (first == MGI_SEG_END || len == 0) {

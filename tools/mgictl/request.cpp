@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fnmatch.h>
 
+#include "mgi/wire.h"
 #include "mgictl.h"
 #include "mgmt/mgi_app.h"
 #include "mgmt/objects.h"
@@ -271,7 +272,7 @@ int verb_request(const std::string &verb, const std::vector<std::string> &args, 
     }
     // A set shows what the answer holds only when it holds records: an owner's answer relayed by
     // mgd may come as segments, which are no records of the object.
-    const bool records = verb != "set" || buf->rbuf[MGI_OFF_NEXTSEG] < MGI_SEG_FIRST;
+    const bool records = verb != "set" || buf->rbuf[MGI_OFF_NEXTSEG] < mgmt::kNextsegRecord;
     if (status == kOk && (verb == "get" || (!got.data.empty() && records)))
         print_records(obj, got.data, o.json, verb.c_str());
     thread_free_mgi();
