@@ -177,22 +177,22 @@ MGMT_API int record_segment_info(mgiInfo *info, uint8_t type, void *segment) {
     case MGI_SEG_CONDITION:
         info->condition = body;
         info->condition_len = get_be16(s + 2);
-        info->condition_subtype = get_be32(s + 4);
+        info->condition_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_COOKIE:
         info->cookie = body;
         info->cookie_len = get_be16(s + 2);
-        info->cookie_subtype = get_be32(s + 4);
+        info->cookie_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_RULEDATA:
         info->mgidata = body;
         info->mgidata_len = get_be16(s + 2);
-        info->mgidata_subtype = get_be32(s + 4);
+        info->mgidata_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_UDCDATA:
         info->udcdata = body;
         info->udcdata_len = get_be16(s + 2);
-        info->udcdata_subtype = get_be32(s + 4);
+        info->udcdata_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_QUERYDATA:
         info->querydata = body;

@@ -195,12 +195,12 @@ MGMT_API uint32_t append_rsp_segment_with_string(mgiInfo *info, uint8_t type, co
 }
 
 MGMT_API void set_subtype_after_appendseg(mgiInfo *info, uint32_t subtype) {
-    if (rsp_fits(info, info->rsp_hdr_segment, MGI_SEGHDR_LEN)) put_be32(info->rsp_hdr_segment + 4, subtype);
+    if (rsp_fits(info, info->rsp_hdr_segment, MGI_SEGHDR_LEN)) mgmt::set_seg_subtype(info->rsp_hdr_segment, subtype);
 }
 
 MGMT_API void set_subtype_before_appendseg(mgiInfo *info, uint32_t subtype) {
     unsigned char *head = info->rsp_data + info->rsp_seg_used;
-    if (rsp_fits(info, head, MGI_SEGHDR_LEN)) put_be32(head + 4, subtype);
+    if (rsp_fits(info, head, MGI_SEGHDR_LEN)) mgmt::set_seg_subtype(head, subtype);
 }
 
 MGMT_API void set_rsplen(mgiInfo *info, uint16_t length) { info->rsp_len = length; }

@@ -123,7 +123,7 @@ MGMT_API int append_rqt_segment(uint8_t type, void *data, uint16_t len) {
 
 MGMT_API void set_sendseg_subtype_r(mgiBuf *buf, uint32_t subtype) {
     if (!buf || !buf->sendseg || buf->sendseg + MGI_SEGHDR_LEN > buf->sbuf + MGI_MAX_LEN) return;
-    put_be32(buf->sendseg + 4, subtype);
+    set_seg_subtype(buf->sendseg, subtype);
 }
 MGMT_API void set_sendseg_subtype(uint32_t subtype) { set_sendseg_subtype_r(global_mgi_buf, subtype); }
 

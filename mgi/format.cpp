@@ -48,8 +48,8 @@ MGMT_API uint16_t append_segment(unsigned char *link, unsigned char *head, uint8
     *link = type;
     head[0] = MGI_SEG_END;
     head[1] = type;
-    put_be16(head + 2, len);
-    if (data != head + MGI_SEGHDR_LEN && len != 0 && data) std::memmove(head + MGI_SEGHDR_LEN, data, len);
+    set_seg_len(head, len);
+    if (data != seg_body(head) && len != 0 && data) std::memmove(seg_body(head), data, len);
     return len;
 }
 
@@ -57,7 +57,7 @@ MGMT_API uint16_t append_segment_with_string(unsigned char *link, unsigned char 
                                              const char *text) {
     size_t n = std::strlen(text) + 1;
     size_t padded = pad8(n);
-    unsigned char *body = head + MGI_SEGHDR_LEN;
+    unsigned char *body = seg_body(head);
     if (reinterpret_cast<const unsigned char *>(text) != body) {
         std::memmove(body, text, n);
         std::memset(body + n, 0, padded - n);

@@ -59,7 +59,7 @@ MGMT_API int find_roundtrip_segment_r(mgiBuf *buf, uint8_t type, void **body, ui
             uint16_t seglen = seg_len(head);
             buf->recvseg_link = head;
             remaining = static_cast<uint16_t>(remaining - (MGI_SEGHDR_LEN + seglen));
-            buf->recvseg = head + MGI_SEGHDR_LEN + seglen;
+            buf->recvseg = seg_after(head);
             uint8_t next = head[0];
             if (next == MGI_SEG_END || !in_chain_range(next) || remaining == 0) return -1;
             if (next == type) break;
@@ -67,7 +67,7 @@ MGMT_API int find_roundtrip_segment_r(mgiBuf *buf, uint8_t type, void **body, ui
     }
     unsigned char *head = buf->recvseg;
     if (!segment_inside(buf, head)) return -1;
-    if (body) *body = head + MGI_SEGHDR_LEN;
+    if (body) *body = seg_body(head);
     if (len) *len = seg_len(head);
     return 0;
 }
@@ -129,7 +129,7 @@ MGMT_API int record_rsp_seg_r(mgiBuf *buf, void **data, uint32_t *data_len, void
         unsigned char *head = buf->recvseg;
         if (!segment_inside(buf, head)) break;
         uint16_t seglen = seg_len(head);
-        unsigned char *body = head + MGI_SEGHDR_LEN;
+        unsigned char *body = seg_body(head);
         bool counted = true;
         switch (type) {
         case MGI_SEG_COOKIE: *cookie = body, *cookie_len = seglen; break;

@@ -38,6 +38,9 @@ inline constexpr size_t pad8(size_t n) { return (n + 7) & ~size_t{7}; }
 // A segment head: [0] the type of the next segment, [1] its own type, [2..3] the body's length
 // (big-endian), [4..7] a subtype word; the body follows the head.
 inline uint16_t seg_len(const unsigned char *head) { return get_be16(head + 2); }
+inline void set_seg_len(unsigned char *head, uint16_t len) { put_be16(head + 2, len); }
+inline uint32_t seg_subtype(const unsigned char *head) { return get_be32(head + 4); }
+inline void set_seg_subtype(unsigned char *head, uint32_t subtype) { put_be32(head + 4, subtype); }
 inline unsigned char *seg_body(unsigned char *head) { return head + MGI_SEGHDR_LEN; }
 inline const unsigned char *seg_body(const unsigned char *head) { return head + MGI_SEGHDR_LEN; }
 // The head right behind this segment's body.

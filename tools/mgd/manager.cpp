@@ -155,7 +155,7 @@ void Manager::answer_error(ipc_peer_t *peer, const uint8_t *request, uint32_t le
     std::memcpy(out, request, std::min<uint32_t>(len, MGI_HDR_LEN));
     out[MGI_OFF_TYPE] = MGI_RSP_ERROR;
     uint8_t *head = out + MGI_HDR_LEN;
-    uint8_t *body = head + MGI_SEGHDR_LEN;
+    uint8_t *body = mgmt::seg_body(head);
     int32_t words[4] = {code, 0, 0, 0};
     std::memcpy(body, words, kCodes);
     char text_copy[128] = {};

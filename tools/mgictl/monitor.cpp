@@ -124,7 +124,7 @@ std::string mgi_text(const uint8_t *p, uint32_t n, bool verbose) {
                 o += " error " + std::to_string(e.err_code) + "/" + std::to_string(e.private_ecode) + " \"" + text + "\"";
             }
             if (verbose) {
-                lines += "      segment " + std::to_string(seg) + " subtype " + std::to_string(get_be32(p + at + 4)) +
+                lines += "      segment " + std::to_string(seg) + " subtype " + std::to_string(mgmt::seg_subtype(p + at)) +
                          ", " + std::to_string(size) + " bytes: " + hex(body, std::min<uint32_t>(size, 32)) +
                          (size > 32 ? "...\n" : "\n");
                 if (seg == MGI_SEG_RULEDATA || seg == MGI_SEG_UDCDATA || seg == MGI_SEG_ANSWER || seg == MGI_SEG_ANSWER2)
