@@ -14,9 +14,11 @@
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 __thread ipc_handle_t myipc = {0, 0, 0, -1};
@@ -44,11 +46,32 @@ struct Lock {
     ~Lock() { pthread_mutex_unlock(&g_lock); }
 };
 
+void unlink_owned(const Owned *o) {
+    unlink(o->path);
+    char pid_path[kPathMax + 8];
+    if (o->pid_file && pid_file_path(o->path, pid_path, sizeof pid_path) == 0) unlink(pid_path);
+}
+
 void unlink_all_at_exit() {
     Lock l;
     pid_t me = getpid();
     for (Owned *o = g_owned; o; o = o->next)
-        if (o->pid == me) unlink(o->path);
+        if (o->pid == me) unlink_owned(o);
+}
+
+/* Names the serving process beside the address sock_path, so that a requester can watch it end. */
+bool write_pid_file(const char *sock_path) {
+    char path[kPathMax + 8], tmp[kPathMax + 16], text[16];
+    if (pid_file_path(sock_path, path, sizeof path) != 0) return false;
+    snprintf(tmp, sizeof tmp, "%s.new", path);
+    int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    int n = snprintf(text, sizeof text, "%d\n", (int)getpid());
+    bool ok = write(fd, text, (size_t)n) == n;
+    close(fd);
+    if (ok && rename(tmp, path) == 0) return true;
+    unlink(tmp);
+    return false;
 }
 
 void install_hooks() { // under g_lock
@@ -136,17 +159,34 @@ uint32_t env_u32(const char *name, uint32_t dflt) {
     return *end ? dflt : (uint32_t)n;
 }
 
+/*
+ * A process that serves an address, watched through a descriptor that turns readable when it
+ * ends: the requester's wait ends then and not at its time-out.
+ */
+struct PeerWatch {
+    int pidfd = -1;
+    char path[kPathMax] = "";
+};
+constexpr int kPeerWatches = 4;
+
 /* The calling thread's IPC state. Its destructor closes the socket and unlinks its name. */
 struct ThreadSock {
     Owned own{};
     int fd = -1;
     unsigned dir_gen = 0, fork_gen = 0;
     uint32_t seq = 0;
+    uint32_t awaited = 0; // the sequence of the last request: replies to earlier ones are dropped
     int sndtimeo = -1;
     bool has_identity = false;
     uint32_t appid = 0, instance = 0;
+    PeerWatch watch[kPeerWatches];
+    unsigned next_watch = 0;
 
     void close_fd() {
+        for (PeerWatch &w : watch) {
+            if (w.pidfd >= 0) close(w.pidfd);
+            w = PeerWatch{};
+        }
         if (fd < 0) return;
         close(fd);
         fd = -1;
@@ -155,6 +195,44 @@ struct ThreadSock {
     }
     ~ThreadSock() { close_fd(); }
 };
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) > 0 && (p.revents & (POLLIN | POLLHUP));
+}
+
+/*
+ * The descriptor that turns readable when the process serving sock_path ends, -1 when it is not
+ * known (no file names it, or it ended before the request went out).
+ */
+int peer_watch(ThreadSock &ts, const char *sock_path) {
+    PeerWatch *w = nullptr;
+    for (PeerWatch &c : ts.watch)
+        if (c.pidfd >= 0 && strcmp(c.path, sock_path) == 0) w = &c;
+    if (w && !readable(w->pidfd)) return w->pidfd;
+    if (!w) w = &ts.watch[ts.next_watch++ % kPeerWatches];
+    if (w->pidfd >= 0) close(w->pidfd); // ended, or the slot is taken over
+    *w = PeerWatch{};
+    char path[kPathMax + 8], text[16] = "";
+    if (pid_file_path(sock_path, path, sizeof path) != 0) return -1;
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    ssize_t n = read(fd, text, sizeof text - 1);
+    close(fd);
+    long pid = n > 0 ? strtol(text, nullptr, 10) : 0;
+    if (pid <= 0) return -1;
+    w->pidfd = (int)syscall(SYS_pidfd_open, (pid_t)pid, 0);
+    if (w->pidfd < 0 || readable(w->pidfd)) return -1;
+    strcpy(w->path, sock_path);
+    return w->pidfd;
+}
+
+/* Throws away what still waits on the thread's socket: answers to requests given up on. */
+void discard_waiting(int fd) {
+    char byte;
+    while (recv(fd, &byte, 1, MSG_DONTWAIT | MSG_TRUNC) >= 0 || errno == EINTR) {
+    }
+}
 thread_local ThreadSock t_sock;
 
 uint32_t next_seq(ThreadSock &ts) {
@@ -194,9 +272,14 @@ int default_timeout_ms() {
     return v > 0 && v <= 0x7fffffff ? (int)v : kDefaultTimeoutMs;
 }
 
+int pid_file_path(const char *sock_path, char *out, size_t size) {
+    int n = snprintf(out, size, "%s.pid", sock_path);
+    return n > 0 && (size_t)n < size ? 0 : -ENAMETOOLONG;
+}
+
 void disown(Owned *o) {
     Lock l;
-    if (o->pid == getpid()) unlink(o->path);
+    if (o->pid == getpid()) unlink_owned(o);
     if (o->prev) o->prev->next = o->next;
     else if (g_owned == o) g_owned = o->next;
     if (o->next) o->next->prev = o->prev;
@@ -232,6 +315,7 @@ int open_bound(const char *name, bool check_live, Owned *own) {
             install_hooks();
             own->pid = getpid();
             strcpy(own->path, sa.sun_path);
+            own->pid_file = check_live && write_pid_file(sa.sun_path);
             own->prev = nullptr;
             own->next = g_owned;
             if (g_owned) g_owned->prev = own;
@@ -302,8 +386,9 @@ int send_frame(int fd, const sockaddr_un *sa, socklen_t salen, uint16_t msg, uin
     return rc;
 }
 
-int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms) {
+int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms, int gone_fd) {
     long long deadline = timeout_ms > 0 ? now_ms() + timeout_ms : 0;
+    bool gone = false;
     for (;;) {
         iovec iov[2] = {{fr, sizeof *fr}, {buf, buf ? cap : 0}};
         sockaddr_un from;
@@ -322,6 +407,7 @@ int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t ca
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN) return -errno;
+            if (gone) return -ECONNRESET; // and nothing came before it ended
             if (timeout_ms == 0) return -EAGAIN;
             int wait = -1;
             if (timeout_ms > 0) {
@@ -329,8 +415,9 @@ int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t ca
                 if (left <= 0) return -ETIMEDOUT;
                 wait = (int)left;
             }
-            pollfd p{fd, POLLIN, 0};
-            if (poll(&p, 1, wait) < 0 && errno != EINTR) return -errno;
+            pollfd p[2] = {{fd, POLLIN, 0}, {gone_fd, POLLIN, 0}};
+            if (poll(p, gone_fd >= 0 ? 2 : 1, wait) < 0 && errno != EINTR) return -errno;
+            gone = gone_fd >= 0 && (p[1].revents & POLLIN);
             continue;
         }
         const ucred *cred = nullptr;
@@ -440,8 +527,13 @@ void ipcmsg_free(void *msg) { free(msg); }
 
 namespace {
 
+/*
+ * Sends from the thread's socket. A request (seq given) gets the next sequence and becomes the one
+ * whose replies the thread takes: whatever still waits from earlier requests is thrown away. With
+ * gone_fd, the descriptor that watches the destination's process (or -1).
+ */
 int client_send(uint32_t dst, uint32_t inst, uint16_t msg, const void *buf, uint32_t len, uint8_t kind,
-                uint32_t *seq, int timeout_ms) {
+                uint32_t *seq, int timeout_ms, int *gone_fd = nullptr) {
     ipc_handle_t *me = ipc_self();
     if (!me) return errno ? -errno : -EIO;
     sockaddr_un sa;
@@ -450,7 +542,11 @@ int client_send(uint32_t dst, uint32_t inst, uint16_t msg, const void *buf, uint
     int rc = dst_addr(dst, inst, &sa, &salen, &to);
     if (rc < 0) return rc;
     ThreadSock &ts = t_sock;
-    if (seq) *seq = next_seq(ts);
+    if (seq) {
+        discard_waiting(me->fd);
+        *seq = ts.awaited = next_seq(ts);
+    }
+    if (gone_fd) *gone_fd = peer_watch(ts, sa.sun_path);
     set_send_timeout(me->fd, timeout_ms > 0 ? timeout_ms : default_timeout_ms(), &ts.sndtimeo);
     return send_frame(me->fd, &sa, salen, msg, kind, seq ? *seq : 0, 0, src_of(me), to, buf, len);
 }
@@ -476,7 +572,12 @@ int ipcmsg_recv_sync(ipc_peer_t *peer, void *buf, uint32_t *len, int block) {
     ipc_handle_t *me = ipc_self();
     if (!me) return errno ? -errno : -EIO;
     ipc_frame_t fr;
+    const uint32_t awaited = t_sock.awaited;
     int n = recv_frame(me->fd, &fr, peer, buf, len ? *len : 0, block ? default_timeout_ms() : 0);
+    // A reply to a request the thread gave up on is dropped; only what already waits behind it is
+    // looked at, so a drop reads as a failed receive.
+    while (n >= 0 && fr.kind == IPC_KIND_REPLY && awaited && fr.seq != awaited)
+        n = recv_frame(me->fd, &fr, peer, buf, len ? *len : 0, 0);
     if (n < 0) return n;
     if (len) *len = (uint32_t)n;
     return 0;
@@ -486,14 +587,15 @@ int ipcmsg_send_and_recv(uint32_t dst, uint32_t inst, uint16_t msg_id, void *sbu
                          void *rbuf, uint32_t *rlen, int timeout_ms) {
     int timeout = timeout_ms > 0 ? timeout_ms : default_timeout_ms();
     uint32_t seq;
-    int rc = client_send(dst, inst, msg_id, sbuf, slen, IPC_KIND_REQUEST, &seq, timeout);
+    int gone_fd = -1;
+    int rc = client_send(dst, inst, msg_id, sbuf, slen, IPC_KIND_REQUEST, &seq, timeout, &gone_fd);
     if (rc < 0) return rc;
     long long deadline = now_ms() + timeout;
     uint32_t cap = rlen ? *rlen : 0;
     for (;;) {
         long long left = deadline - now_ms();
         ipc_frame_t fr;
-        int n = recv_frame(myipc.fd, &fr, nullptr, rbuf, cap, left > 0 ? (int)left : 0);
+        int n = recv_frame(myipc.fd, &fr, nullptr, rbuf, cap, left > 0 ? (int)left : 0, gone_fd);
         if (n == -EAGAIN) return -ETIMEDOUT;
         if (n < 0) return n;
         if (fr.kind != IPC_KIND_REPLY || fr.seq != seq) continue; // stale: an answer to an earlier request

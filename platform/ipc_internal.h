@@ -27,6 +27,7 @@ int default_timeout_ms();
 struct Owned {
     Owned *prev, *next;
     pid_t pid;
+    bool pid_file; // a file naming the serving process stands beside the address
     char path[sizeof(sockaddr_un::sun_path)];
 };
 /* Drops the name from the exit list; unlinks the file when this process made it. */
@@ -95,9 +96,15 @@ void monitor_copy(const ipc_frame_t &fr, const void *buf, uint32_t len, Src dst,
 /*
  * Receives one valid message (magic right, sender uid ours or 0; others are dropped). timeout_ms 0:
  * -EAGAIN at once when nothing waits; > 0: -ETIMEDOUT after it; < 0: no bound. Returns the payload
- * bytes stored in buf (at most cap; a longer message is cut) or -errno. peer may be null.
+ * bytes stored in buf (at most cap; a longer message is cut) or -errno. peer may be null. A gone_fd
+ * (>= 0) that turns readable while nothing waits ends the wait with -ECONNRESET: the descriptor of
+ * the process that was to answer, readable once it has ended.
  */
-int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms);
+int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms,
+               int gone_fd = -1);
+
+/* The file beside a bound address that names the process serving it (pid in decimal). */
+int pid_file_path(const char *sock_path, char *out, size_t size);
 
 /* Writes all n bytes to fd, going on after interruptions; stops quietly on an error. */
 void write_all(int fd, const char *p, size_t n);

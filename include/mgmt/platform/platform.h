@@ -167,7 +167,10 @@ PLATFORM_API void ipcmsg_free(void *msg);
 
 /* One-way send from the thread's socket. Negative on failure. */
 PLATFORM_API int ipcmsg_send(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len);
-/* Send a request; its replies arrive on myipc.fd. Negative on failure. */
+/*
+ * Send a request; its replies arrive on myipc.fd. It becomes the request whose replies the thread
+ * takes: what still waits on myipc.fd from earlier requests is thrown away first. Negative on failure.
+ */
 PLATFORM_API int ipcmsg_send_sync(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len);
 /* ipcmsg_send bounded by a time-out in milliseconds. */
 PLATFORM_API int ipcmsg_send_timeout(uint32_t dst, uint32_t inst, uint16_t msg_id, void *buf, uint32_t len,
@@ -177,6 +180,8 @@ PLATFORM_API int ipcmsg_send_timeout(uint32_t dst, uint32_t inst, uint16_t msg_i
  * entry and the bytes stored on return (a longer message is cut). With
  * block 0 it fails at once when nothing waits (-EAGAIN); with block 1 it waits up to the platform
  * default time-out (-ETIMEDOUT). 0 on success. peer, when given, gets the sender (ctx null).
+ * A reply to an earlier request than the thread's last (one it gave up on) is dropped: the call then
+ * takes what waits behind it, or fails with -EAGAIN, so a drop reads as a failed receive.
  */
 PLATFORM_API int ipcmsg_recv_sync(ipc_peer_t *peer, void *buf, uint32_t *len, int block);
 /*
@@ -184,7 +189,9 @@ PLATFORM_API int ipcmsg_recv_sync(ipc_peer_t *peer, void *buf, uint32_t *len, in
  * are dropped). time-out 0 means the platform default (30 s, or
  * MGMT_IPC_TIMEOUT_MS). *status gets the far side's result code; *rlen holds
  * the capacity on entry. 0 on success; negative on failure of the exchange (-ETIMEDOUT after the
- * time-out, when the far side never answers or is gone), *status and *rlen then untouched.
+ * time-out when the far side does not answer; -ECONNRESET as soon as the process serving the
+ * destination ends without answering; -ENOENT or -ECONNREFUSED at once when nobody serves it),
+ * *status and *rlen then untouched. A stopped but living far side costs the whole time-out.
  */
 PLATFORM_API int ipcmsg_send_and_recv(uint32_t dst, uint32_t inst, uint16_t msg_id, void *sbuf, uint32_t slen,
                                       int32_t *status, void *rbuf, uint32_t *rlen, int timeout_ms);
