@@ -196,10 +196,6 @@ struct ThreadSock {
     ~ThreadSock() { close_fd(); }
 };
 
-bool readable(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return poll(&p, 1, 0) > 0 && (p.revents & (POLLIN | POLLHUP));
-}
 
 /*
  * The descriptor that turns readable when the process serving sock_path ends, -1 when it is not
@@ -213,17 +209,8 @@ int peer_watch(ThreadSock &ts, const char *sock_path) {
     if (!w) w = &ts.watch[ts.next_watch++ % kPeerWatches];
     if (w->pidfd >= 0) close(w->pidfd); // ended, or the slot is taken over
     *w = PeerWatch{};
-    char path[kPathMax + 8], text[16] = "";
-    if (pid_file_path(sock_path, path, sizeof path) != 0) return -1;
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    ssize_t n = read(fd, text, sizeof text - 1);
-    close(fd);
-    long pid = n > 0 ? strtol(text, nullptr, 10) : 0;
-    if (pid <= 0) return -1;
-    w->pidfd = (int)syscall(SYS_pidfd_open, (pid_t)pid, 0);
-    if (w->pidfd < 0 || readable(w->pidfd)) return -1;
-    strcpy(w->path, sock_path);
+    w->pidfd = open_process_watch(sock_path);
+    if (w->pidfd >= 0) strcpy(w->path, sock_path);
     return w->pidfd;
 }
 
@@ -270,6 +257,28 @@ long long now_ms() {
 int default_timeout_ms() {
     uint32_t v = env_u32("MGMT_IPC_TIMEOUT_MS", kDefaultTimeoutMs);
     return v > 0 && v <= 0x7fffffff ? (int)v : kDefaultTimeoutMs;
+}
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) > 0 && (p.revents & (POLLIN | POLLHUP));
+}
+
+int open_process_watch(const char *sock_path) {
+    char path[kPathMax + 8], text[16] = "";
+    if (pid_file_path(sock_path, path, sizeof path) != 0) return -1;
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    ssize_t n = read(fd, text, sizeof text - 1);
+    close(fd);
+    long pid = n > 0 ? strtol(text, nullptr, 10) : 0;
+    if (pid <= 0) return -1;
+    int pidfd = (int)syscall(SYS_pidfd_open, (pid_t)pid, 0);
+    if (pidfd >= 0 && readable(pidfd)) {
+        close(pidfd);
+        return -1;
+    }
+    return pidfd;
 }
 
 int pid_file_path(const char *sock_path, char *out, size_t size) {

@@ -6,6 +6,7 @@
  * dispatching allocates nothing.
  */
 #include "ipc_internal.h"
+#include "mgmt/platform/device.h"
 
 #include <atomic>
 #include <cerrno>
@@ -72,6 +73,8 @@ ipc_endpoint *open_endpoint(uint32_t appid, uint32_t instance, void *ctx, ipc_ha
         return nullptr;
     }
     set_send_timeout(ep->fd, default_timeout_ms(), &ep->sndtimeo);
+    ipc_address_note_t note{ep->id.slot, appid, instance, (int32_t)getpid()};
+    ipcmsg_publish(IPC_CHANNEL_ADDRESS, &note, sizeof note); // whoever follows addresses hears of it
     return ep;
 }
 

@@ -105,6 +105,13 @@ int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t ca
 
 /* The file beside a bound address that names the process serving it (pid in decimal). */
 int pid_file_path(const char *sock_path, char *out, size_t size);
+/*
+ * A descriptor (pidfd, the caller's) that turns readable once the process serving the address
+ * sock_path ends; -1 when no file names one or it has ended already.
+ */
+int open_process_watch(const char *sock_path);
+/* Whether fd polls readable now. */
+bool readable(int fd);
 
 /* Writes all n bytes to fd, going on after interruptions; stops quietly on an error. */
 void write_all(int fd, const char *p, size_t n);

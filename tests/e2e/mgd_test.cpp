@@ -109,7 +109,7 @@ TEST_F(Manager, TransactionIsTakenUsedReleasedAndRolledBack) {
     ASSERT_TRUE(app->wait_for(1));
     EXPECT_NE(app->received()[0].bytes[MGI_OFF_TRANSACTION_ID], 0); // the id travels in byte 3
     std::string log = mgd->output();
-    EXPECT_NE(log.find("transaction take vsys 0 by \"other\" (app5): refused"), std::string::npos) << log;
+    EXPECT_NE(log.find("transaction take vsys 0 by \"other\" (app5 pid " + std::to_string(getpid()) + "): refused"), std::string::npos) << log;
     EXPECT_NE(log.find("transaction rollback vsys 0: refused, none open"), std::string::npos) << log;
 }
 

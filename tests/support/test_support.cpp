@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -256,9 +257,14 @@ Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args,
     std::string sock = std::string(dir) + "/s" + std::to_string(ipc_own_slot()) + ".a" + std::to_string(appid) + ".i0";
     // Everything the child needs is made before the fork: between fork and exec it
     // allocates nothing, since another thread may have held the allocator's lock.
+    // Each manager starts with a state of its own unless the test gives one (to see it kept).
+    std::vector<std::string> all = args;
+    static int managers = 0;
+    if (appid == MGD_APPID && std::find(args.begin(), args.end(), "--state-dir") == args.end())
+        all.insert(all.end(), {"--state-dir", std::string(dir) + "/mgd-state-" + std::to_string(++managers)});
     std::vector<char *> argv;
     argv.push_back(const_cast<char *>(path.c_str()));
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    for (const std::string &a : all) argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
     int out = open(log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     std::fflush(nullptr);

@@ -9,9 +9,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <getopt.h>
 #include <poll.h>
 #include <string>
+#include <sys/socket.h>
+#include <vector>
 
 #include "log.h"
 #include "manager.h"
@@ -20,6 +23,7 @@
 #include "mgmt/device.h"
 #include "mgmt/mgi.h"
 #include "mgmt/mgi_services.h"
+#include "mgmt/platform/device.h"
 #include "mgmt/platform/questions.h"
 
 namespace {
@@ -67,11 +71,24 @@ void usage() {
                 "answers gets of type 30 from its copy, holds transactions and locks, and logs the traps it\n"
                 "receives while no trap receiver (application 23) runs.\n"
                 "\n"
+                "What the owners accepted, the open transactions and the transaction id counter are kept in\n"
+                "DIR/mgd.db (SQLite), so that a restarted manager has them; an owner that registers again is\n"
+                "sent its accepted sets in their order. Sets wait for their owner in a queue of their own and\n"
+                "are relayed with a deadline of 5 s each; a set to a virtual system locked by a transaction\n"
+                "is refused unless it carries the holder's transaction id.\n"
+                "\n"
+                "  -s, --state-dir=DIR  keep the state in DIR (default: $MGMT_STATE_DIR, else the runtime\n"
+                "                       directory's name with .state added)\n"
                 "  -v, --verbose   log more (debug); MGMT_LOG_LEVEL=error|warning|info|debug sets the start\n"
                 "  -q, --quiet     log less (warnings and errors only; twice: errors only)\n"
                 "      --syslog    log to syslog (facility daemon) instead of standard output\n"
                 "  -h, --help      show this help and exit\n"
                 "  -V, --version   show the version and exit\n"
+                "\n"
+                "Error codes of its refusals: -1 malformed or unknown object, -110 the owner did not answer in\n"
+                "time, -104 the owner is not running or ended, -16 too many sets wait for the owner, -13 the\n"
+                "virtual system is locked by another's transaction (also the status of a transaction call\n"
+                "refused to anyone but the holder).\n"
                 "\n"
                 "It stops on SIGTERM or SIGINT. Exit status: 0 after a stop, 1 when it cannot serve, 2 for a\n"
                 "wrong command line.\n");
@@ -86,10 +103,13 @@ int main(int argc, char **argv) {
         return mgmt_cli::kUsageError;
     }
     bool to_syslog = false;
+    std::string state_dir;
+    if (const char *env = std::getenv("MGMT_STATE_DIR"); env && *env) state_dir = env;
     static const option options[] = {{"verbose", no_argument, nullptr, 'v'}, {"quiet", no_argument, nullptr, 'q'},
-                                     {"syslog", no_argument, nullptr, 's'},  {"help", no_argument, nullptr, 'h'},
+                                     {"syslog", no_argument, nullptr, 'S'},  {"help", no_argument, nullptr, 'h'},
+                                     {"state-dir", required_argument, nullptr, 's'},
                                      {"version", no_argument, nullptr, 'V'}, {nullptr, 0, nullptr, 0}};
-    for (int c; (c = getopt_long(argc, argv, "vqhV", options, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, "vqhVs:", options, nullptr)) != -1;) {
         switch (c) {
         case 'v':
             if (level < mgd::Level::debug) level = static_cast<mgd::Level>(static_cast<int>(level) + 1);
@@ -97,7 +117,8 @@ int main(int argc, char **argv) {
         case 'q':
             if (level > mgd::Level::error) level = static_cast<mgd::Level>(static_cast<int>(level) - 1);
             break;
-        case 's': to_syslog = true; break;
+        case 'S': to_syslog = true; break;
+        case 's': state_dir = optarg; break;
         case 'h': usage(); return 0;
         case 'V': return mgmt_cli::version("mgd");
         default: return mgmt_cli::usage_error("mgd");
@@ -112,8 +133,21 @@ int main(int argc, char **argv) {
     // Handlers and the further addresses come first: once the manager's own
     // address exists, everything it answers is in place.
     ipc_init(MGD_APPID, 0);
+    if (state_dir.empty()) {
+        const char *dir = ipc_runtime_dir();
+        if (!dir) {
+            std::fprintf(stderr, "mgd: cannot use the runtime directory %s: %s\n", ipc_runtime_dir_tried(),
+                         std::strerror(errno));
+            return 1;
+        }
+        state_dir = std::string(dir) + ".state";
+    }
     mgd::Manager manager;
-    manager.attach();
+    if (std::string why; !manager.start(state_dir, &why)) {
+        std::fprintf(stderr, "mgd: %s\n", why.c_str());
+        if (to_syslog) mgd::log(mgd::Level::error, "%s", why.c_str());
+        return 1;
+    }
     ipc_endpoint_t *mcp = open_management_slot(mgd::Manager::lock_handler());
     ipc_endpoint_t *traps = ipc_endpoint_open(VK_TRAP_APPID, 0, nullptr);
     if (traps) ipc_endpoint_handler(traps, VK_TRAP_MSG, on_trap);
@@ -130,21 +164,32 @@ int main(int argc, char **argv) {
     }
     mgd::log(mgd::Level::info, "serving in %s%s", ipc_runtime_dir(),
              traps ? "; traps to application 23 are logged here" : "");
+    manager.report();
 
-    struct pollfd fds[3] = {{ipc_daemon_fd(), POLLIN, 0},
-                            {mcp ? ipc_endpoint_fd(mcp) : -1, POLLIN, 0},
-                            {traps ? ipc_endpoint_fd(traps) : -1, POLLIN, 0}};
+    // Answers to front ends go out of the thread's socket outside a handler: a front end whose
+    // queue stays full holds the manager a second at most.
+    if (ipc_handle_t *me = ipc_self()) {
+        timeval tv{1, 0};
+        setsockopt(me->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    }
+    std::vector<pollfd> fds;
     while (!stop_requested) {
-        int n = poll(fds, 3, 200);
+        fds = {{ipc_daemon_fd(), POLLIN, 0},
+               {mcp ? ipc_endpoint_fd(mcp) : -1, POLLIN, 0},
+               {traps ? ipc_endpoint_fd(traps) : -1, POLLIN, 0}};
+        manager.poll_fds(&fds);
+        int wait = manager.wait_ms();
+        int n = poll(fds.data(), fds.size(), wait < 0 || wait > 200 ? 200 : wait);
         if (n < 0 && errno != EINTR) {
             mgd::log(mgd::Level::error, "poll: %s", mgd::errno_name(errno));
             break;
         }
-        if (n <= 0) continue;
-        if (fds[0].revents & POLLIN) ipc_dispatch_one(0);
-        if (mcp && (fds[1].revents & POLLIN)) ipc_endpoint_dispatch(mcp, 0);
-        if (traps && (fds[2].revents & POLLIN)) ipc_endpoint_dispatch(traps, 0);
+        if (n > 0 && (fds[0].revents & POLLIN)) ipc_dispatch_one(0);
+        if (n > 0 && mcp && (fds[1].revents & POLLIN)) ipc_endpoint_dispatch(mcp, 0);
+        if (n > 0 && traps && (fds[2].revents & POLLIN)) ipc_endpoint_dispatch(traps, 0);
+        manager.on_events(fds.data() + 3, n > 0 ? fds.size() - 3 : 0);
     }
+    ipc_unsubscribe(IPC_CHANNEL_ADDRESS, MGD_APPID, 0);
     if (mcp) ipc_endpoint_close(mcp);
     if (traps) ipc_endpoint_close(traps);
     mgd::log(mgd::Level::info, "stopped");

@@ -247,6 +247,44 @@ PLATFORM_API int ipc_endpoint_serve(ipc_endpoint_t *ep);
 PLATFORM_API void ipc_endpoint_stop(ipc_endpoint_t *ep);
 PLATFORM_API void ipc_endpoint_close(ipc_endpoint_t *ep);
 
+/*
+ * Requests from an event loop (for tools): a client has a socket of its own, which polls readable
+ * while replies wait; its sends never wait and its replies are taken with the sequence of their
+ * request. A client is used by one thread at a time. Sends carry the process identity.
+ */
+typedef struct ipc_client ipc_client_t;
+/* A new client, or null with errno. */
+PLATFORM_API ipc_client_t *ipc_client_open(void);
+/* The client's descriptor (-1 for null). */
+PLATFORM_API int ipc_client_fd(const ipc_client_t *c);
+/*
+ * Sends a request to dst; *seq (when given) gets its sequence. 0; -ENOENT or -ECONNREFUSED when
+ * nobody serves dst; -EAGAIN when its queue is full (at once, never waiting); other -errno.
+ */
+PLATFORM_API int ipc_client_send(ipc_client_t *c, uint32_t dst, uint16_t msg_id, const void *buf, uint32_t len,
+                                 uint32_t *seq);
+/* Takes the next reply without waiting: its payload bytes (cut at cap), *seq and *status; -EAGAIN when none waits. */
+PLATFORM_API int ipc_client_recv(ipc_client_t *c, uint32_t *seq, int32_t *status, void *buf, uint32_t cap);
+/*
+ * A descriptor that turns readable once the process serving dst ends, or -1 when that is not known.
+ * The client owns it (closed with the client); asked again after that process ended, it looks
+ * afresh for the one serving dst then.
+ */
+PLATFORM_API int ipc_client_watch(ipc_client_t *c, uint32_t dst);
+/* Closes the client and its watches (null: nothing). */
+PLATFORM_API void ipc_client_close(ipc_client_t *c);
+
+/*
+ * Address notes: each time a process binds an address with ipc_register or ipc_endpoint_open, the
+ * processes subscribed (ipc_subscribe) to this channel get one note as a one-way message whose
+ * number is the channel.
+ */
+#define IPC_CHANNEL_ADDRESS 0xfffeu
+typedef struct ipc_address_note {
+    uint32_t slot, appid, instance;
+    int32_t pid;
+} ipc_address_note_t;
+
 /* Closes the daemon socket and the thread's socket (a child before exec). */
 PLATFORM_API void ipc_close(void);
 
