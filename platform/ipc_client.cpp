@@ -36,7 +36,7 @@ ipc_client_t *ipc_client_open(void) {
         return nullptr;
     }
     char name[48];
-    snprintf(name, sizeof name, "c%d.%u", (int)getpid(), g_clients.fetch_add(1));
+    snprintf(name, sizeof name, "r%d.%u", (int)getpid(), g_clients.fetch_add(1));
     c->fd = open_bound(name, false, &c->own);
     if (c->fd < 0 || fcntl(c->fd, F_SETFL, O_NONBLOCK) != 0) {
         int err = c->fd < 0 ? -c->fd : errno;

@@ -280,9 +280,11 @@ Daemon::Daemon(const std::string &relpath, const std::vector<std::string> &args,
     if (out >= 0) close(out);
     if (pid_ < 0) return;
     pidfd_ = int(syscall(SYS_pidfd_open, pid_, 0));
+    // Bound by this child, not a file left by an earlier run: the file beside the address names it.
     auto bound = [&] {
-        struct stat st;
-        return stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+        std::ifstream named(sock + ".pid");
+        int pid = 0;
+        return named >> pid && pid == pid_;
     };
     ready_ = wait_until(bound, {dir}, 5000, pidfd_) && bound();
     if (!ready_ && pidfd_ >= 0 && child_gone(pidfd_, 0)) {

@@ -202,11 +202,12 @@ bool Manager::start(const std::string &state_dir, std::string *why) {
                   MGD_MSG_SYSTEM_DEBUG_STATE, MGD_MSG_OBJECT_DEFAULT_VALUE, MGD_MSG_CONFIG_LOCK_STATUS,
                   MGD_MSG_PRE_CONFIG_FEATURE, MGD_MSG_TRANSACTION_STATE, MGD_MSG_PLATFORM, MGMT_IMPORT_RQT_MSG})
         ipc_register_handler(uint16_t(m), simple_handler);
-    ipc_subscribe(IPC_CHANNEL_ADDRESS, MGD_APPID, 0);
     return true;
 }
 
 void Manager::report() {
+    // Addresses that appear from now on are told to the manager's own (bound) address.
+    ipc_subscribe(IPC_CHANNEL_ADDRESS, MGD_APPID, 0);
     log(Level::info, "state in %s: %zu accepted sets, %zu open transactions, next transaction id %u",
         store_.path().c_str(), loaded_sets_, transactions_.size(), next_id_);
     std::vector<uint16_t> ended;
@@ -336,6 +337,11 @@ void Manager::enqueue(uint32_t owner, Relay relay) {
     }
     relay.request = relay.set;
     relay.deadline = now_ms() + kRelayTimeoutMs;
+    if (relay.has_peer && log_enabled(Level::debug)) {
+        std::vector<uint32_t> t = target_of(relay.set.data());
+        log(Level::debug, "set %s (%s) from app%u waits for app%u behind %zu others", object_name(t),
+            path_text(t).c_str(), relay.peer.appid, owner, q.waiting.size());
+    }
     q.waiting.push_back(std::move(relay));
     send_next(owner);
 }
@@ -502,12 +508,13 @@ void Manager::on_address(const ipc_address_note_t &note) {
     std::vector<std::vector<uint8_t>> sets;
     store_.each_set(note.appid, [&](const std::vector<uint32_t> &, const std::vector<uint8_t> &m) { sets.push_back(m); });
     if (sets.empty()) return;
-    log(Level::info, "app%u (pid %d) registered: replaying its %zu accepted sets", note.appid, note.pid, sets.size());
     for (auto &m : sets) {
         Relay r;
         r.set = std::move(m);
         enqueue(note.appid, std::move(r));
     }
+    // Written once the first of them is on its way: what the owner is asked next comes after it.
+    log(Level::info, "app%u (pid %d) registered: replaying its %zu accepted sets", note.appid, note.pid, sets.size());
 }
 
 // A get answered from the manager's own copy: the last record accepted on that path.

@@ -73,7 +73,8 @@ class Manager {
     // Opens the state in dir, loads it and registers the handlers on the process endpoint
     // (application 2). False with why filled when it cannot.
     bool start(const std::string &state_dir, std::string *why);
-    // Logs what the state held at the start, and releases the transactions whose holders ended.
+    // Once the manager's address is bound: follows the addresses that appear, logs what the state
+    // held at the start, and releases the transactions whose holders ended.
     void report();
     // The handler of configuration locks, for a further address of the manager.
     static ipc_handler_fn lock_handler();
