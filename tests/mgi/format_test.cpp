@@ -10,108 +10,73 @@ using namespace mgmt_test;
 
 namespace {
 
-TEST(TargetList, HeaderConversionStopsAfterFirstZeroWord) {
-    uint8_t hdr[MGI_HDR_LEN] = {};
-    const uint32_t words[10] = {0x4f0001, 0x20401, 0x2041d, 0};
-    EXPECT_EQ(set_mgi_msg_hdr_target(hdr, words, 10), 3);
-    EXPECT_EQ(be32(hdr + 88), 0x4f0001u);
-    EXPECT_EQ(be32(hdr + 96), 0x2041du);
-    EXPECT_EQ(hdr[88], 0x00);
-    EXPECT_EQ(hdr[89], 0x4f);
-
-    uint32_t back[10];
-    std::memset(back, 0xAA, sizeof back);
-    EXPECT_EQ(get_mgi_msg_hdr_target(back, hdr), 3);
-    EXPECT_EQ(back[2], 0x2041du);
-    EXPECT_EQ(back[3], 0u);          // the terminator is stored too
-    EXPECT_EQ(back[4], 0xAAAAAAAAu); // and nothing after it
+// How many words the header takes, and what stands in the ten slots afterwards (0x55: untouched).
+TEST(TargetList, WordsTerminatorAndTheTenWordLimit) {
+    const struct {
+        std::vector<uint32_t> words; // filled up to 11 with zeros
+        int max, stored;
+        std::vector<uint32_t> field; // the ten slots as the header holds them afterwards
+    } cases[] = {
+        {{0x4f0001, 0x20401, 0x2041d}, 10, 3, {0x4f0001, 0x20401, 0x2041d, 0, 0x55555555}}, // the zero is stored too
+        {{1, 2, 3}, 2, 2, {1, 2, 0x55555555}},                                         // no terminator of its own
+        {{1, 2, 3}, 0, 1, {1, 0x55555555}},                                            // always one word
+        {{}, 0, 0, {0, 0x55555555}},
+        {{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10, 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}}, // no room for a terminator
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.stored);
+        uint8_t hdr[MGI_HDR_LEN];
+        std::memset(hdr, 0x55, sizeof hdr);
+        std::vector<uint32_t> words(c.words);
+        words.resize(11, 0);
+        EXPECT_EQ(set_mgi_msg_hdr_target(hdr, words.data(), c.max), c.stored);
+        for (size_t i = 0; i < c.field.size(); ++i) EXPECT_EQ(be32(hdr + 88 + 4 * i), c.field[i]) << i;
+        EXPECT_EQ(hdr[128], 0x55); // nextseg untouched
+        uint32_t back[10];
+        std::memset(back, 0xAA, sizeof back);
+        if (c.max == 10) {
+            EXPECT_EQ(get_mgi_msg_hdr_target(back, hdr), c.stored);
+            std::vector<uint32_t> want(c.field); // read back up to the terminator, nothing after it
+            for (auto &w : want) w = w == 0x55555555 ? 0xAAAAAAAA : w;
+            EXPECT_EQ(std::vector<uint32_t>(back, back + want.size()), want);
+        }
+        EXPECT_EQ(get_mgi_target_len(words.data()), int(c.words.size()) > 10 ? 11 : int(c.words.size()));
+    }
 }
 
-TEST(TargetList, TenWordsFillTheFieldWithoutTerminator) {
-    uint8_t hdr[MGI_HDR_LEN];
-    std::memset(hdr, 0x55, sizeof hdr);
-    uint32_t words[11];
-    for (uint32_t i = 0; i < 11; ++i) words[i] = 0x10000 + i + 1;
-    EXPECT_EQ(set_mgi_msg_hdr_target(hdr, words, 10), 10);
-    EXPECT_EQ(be32(hdr + 124), 0x1000au);
-    EXPECT_EQ(hdr[128], 0x55); // nextseg untouched
-    uint32_t back[10];
-    EXPECT_EQ(get_mgi_msg_hdr_target(back, hdr), 10);
-    EXPECT_EQ(back[9], 0x1000au);
-    EXPECT_EQ(get_mgi_target_len(words), 11); // gives up at 11
-}
-
-TEST(TargetList, StopAtMaxStoresNoTerminatorButAlwaysHandlesOneWord) {
-    uint8_t hdr[MGI_HDR_LEN];
-    std::memset(hdr, 0x77, sizeof hdr);
-    const uint32_t words[10] = {1, 2, 3, 0};
-    EXPECT_EQ(set_mgi_msg_hdr_target(hdr, words, 2), 2);
-    EXPECT_EQ(be32(hdr + 92), 2u);
-    EXPECT_EQ(be32(hdr + 96), 0x77777777u); // no terminator of its own
-    EXPECT_EQ(set_mgi_msg_hdr_target(hdr, words, 0), 1);
-    EXPECT_EQ(be32(hdr + 88), 1u);
-    const uint32_t empty[10] = {0};
-    EXPECT_EQ(set_mgi_msg_hdr_target(hdr, empty, 0), 0);
-    EXPECT_EQ(be32(hdr + 88), 0u);
-    EXPECT_EQ(get_mgi_target_len(words), 3);
-    EXPECT_EQ(get_mgi_target_len(empty), 0);
-}
-
-TEST(Segments, AppendWritesLinkHeadAndBody) {
+// Appending writes the link, the head and the body; a string body is padded to eight with NULs.
+TEST(Segments, AppendsLinkEachHeadAndStayInsideTheBuffer) {
     uint8_t buf[64];
     std::memset(buf, 0xEE, sizeof buf);
     uint8_t link = 0;
     const uint8_t body[3] = {1, 2, 3};
     append_segment(&link, buf, MGI_SEG_COOKIE, body, 3);
+    expect_fields(buf, {{0, 1, MGI_SEG_END}, {1, 1, MGI_SEG_COOKIE}, {2, 2, 3}, {4, 4, 0xEEEEEEEE}, {11, 1, 0xEE}});
     EXPECT_EQ(link, MGI_SEG_COOKIE);
-    EXPECT_EQ(buf[0], MGI_SEG_END);
-    EXPECT_EQ(buf[1], MGI_SEG_COOKIE);
-    EXPECT_EQ(be16(buf + 2), 3);
-    EXPECT_EQ(be32(buf + 4), 0xEEEEEEEEu); // subtype is not the append's business
-    EXPECT_EQ(0, std::memcmp(buf + 8, body, 3));
-    EXPECT_EQ(buf[11], 0xEE); // odd body: nothing pads it
-}
+    for (const char *text : {"1234567", "12345678"}) {
+        std::memset(buf, 0xEE, sizeof buf);
+        const int padded = std::strlen(text) < 8 ? 8 : 16;
+        EXPECT_EQ(append_segment_with_string(&link, buf, MGI_SEG_ERROR, text), padded);
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(buf + 8)), text);
+        EXPECT_TRUE(buf[8 + padded - 1] == 0 && buf[8 + padded] == 0xEE) << text;
+    }
 
-TEST(Segments, StringBodiesArePaddedToEightWithNul) {
-    uint8_t buf[64];
-    std::memset(buf, 0xEE, sizeof buf);
-    uint8_t link = 0;
-    EXPECT_EQ(append_segment_with_string(&link, buf, MGI_SEG_ERROR, "1234567"), 8);
-    EXPECT_EQ(be16(buf + 2), 8);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(buf + 8)), "1234567");
-    std::memset(buf, 0xEE, sizeof buf);
-    EXPECT_EQ(append_segment_with_string(&link, buf, MGI_SEG_ERROR, "12345678"), 16);
-    for (int i = 8 + 8; i < 8 + 16; ++i) EXPECT_EQ(buf[i], 0) << i;
-    EXPECT_EQ(buf[24], 0xEE);
-    // A text already in place is taken as it stands.
-    std::memset(buf, 0xEE, sizeof buf);
-    std::memcpy(buf + 8, "ab", 3);
-    EXPECT_EQ(append_segment_with_string(&link, buf, 140, reinterpret_cast<char *>(buf + 8)), 8);
-    EXPECT_EQ(buf[11], 0xEE);
-}
-
-TEST(Segments, ChainInTheSendBufferLinksEachHead) {
-    mgiBuf *buf = init_mgi_r();
-    ASSERT_NE(buf, nullptr);
-    init_mgi_exchange_r(buf);
-    prepare_to_append_segment_r(buf);
-    EXPECT_EQ(get_sendseg_buf_r(buf), buf->sbuf + 320);
-    set_sendseg_subtype_r(buf, 0x01020304);
+    mgiBuf *b = init_mgi_r();
+    ASSERT_NE(b, nullptr);
+    init_mgi_exchange_r(b);
+    prepare_to_append_segment_r(b);
+    set_sendseg_subtype_r(b, 0x01020304);
     uint8_t a[5] = {9, 9, 9, 9, 9};
-    ASSERT_EQ(append_rqt_segment_r(buf, MGI_SEG_RULEDATA, a, 5), 0);
-    ASSERT_EQ(append_rqt_segment_r(buf, MGI_SEG_COOKIE, nullptr, 0), 0); // a segment of length 0 is legal
-    EXPECT_EQ(buf->sbuf[128], MGI_SEG_RULEDATA);
-    EXPECT_EQ(buf->sbuf[312], MGI_SEG_COOKIE); // link of the first head names the second
-    EXPECT_EQ(buf->sbuf[313], MGI_SEG_RULEDATA);
-    EXPECT_EQ(be32(buf->sbuf + 316), 0x01020304u);
-    EXPECT_EQ(buf->sbuf[312 + 13], MGI_SEG_END);
-    EXPECT_EQ(buf->sendseg_len, 13u + 8u);
-    EXPECT_EQ(buf->sendseg, buf->sbuf + 312 + 21);
+    ASSERT_EQ(append_rqt_segment_r(b, MGI_SEG_RULEDATA, a, 5), 0);
+    ASSERT_EQ(append_rqt_segment_r(b, MGI_SEG_COOKIE, nullptr, 0), 0); // a segment of length 0 is legal
+    expect_fields(b->sbuf, {{128, 1, MGI_SEG_RULEDATA}, {312, 1, MGI_SEG_COOKIE}, {313, 1, MGI_SEG_RULEDATA},
+                            {316, 4, 0x01020304}, {312 + 13, 1, MGI_SEG_END}});
+    EXPECT_EQ(b->sendseg, b->sbuf + 312 + 21);
     // Nothing is written past the end of the send buffer.
     static uint8_t big[60000];
-    EXPECT_EQ(append_rqt_segment_r(buf, MGI_SEG_UDCDATA, big, 50000), -1);
-    EXPECT_EQ(buf->sendseg_len, 21u);
-    deinit_mgi_r(buf);
+    EXPECT_EQ(append_rqt_segment_r(b, MGI_SEG_UDCDATA, big, 50000), -1);
+    EXPECT_EQ(b->sendseg_len, 21u);
+    deinit_mgi_r(b);
 }
 
 TEST(Header, PrepareThroughMgdPlacesEveryFieldBigEndian) {
@@ -128,46 +93,31 @@ TEST(Header, PrepareThroughMgdPlacesEveryFieldBigEndian) {
     uint8_t record[6] = {1, 2, 3, 4, 5, 6};
     prepare_mgi_exchange_r(buf, target, 0, 77, 6, 1234, 0xbeef, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, record);
     const uint8_t *h = buf->sbuf;
-    // Byte 2 is reserved (kept as the cleared buffer held it), 5 the low byte of the language
-    // word; the offset given is ignored (132).
-    expect_fields(h, {{0, 1, 8}, {2, 1, 0}, {3, 1, 0x42}, {4, 1, 96}, {5, 1, 0x07}, {6, 2, 0x0102},
-                      {40, 4, 0x0a0b0c0d}, {44, 2, 0x0304}, {88, 4, 0xe0001}, {92, 4, 0xe0002}, {96, 4, 0},
-                      {128, 1, 0}, {129, 1, 77}, {130, 2, 6}, {132, 4, 0xFFFFFFFF}, {140, 2, 0xbeef},
-                      {144, 4, 0}, {152, 4, 0x11}, {156, 4, 0x22}, {160, 4, 0x33}, {168, 4, 0x44},
-                      {172, 4, 0x55}, {176, 4, 0x66}});
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + 8)), "operator-with-a-name-longer-tha");
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + 48)), "192.0.2.17");
+    // Byte 2 is reserved (kept as the cleared buffer held it), the language the low byte of the
+    // word; the offset given is ignored.
+    expect_fields(h, {{hdr::mark, 8}, {2, 1, 0}, {hdr::transaction_id, 0x42}, {hdr::timeout, 96},
+                      {hdr::language, 0x07}, {hdr::vsysid, 0x0102}, {hdr::user_priv, 0x0a0b0c0d},
+                      {hdr::login_vsysid, 0x0304}, {88, 4, 0xe0001}, {92, 4, 0xe0002}, {96, 4, 0},
+                      {hdr::nextseg, 0}, {hdr::type, 77}, {hdr::len, 6}, {hdr::offset, 0xFFFFFFFF},
+                      {hdr::rqt_aux, 0xbeef}, {hdr::mgi_flag, 0}, {hdr::mask1, 0x11}, {hdr::mask2, 0x22},
+                      {hdr::mask3, 0x33}, {hdr::mask4, 0x44}, {hdr::mask5, 0x55}, {hdr::mask6, 0x66}});
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + MGI_OFF_USER)), "operator-with-a-name-longer-tha");
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + MGI_OFF_IP_ADDR)), "192.0.2.17");
     EXPECT_EQ(0, std::memcmp(h + 312, record, 6));
     _ui_language = 0;
     set_mgi_transaction_id(0);
     set_mgi_vsysid(0);
     set_mgi_login_vsysid(0);
-    deinit_mgi_r(buf);
-}
 
-TEST(Header, PrepareDirectStartsAnEmptyChain) {
-    mgiBuf *buf = init_mgi_r();
-    ASSERT_NE(buf, nullptr);
-    init_mgi_exchange_r(buf);
+    // The direct road leaves mask3, the reserved byte and the destination's vsys id alone.
     std::memset(buf->sbuf, 0xCC, MGI_MAX_LEN);
-    const uint32_t target[10] = {0xe0012, 0};
     prepare_mgi_exchange_direct_r(buf, target, 31, 0x00010002, 7, 0xa, 0xb);
-    const uint8_t *h = buf->sbuf;
-    // Mask3 (160) is the stub's to write, the reserved byte 2 is never written, and the
-    // destination's vsys id (46) only through its own prepare.
-    expect_fields(h, {{128, 1, MGI_SEG_END}, {129, 1, 31}, {130, 2, 0}, {132, 4, 0x00010002}, {140, 2, 7},
-                      {152, 4, 0xa}, {156, 4, 0xb}, {160, 4, 0xCCCCCCCC}, {2, 1, 0xCC}, {46, 2, 0xCCCC}});
+    expect_fields(h, {{hdr::nextseg, MGI_SEG_END}, {hdr::type, 31}, {hdr::len, 0}, {hdr::offset, 0x00010002},
+                      {hdr::rqt_aux, 7}, {hdr::mask1, 0xa}, {hdr::mask2, 0xb}, {hdr::mask3, 0xCCCCCCCC},
+                      {2, 1, 0xCC}, {hdr::dst_vsysid, 0xCCCC}});
     EXPECT_EQ(buf->sendseg, buf->sbuf + 312);
-    EXPECT_EQ(buf->sendseg_link, buf->sbuf + 128);
-    prepare_mgi_dst_vsysid_r(buf, 0x0fff);
-    EXPECT_EQ(be16(h + 46), 0x0fff);
-    prepare_mgi_partname_r(buf, "slot-part");
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(h + 8)), "slot-part");
     deinit_mgi_r(buf);
-}
-
-TEST(Header, NullPairsAreIgnoredByPrepare) {
-    const uint32_t target[10] = {1, 0};
+    // Null pairs are ignored.
     prepare_mgi_exchange_r(nullptr, target, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
     prepare_mgi_exchange_direct_r(nullptr, target, 1, 0, 0, 0, 0);
     EXPECT_EQ(make_mgi_exchange_r(nullptr, nullptr, 4), -1);
