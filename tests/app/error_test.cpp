@@ -32,52 +32,41 @@ struct Ctx {
     }
 };
 
+// Rows: the codes before, then err_code, decodeErr and encodeErr after a text.
 TEST(ErrorCodes, WhichCodeWins) {
-    const struct {
-        int32_t decode, encode, code;     // before
-        int32_t want_code, want_decode, want_encode;
-    } cases[] = {
-        {7, 9, 0, 9, 7, 9},
-        {7, 0, 0, 7, 7, 0},
-        {0, 0, 5, 5, 0, 0},
-        {0, 0, 0, -1, -1, -1},
-    };
+    const int32_t cases[][6] = {{7, 9, 0, 9, 7, 9}, {7, 0, 0, 7, 7, 0}, {0, 0, 5, 5, 0, 0}, {0, 0, 0, -1, -1, -1}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.decode << "/" << c.encode << "/" << c.code);
         Ctx x;
-        x.info.decodeErr = c.decode;
-        x.info.encodeErr = c.encode;
-        x.info.err_code = c.code;
+        x.info.decodeErr = c[0];
+        x.info.encodeErr = c[1];
+        x.info.err_code = c[2];
         mgi_sprintf_err(&x.info, "x");
         EXPECT_EQ((std::vector<int32_t>{x.info.err_code, x.info.decodeErr, x.info.encodeErr, x.info.rsptype}),
-                  (std::vector<int32_t>{c.want_code, c.want_decode, c.want_encode, MGI_RSP_ERROR}));
+                  (std::vector<int32_t>{c[3], c[4], c[5], MGI_RSP_ERROR}));
     }
     mgi_sprintf_err(nullptr, "ignored");
-
     // A text that comes out empty builds no segment; the codes are set all the same.
     Ctx c;
     mgi_sprintf_err(&c.info, "%s", "");
     EXPECT_TRUE(c.info.rsp_len == 0 && c.info.rsptype == 0 && c.info.err_code == -1);
 }
 
+// The body: code, private code, detail, status, then the text padded to eight; the first segment stands.
 TEST(ErrorSegment, FirstSegmentStandsAndTextsArePadded) {
     Ctx c;
     c.info.private_ecode = 3;
     c.info.err_status = 4;
     c.info.err_detail = 8;
     mgi_sprintf_err(&c.info, "code %d failed", 12);
+    mgi_sprintf_err(&c.info, "second"); // only the text changes
+    EXPECT_STREQ(c.info.err_buf, "second");
     Bytes b = c.error_body();
     ASSERT_EQ(b.size(), 16u + 16u); // "code 12 failed" + NUL is 15, padded to 16
     EXPECT_EQ((std::vector<int32_t>{host_i32(b, 0), host_i32(b, 4), host_i32(b, 8), host_i32(b, 12)}),
               (std::vector<int32_t>{-1, 3, 8, 4}));
     EXPECT_EQ(Bytes(b.begin() + 16, b.end()), text_body("code 12 failed"));
     EXPECT_EQ(c.info.rsp_len, 8u + 32u);
-
-    mgi_sprintf_err(&c.info, "second"); // only the text changes
-    EXPECT_STREQ(c.info.err_buf, "second");
-    EXPECT_TRUE(c.info.rsp_len == 8u + 32u && c.rsp[MGI_OFF_NEXTSEG] == MGI_SEG_ERROR);
-
-    // An untouched text is "magic!\n"; a second text follows the first; no text leaves 16 bytes.
+    // An untouched text is "magic!\n"; a second text follows the first.
     Ctx magic;
     char second[] = "more";
     magic.info.err_string2 = second;
@@ -85,7 +74,7 @@ TEST(ErrorSegment, FirstSegmentStandsAndTextsArePadded) {
     b = magic.error_body();
     EXPECT_EQ(Bytes(b.begin() + 16, b.end()), text_body(std::string("magic!\n\0", 8) + "more"));
     Ctx bare;
-    bare.info.err_string = nullptr;
+    bare.info.err_string = nullptr; // no text at all: the codes alone
     default_err_handle(&bare.info);
     EXPECT_EQ(bare.error_body().size(), 16u);
 }
@@ -120,30 +109,25 @@ TEST(PrivateCode, KeptOnlyAnAdcPlatformLetsCodeZeroPass) {
         EXPECT_STREQ(reinterpret_cast<const char *>(&b[16]), "user bob");
     }
     setenv("MGMT_PLATFORM", "waf,adc", 1);
-    {
-        Ctx c;
-        mgi_set_err_info_with_private_ecode(&c.info, 0, 1, "ok");
-        EXPECT_EQ(c.info.decodeErr, 0);
-        mgi_set_err_info_with_private_ecode(&c.info, 4, 1, "not ok");
-        EXPECT_EQ(c.info.decodeErr, -1);
+    Ctx c;
+    for (auto [code, decode_err] : {std::pair{0, 0}, {4, -1}}) {
+        mgi_set_err_info_with_private_ecode(&c.info, code, 1, "text");
+        EXPECT_EQ(c.info.decodeErr, decode_err) << code;
     }
     unsetenv("MGMT_PLATFORM");
 }
 
-TEST(GlobalError, AttachedOnlyWhenSet) {
-    Ctx c;
+// The thread's error is attached only when set; without an entity the encode error falls back to -2.
+TEST(EncodeErrorHandling, GlobalErrorAndTheFallbackWithoutAnEntity) {
+    Ctx c(M | 0x999);
     mgi_attach_global_err_info(&c.info); // init_mgi_info cleared the thread's error
     EXPECT_EQ(c.info.decodeErr, 0);
     mgi_set_global_err_info(12, "disk %s", "full");
     mgi_attach_global_err_info(&c.info);
     EXPECT_TRUE(c.info.decodeErr == -1 && c.info.err_code == 12);
     EXPECT_STREQ(c.info.err_buf, "disk full");
-    EXPECT_EQ(mgi_get_global_err_code(), 12); // the thread's store stays until the next request
     mgi_set_global_err_info(0, nullptr);
-}
-
-TEST(EncodeErrorHandling, FallsBackWithoutAnEntity) {
-    Ctx c(M | 0x999);
+    c.info.err_code = 0;
     c.info.encodeErr = -100;
     testing::internal::CaptureStdout();
     EXPECT_EQ(encode_app_error_handling(&c.info), -1);
