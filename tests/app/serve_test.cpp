@@ -303,22 +303,6 @@ TEST_F(Serve, PreprovisioningEchoesTheRequestPayloadUnlessDataChanged) {
 
 // ---------------------------------------------------------------- housekeeping, local flag
 
-int keep_or_not(mgiInfo *i) {
-    auto *ctx = static_cast<condContext *>(i->cond_ctx);
-    if (!ctx->extra) ctx->extra = std::malloc(16);
-    set_rsptype(i, i->rqt_type == 16 ? MGI_RSP_PARTIAL : MGI_RSP_FINAL2);
-    return 0;
-}
-
-TEST_F(Serve, ConditionContextSurvivesOnlyPartialAnswers) {
-    add_entity({}, M | 0x40, 0, nullptr, nullptr, record_data, keep_or_not);
-    free_cond_ctx_by_uiInfo();
-    serve(request({M | 0x40}, 16));
-    EXPECT_NE(gcondCtx.extra, nullptr);
-    serve(request({M | 0x40}, 27));
-    EXPECT_EQ(gcondCtx.extra, nullptr);
-}
-
 int fail_index(mgiInfo *i) { return g_seen.local_flags = ipcmsg_get_local_flags(), set_decode_errcode(i, -3), 0; }
 
 // Rows: the target, its source, and whether flag 4 was up while the handlers ran.

@@ -1,8 +1,6 @@
 // The catalogue of the management tree: lookup, properties and counts of the
-// tree, parent chains and the exported names of every object.
+// tree and parent chains.
 #include <gtest/gtest.h>
-
-#include <dlfcn.h>
 
 #include <cstring>
 #include <map>
@@ -11,7 +9,6 @@
 #include <vector>
 
 #include "mgmt/objects.h"
-#include "test_support.h"
 
 namespace {
 
@@ -73,31 +70,6 @@ TEST(Catalogue, EveryObjectAndTheCountsOfTheTree) {
     const libmgmt_object *n = libmgmt_object_find("routed_vr_bgp_neighbor");
     ASSERT_TRUE(n && n->parent && n->parent->parent);
     EXPECT_EQ(std::string(n->parent->name) + " " + n->parent->parent->name, "routed_vr_bgp vr_vr");
-}
-
-// Exactly the packers and stubs of each object's row leave the library, under their plain names.
-// The tests link the library's objects statically: the shipped libmgmt.so is loaded on its own.
-TEST(Catalogue, ExportedNamesFollowTheRows) {
-    void *lib = dlopen(mgmt_test::build_path("libmgmt.so.1").c_str(), RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(lib, nullptr) << dlerror();
-    auto sym = [&](const std::string &s) { return dlsym(lib, s.c_str()); };
-    auto count = reinterpret_cast<uint32_t (*)()>(sym("libmgmt_object_count"));
-    auto at = reinterpret_cast<const libmgmt_object *(*)(uint32_t)>(sym("libmgmt_object_at"));
-    ASSERT_TRUE(count && at);
-    ASSERT_EQ(count(), libmgmt_object_count());
-    for (uint32_t i = 0; i < count(); ++i) {
-        const libmgmt_object *o = at(i);
-        const std::string n = o->name;
-        EXPECT_NE(sym("construct_" + n + "_entity"), nullptr) << n;
-        EXPECT_EQ(sym("construct_" + n + "_index") != nullptr, o->index_count != 0) << n;
-        EXPECT_EQ(sym("construct_" + n + "_new_index") != nullptr, o->index_count != 0) << n;
-        EXPECT_EQ((std::vector<void *>{sym("final_set_" + n), sym("final_get_" + n), sym("final_exec_" + n)}),
-                  (std::vector<void *>{reinterpret_cast<void *>(o->set), reinterpret_cast<void *>(o->get),
-                                       reinterpret_cast<void *>(o->exec)})) << n;
-    }
-    // The layer's own insides stay hidden (the export list is checked whole by abi.exports).
-    EXPECT_EQ(sym("mgmt_stub_set"), nullptr);
-    dlclose(lib);
 }
 
 } // namespace

@@ -259,28 +259,6 @@ TEST_F(Stubs, KeptGetOfTypeThirtyOneSendsSegmentOneThirtyFourWithoutItsSubtype) 
     EXPECT_EQ(sent_to(11, 2)[MGI_OFF_NEXTSEG], MGI_SEG_RULEDATA) << "no segment 134 for a length of 0";
 }
 
-TEST_F(Stubs, ExecAlwaysPacksTheEntityAndWritesOnlyThreeMaskWords) {
-    const libmgmt_object *o = libmgmt_object_find("admind_verify_password");
-    ASSERT_TRUE(o && o->index_len < o->entity_len && o->field_count == 7);
-    peer(o->owner);
-    const char *user = "admin", *password = "secret", *how = "local";
-    uint32_t u[3] = {4, 5, 6};
-    unsigned char addr[16] = {0x20, 0x01};
-    const std::vector<void *> args = {&user, &password, &how, &u[0], &u[1], &u[2], addr}; // s64 s32 s16 u32*3 b16
-    front_end([&](mgiInfo &info) {
-        mgi_set_rqt_udcdata(&info, const_cast<char *>("skip"), 4);
-        for (int i = 0; i < 9; ++i) info.rqt_xmask[i] = 0xffffffffu;
-        info.rqt_mask2 = 0x5;
-        std::copy(args.begin(), args.end(), info.rqt_item);
-        EXPECT_EQ(final_exec_admind_verify_password(&info, nullptr, nullptr), 0);
-    });
-    const Bytes m = sent_to(o->owner);
-    EXPECT_EQ(m[MGI_OFF_NEXTSEG], MGI_SEG_RULEDATA) << "an exec sends no udcdata";
-    EXPECT_EQ(words(m, MGI_OFF_MASK1, 2), (Words{(1u << o->field_count) - 1, 0x5}));
-    EXPECT_EQ(words(m, MGI_OFF_XMASK1, 6), Words(6, 0)) << "xmask is the get stubs' only";
-    EXPECT_EQ(seg_body(m, MGI_HDR_LEN), entity(o, args));
-}
-
 // The udcdata leaves the whole record exactly its room, or one byte less: the data that does not fit is
 // refused with a console line and nothing is sent; null contexts and pairs give -1.
 TEST_F(Stubs, DataThatDoesNotFitIsRefusedAndNothingIsSent) {
