@@ -29,41 +29,31 @@ TEST_F(AllocFailure, EntityInitAndAdd) {
     CaptureStdout();
     AllocHook::fail_after = 0;
     EXPECT_EQ(app_entity_init(M | 1, 2, nullptr, nullptr, nullptr, nullptr, nullptr), nullptr);
-    EXPECT_EQ(GetCapturedStdout(), "malloc fail\n");
-
     // A path step that can't be made: the entity isn't hung anywhere.
     appEntity *e = app_entity_init(M | 2, 2, nullptr, nullptr, nullptr, nullptr, nullptr);
     ASSERT_NE(e, nullptr);
-    const uint32_t parent[] = {M | 0x10, 0};
-    CaptureStdout();
+    const uint32_t parent[] = {M | 0x10, 0}, full[] = {M | 0x10, M | 2, 0};
     AllocHook::fail_after = 0;
     EXPECT_EQ(app_entity_add(parent, e), -1);
     AllocHook::fail_after = -1;
-    EXPECT_EQ(GetCapturedStdout(), "malloc fail\n");
+    EXPECT_EQ(GetCapturedStdout(), "malloc fail\nmalloc fail\n");
     EXPECT_EQ(app_entity_add(parent, e), 0);
-    const uint32_t full[] = {M | 0x10, M | 2, 0};
     EXPECT_EQ(get_app_mgi_entity(full), e);
 }
 
 TEST_F(AllocFailure, SorterWriteAndGet) {
     int a = 3, b = 1, c = 2;
     ASSERT_EQ(vk_sorter_init(sizeof(int), 1, 0, 0, 4, 0, nullptr, 0), 0);
-    {
-        ConsoleCapture cap;
-        AllocHook::fail_after = 0;
-        EXPECT_EQ(vk_sorter_write(&a), -1);
-        EXPECT_EQ(cap.text(), "vk_sorter_write: Failed to write obj to sorter\n");
-    }
-    vk_sorter_write(&a);
-    vk_sorter_write(&b);
-    vk_sorter_write(&c);
+    ConsoleCapture cap;
+    AllocHook::fail_after = 0;
+    EXPECT_EQ(vk_sorter_write(&a), -1);
+    EXPECT_EQ(cap.text(), "vk_sorter_write: Failed to write obj to sorter\n");
+    for (int *p : {&a, &b, &c}) vk_sorter_write(p);
     // Without its array the get hands back the objects unsorted, newest first.
-    for (auto want : {std::vector<void *>{&c, &b, &a}, std::vector<void *>{&b, &c, &a}}) {
-        AllocHook::fail_after = want[0] == &c ? 0 : -1;
-        std::vector<void *> got;
-        for (vk_sorter_node *n = vk_sorter_get(); n; n = n->next) got.push_back(n->object);
-        EXPECT_EQ(got, want);
-    }
+    AllocHook::fail_after = 0;
+    std::vector<void *> got;
+    for (vk_sorter_node *n = vk_sorter_get(); n; n = n->next) got.push_back(n->object);
+    EXPECT_EQ(got, (std::vector<void *>{&c, &b, &a}));
     vk_sorter_free();
 }
 

@@ -1,5 +1,4 @@
-// Query data trees, the release of the condition context, and the condition
-// sent back with the response.
+// Query data trees and the condition sent back with the response.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -62,26 +61,6 @@ TEST(QueryTree, FirstRecordIsTheRootAndTheRestItsChildren) {
     EXPECT_EQ(app_process_query_data(nullptr, 141, path), nullptr);
     EXPECT_EQ(app_process_query_data(data.data(), 141, nullptr), nullptr);
     clean_app_query_data_tree(nullptr);
-}
-
-// Release empties the lists and the first words; slots above the first empty one keep their pointers.
-TEST(CondContext, ReleaseFreesAndResets) {
-    condContext ctx;
-    std::memset(&ctx, 0, sizeof ctx);
-    destruct_cond_context(&ctx); // zeroed storage: initialise
-    for (int i = 0; i < 3; ++i) ctx.words[i] = strdup("w");
-    auto *n = static_cast<cond_expr_node *>(std::calloc(1, sizeof(cond_expr_node)));
-    *ctx.expr_list2.last = n;
-    ctx.expr_list2.last = &n->next;
-    ctx.extra = std::malloc(32);
-    ctx.ctx_word0 = 9;
-    ctx.connectors[0] = 2;
-    const char *stale = ctx.words[2];
-    destruct_cond_context(&ctx);
-    EXPECT_TRUE(ctx.data_list.last == &ctx.data_list.first && ctx.expr_list2.last == &ctx.expr_list2.first &&
-                !ctx.expr_list2.first && ctx.connectors[0] == -1 && !ctx.extra && ctx.ctx_word0 == 0);
-    EXPECT_EQ(ctx.words[0], nullptr);
-    EXPECT_EQ(ctx.words[2], stale); // freed, but the slot keeps its pointer
 }
 
 int accept_udc(mgiInfo *i) { return accept_udc_as_condition(i), set_rsptype(i, MGI_RSP_FINAL), 0; }
