@@ -1,17 +1,12 @@
 // Out of memory in the entity tree, the sorter and the query tree: this
 // program makes one malloc or calloc of the calling thread fail (not in
 // sanitizer builds, which bring their own allocator).
-#include <gtest/gtest.h>
-
 #include "faults.h"
 #include "app_fixture.h"
 #include "mgmt/sorter.h"
 
 using namespace app_test;
 using mgmt_test::AllocHook;
-using mgmt_test::ConsoleCapture;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 

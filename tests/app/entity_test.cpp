@@ -1,16 +1,11 @@
-// The entity tree: insertion with made-up path nodes, look-up, printing, item
-// tables.
-#include <gtest/gtest.h>
-
+// The entity tree (insertion with made-up path nodes, look-up, printing, item
+// tables) and error reporting: which code wins, the error segment's body,
+// defense reports, the private code on ADC and other platforms.
 #include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "app_fixture.h"
 
 using namespace app_test;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
@@ -102,6 +97,124 @@ TEST(EntityTree, ItemsByNameAndAlias) {
     CaptureStdout();
     EXPECT_EQ(set_items_ud_offset("addr", 100, nowhere), -1499);
     EXPECT_EQ(GetCapturedStdout(), "request path does not exist\n");
+}
+
+// ---------------------------------------------------------------- error reporting
+
+constexpr uint32_t M = 0x520000;
+
+// A context attached to a response buffer, as a handler gets it.
+struct Ctx {
+    Bytes rqt;
+    std::vector<uint8_t> rsp = std::vector<uint8_t>(65536, 0);
+    mgiInfo info;
+    explicit Ctx(uint32_t word = M | 1) : rqt(request({word})) {
+        init_mgi_info(&info);
+        decode_app_mgi_hdr(rqt.data(), rsp.data(), &info);
+        prefix_encode_app_rsp_hdr(rqt.data(), rsp.data(), &info);
+    }
+    ~Ctx() { mgi_final_rsp_message(&info); }
+    // The segment of type 135 as it stands, from the head that announces it.
+    Bytes error_body() const {
+        if (info.last_seg_type != MGI_SEG_ERROR) return {};
+        const uint8_t *head = info.rsp_hdr_segment;
+        return Bytes(head + 8, head + 8 + mgmt_test::be16(head + 2));
+    }
+};
+
+// Rows: the codes before, then err_code, decodeErr and encodeErr after a text.
+TEST(ErrorCodes, WhichCodeWins) {
+    const int32_t cases[][6] = {{7, 9, 0, 9, 7, 9}, {7, 0, 0, 7, 7, 0}, {0, 0, 5, 5, 0, 0}, {0, 0, 0, -1, -1, -1}};
+    for (const auto &c : cases) {
+        Ctx x;
+        x.info.decodeErr = c[0];
+        x.info.encodeErr = c[1];
+        x.info.err_code = c[2];
+        mgi_sprintf_err(&x.info, "x");
+        EXPECT_EQ((std::vector<int32_t>{x.info.err_code, x.info.decodeErr, x.info.encodeErr, x.info.rsptype}),
+                  (std::vector<int32_t>{c[3], c[4], c[5], MGI_RSP_ERROR}));
+    }
+    mgi_sprintf_err(nullptr, "ignored");
+    // A text that comes out empty builds no segment; the codes are set all the same.
+    Ctx c;
+    mgi_sprintf_err(&c.info, "%s", "");
+    EXPECT_TRUE(c.info.rsp_len == 0 && c.info.rsptype == 0 && c.info.err_code == -1);
+}
+
+// The body: code, private code, detail, status, then the text padded to eight; the first segment stands.
+TEST(ErrorSegment, FirstSegmentStandsAndTextsArePadded) {
+    Ctx c;
+    c.info.private_ecode = 3;
+    c.info.err_status = 4;
+    c.info.err_detail = 8;
+    mgi_sprintf_err(&c.info, "code %d failed", 12);
+    mgi_sprintf_err(&c.info, "second"); // only the text changes
+    EXPECT_STREQ(c.info.err_buf, "second");
+    Bytes b = c.error_body();
+    ASSERT_EQ(b.size(), 16u + 16u); // "code 12 failed" + NUL is 15, padded to 16
+    EXPECT_EQ((std::vector<int32_t>{host_i32(b, 0), host_i32(b, 4), host_i32(b, 8), host_i32(b, 12)}),
+              (std::vector<int32_t>{-1, 3, 8, 4}));
+    EXPECT_EQ(Bytes(b.begin() + 16, b.end()), text_body("code 12 failed"));
+    EXPECT_EQ(c.info.rsp_len, 8u + 32u);
+    // An untouched text is "magic!\n"; a second text follows the first.
+    Ctx magic;
+    char second[] = "more";
+    magic.info.err_string2 = second;
+    default_err_handle(&magic.info);
+    b = magic.error_body();
+    EXPECT_EQ(Bytes(b.begin() + 16, b.end()), text_body(std::string("magic!\n\0", 8) + "more"));
+    Ctx bare;
+    bare.info.err_string = nullptr; // no text at all: the codes alone
+    default_err_handle(&bare.info);
+    EXPECT_EQ(bare.error_body().size(), 16u);
+}
+
+TEST(DefenseReport, KeptFollowsTheErrorSegmentAndGrowsItsLengthWordByANativeAdd) {
+    Ctx c;
+    mgi_set_err_defense_report(&c.info, "dropped: no error yet");
+    EXPECT_EQ(c.info.rsp_len, 0u);
+
+    mgi_sprintf_err(&c.info, "0123456789abcde"); // body 16 + 16 = 0x20
+    uint32_t before = c.info.rsp_len;
+    mgi_set_err_defense_report(&c.info, "report number %d...", 1); // 19 bytes with the NUL: 24 padded
+    EXPECT_TRUE(c.info.rsp_len == before + 24 && c.info.rsp_seg_used == before + 24);
+    EXPECT_EQ(0, std::memcmp(c.info.rsp_data + before, text_body("report number 1...").data(), 24));
+    // The big-endian 0x0020 in the head grows by 24 as a native word: 0x1820 on a little-endian host.
+    uint16_t word;
+    std::memcpy(&word, "\x00\x20", 2);
+    word = uint16_t(word + 24);
+    EXPECT_EQ(0, std::memcmp(c.info.rsp_hdr_segment + 2, &word, 2));
+}
+
+TEST(PrivateCode, KeptOnlyAnAdcPlatformLetsCodeZeroPass) {
+    unsetenv("MGMT_PLATFORM");
+    {
+        Ctx c;
+        mgi_set_err_info_with_private_ecode(&c.info, 0, 77, "user %s", "bob");
+        EXPECT_TRUE(c.info.decodeErr == -1 && c.info.err_code == 0 && c.info.rsp_len == 0); // the segment comes later
+        mgi_final_rsp_message(&c.info);
+        Bytes b = c.error_body();
+        ASSERT_EQ(b.size(), 16u + 16u);
+        EXPECT_EQ(host_i32(b, 4), 77);
+        EXPECT_STREQ(reinterpret_cast<const char *>(&b[16]), "user bob");
+    }
+    setenv("MGMT_PLATFORM", "waf,adc", 1);
+    Ctx c;
+    for (auto [code, decode_err] : {std::pair{0, 0}, {4, -1}}) {
+        mgi_set_err_info_with_private_ecode(&c.info, code, 1, "text");
+        EXPECT_EQ(c.info.decodeErr, decode_err) << code;
+    }
+    unsetenv("MGMT_PLATFORM");
+}
+
+// Without an entity the encode error falls back to -2.
+TEST(EncodeErrorHandling, FallsBackWithoutAnEntity) {
+    Ctx c(M | 0x999);
+    c.info.encodeErr = -100;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(encode_app_error_handling(&c.info), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "request path does not exist\n");
+    EXPECT_EQ(std::make_pair(c.info.err_code, host_i32(c.error_body(), 0)), std::make_pair(-2, -2));
 }
 
 } // namespace

@@ -1,22 +1,11 @@
 // Requests served in process: header decoding, the segment walk, the order of
 // the handlers, the response header, data bodies, the oversized response and
 // the local flag of source 8.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <tuple>
 
 #include "app_fixture.h"
 #include "mgmt/platform/ipc_flags.h"
 
 using namespace app_test;
-using mgmt_test::be16;
-using mgmt_test::be32;
-using mgmt_test::ConsoleCapture;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
