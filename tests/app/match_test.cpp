@@ -6,8 +6,6 @@
 // and unterminated patterns. Each is answered without a read
 // outside the request or a write outside the response (the sanitizer build
 // sees any), and what the message does say is still used.
-#include <algorithm>
-
 #include "app_fixture.h"
 
 using namespace app_test;
@@ -34,46 +32,31 @@ Bytes match_body(const std::vector<std::pair<uint32_t, uint8_t>> &ids, const std
 
 const std::string kPatterns("a1\0b2\0c3\0zz\0", 12);
 
-// What the handler saw through the accessors.
-struct Probe {
-    int count = -1, count_after_final = -1;
-    bool regex[128] = {};
-    std::vector<int> exec40; // the expression of id 40 on "zz", "c3", "a1"
-    int a1 = -99, b2 = -99;
-    uint32_t types[130] = {};
-    uint32_t mask0 = 0;
-};
-Probe g_probe;
-mgiInfo g_info; // the context as the handler got it
-int g_calls;
+mgiInfo g_info;            // the context as the handler got it: its accessors still read the copy
+std::vector<int> g_exec;   // expressions 1 on "xa1x", 3 on "b2", then 40 on "zz", "c3", "a1"
+int g_calls, g_count_after_final;
 Bytes g_cookie; // the cookie's body as the handler saw it
 
-// A handler that looks at the match expressions and uses everything else a request can carry.
+// A handler that runs the match expressions and uses everything else a request can carry.
 int probe(mgiInfo *i) {
     ++g_calls;
     g_info = *i;
     auto *c = static_cast<uint8_t *>(i->cookie);
     g_cookie = c ? Bytes(c, c + i->cookie_len) : Bytes{};
-    g_probe.count = i->match_count;
-    for (uint32_t id = 0; id < 128; ++id) g_probe.regex[id] = mgi_get_match_regex_by_obj_id(i, id) != nullptr;
-    for (uint32_t id = 0; id < 130; ++id) g_probe.types[id] = mgi_get_match_type_by_obj_id(i, id);
-    g_probe.mask0 = i->match_mask[0];
-    auto run = [&](uint32_t id, const char *s) {
-        return mgi_pcre_exec(mgi_get_match_regex_by_obj_id(i, id), s, int(std::strlen(s)));
-    };
-    g_probe.a1 = run(1, "xa1x");
-    g_probe.b2 = run(3, "b2");
-    for (const char *s : {"zz", "c3", "a1"}) g_probe.exec40.push_back(run(40, s));
+    g_exec.clear();
+    for (auto [id, subject] : {std::pair<uint32_t, const char *>{1, "xa1x"}, {3, "b2"}, {40, "zz"}, {40, "c3"}, {40, "a1"}})
+        g_exec.push_back(mgi_pcre_exec(mgi_get_match_regex_by_obj_id(i, id), subject, int(std::strlen(subject))));
     accept_udc_as_condition(i);
     if (appQueryList *t = app_process_query_data(i->querydata, i->querydata_len, i->rqt_target))
         clean_app_query_data_tree(t);
     if (i->cookie && i->cookie_len) mgi_set_rsp_cookie(i, i->cookie, i->cookie_len);
     mgi_final_rsp_message(i);
-    g_probe.count_after_final = i->match_count;
-    set_rsptype(i, MGI_RSP_FINAL);
-    return 0;
+    g_count_after_final = i->match_count;
+    return set_rsptype(i, MGI_RSP_FINAL), 0;
 }
 int ok(mgiInfo *) { return 0; }
+bool regex(uint32_t id) { return mgi_get_match_regex_by_obj_id(&g_info, id) != nullptr; }
+uint32_t type(uint32_t id) { return mgi_get_match_type_by_obj_id(&g_info, id); }
 
 class Match : public ::testing::Test {
   protected:
@@ -82,33 +65,28 @@ class Match : public ::testing::Test {
         g_calls = 0;
         std::memset(&g_info, 0, sizeof g_info);
     }
-    // Serves a request of the given type with these segments; the probe holds what the handler saw.
     static void ask(const std::vector<Seg> &segs, uint8_t type = MGI_RQT_MATCH_GET) {
-        g_probe = Probe{};
         serve(request({M | 1}, type, segs));
     }
 };
 
 TEST_F(Match, KeptThirdPatternIsReadFromFurtherOn) {
     ask({{MGI_SEG_UDCDATA, match_body({{1, 10}, {3, 10}, {40, 10}, {50, 3}}, kPatterns, 12), 0}});
-    EXPECT_EQ(g_probe.count, 3);
-    EXPECT_TRUE(g_probe.regex[1] && g_probe.regex[3] && g_probe.regex[40]);
-    EXPECT_FALSE(g_probe.regex[50]); // its type isn't 10
-    EXPECT_EQ(g_probe.a1 + g_probe.b2, 0);
+    EXPECT_EQ(g_info.match_count, 3);
+    EXPECT_TRUE(regex(1) && regex(3) && regex(40) && !regex(50)); // 50's type isn't 10
     // The third expression was compiled from "zz", three bytes behind its own text.
-    EXPECT_EQ(g_probe.exec40, (std::vector<int>{0, kNoMatch, kNoMatch}));
-    EXPECT_EQ(g_probe.count_after_final, 0);
+    EXPECT_EQ(g_exec, (std::vector<int>{0, 0, 0, kNoMatch, kNoMatch}));
+    EXPECT_EQ(g_count_after_final, 0);
 
     // With query data as well: the udc walk ends at id 4 (after its pattern at 3), so id 2 keeps type 0;
     // match_mask is that of the query data, and ids 96 and up have neither type nor expression.
     Seg udc{MGI_SEG_UDCDATA, match_body({{3, 10}}, std::string("b2\0", 3), 3), 0};
     ask({udc, {MGI_SEG_QUERYDATA, match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1), 0}});
-    EXPECT_TRUE(g_probe.count == 1 && g_probe.types[2] == 0u && g_probe.types[5] == 3u && g_probe.types[70] == 4u);
-    EXPECT_EQ(g_probe.mask0, (1u << 2) | (1u << 5));
-    for (uint32_t id : {4u, 96u, 127u, 128u}) EXPECT_EQ(g_probe.types[id], 0xFFFFFFFFu) << id;
-    EXPECT_EQ(std::count(g_probe.regex + 96, g_probe.regex + 128, true), 0);
+    EXPECT_TRUE(g_info.match_count == 1 && type(2) == 0u && type(5) == 3u && type(70) == 4u);
+    EXPECT_EQ(g_info.match_mask[0], (1u << 2) | (1u << 5));
+    for (uint32_t id : {4u, 96u, 127u, 128u}) EXPECT_TRUE(type(id) == 0xFFFFFFFFu && !regex(id)) << id;
     ask({udc}, 0); // another request type compiles nothing
-    EXPECT_EQ(g_probe.count, 0);
+    EXPECT_EQ(g_info.match_count, 0);
 }
 
 using BadInput = Match;
