@@ -125,7 +125,7 @@ TEST_F(Stubs, KeptSetGoesToTheManagerWithTheHighHalfInMaskFiveAndNothingInMaskFo
     });
     const Bytes m = sent_to(MGD_APPID);
     EXPECT_TRUE(nothing_to(o->owner)) << "every set goes to the manager";
-    mgmt_test::expect_fields(m.data(), {{hdr::nextseg, 0}, {hdr::type, 3}, {hdr::len, o->entity_len},
+    expect_fields(m.data(), {{hdr::nextseg, 0}, {hdr::type, 3}, {hdr::len, o->entity_len},
                                         {hdr::offset, MGI_NO_MORE}, {MGI_OFF_TARGET, 4, 0x30001}, {96 - 4, 4, 0},
                                         {hdr::mask1, 0x100000 | 0x1}, {hdr::mask2, 0x1 | 0x100},
                                         {hdr::mask3, 0x80000000 | 0x40}, {hdr::mask4, 0x40},
@@ -183,7 +183,7 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
     EXPECT_TRUE(nothing_to(MGD_APPID)) << "a get does not pass through the manager";
     EXPECT_EQ(words(m, MGI_OFF_TARGET, 4), (Words{0x4f0001, 0x20401, 0x2041d, 0}));
     // The mask words carry the neighbour's three key fields; the xmask words go unchanged.
-    mgmt_test::expect_fields(m.data(), {{hdr::type, 1}, {hdr::offset, 0x10}, {hdr::rqt_aux, 0x77},
+    expect_fields(m.data(), {{hdr::type, 1}, {hdr::offset, 0x10}, {hdr::rqt_aux, 0x77},
                                         {hdr::nextseg, MGI_SEG_RULEDATA}, {MGI_HDR_LEN + 4, 4, 0x1234},
                                         {hdr::mask1, 0x1000 | 0x7}, {hdr::mask2, 0x2}, {hdr::mask3, 0x3}});
     EXPECT_EQ(words(m, MGI_OFF_XMASK1, 6), (Words{0x100, 0x101, 0x102, 0x103, 0x104, 0x105}));
@@ -191,20 +191,17 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
     EXPECT_EQ(seg_body(m, MGI_HDR_LEN), want);
     EXPECT_EQ(calls, std::vector<Bytes>{bytes_of("row-1")});
 
-    const struct {
-        uint8_t full;
-        uint32_t own_len, mask;
-    } cases[] = {{1, o->entity_len, 0xf}, {2, o->index_len, 0x7}};
+    // Rows: whether_full_entity, the length of the own record and the mask it gives.
     size_t n = 1;
-    for (const auto &c : cases) {
+    for (auto [full, own_len, mask] : {std::tuple<uint8_t, uint32_t, uint32_t>{1, o->entity_len, 0xf},
+                                       {2, o->index_len, 0x7}}) {
         front_end([&](mgiInfo &info) {
-            mgi_set_whether_full_entity(&info, c.full);
+            mgi_set_whether_full_entity(&info, full);
             std::copy(slots, slots + 6, info.rqt_item);
             EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, nullptr, nullptr), 0);
         });
         const Bytes r = sent_to(o->owner, ++n);
-        EXPECT_EQ(seg_body(r, MGI_HDR_LEN).size(), 36 + c.own_len) << int(c.full);
-        EXPECT_EQ(be32(&r[MGI_OFF_MASK1]), c.mask) << int(c.full);
+        EXPECT_TRUE(seg_body(r, MGI_HDR_LEN).size() == 36 + own_len && be32(&r[MGI_OFF_MASK1]) == mask) << int(full);
     }
     // A get of type 30 goes to the manager whoever owns the object.
     text_ = "from-mgd";
@@ -212,8 +209,7 @@ TEST_F(Stubs, GetOfNestedObjectGoesStraightToTheOwner) {
         mgi_set_rqt_type(&info, MGI_RQT_MGD_GET);
         EXPECT_EQ(final_get_routed_vr_bgp_neighbor(&info, direct_cb, &calls), 0);
     });
-    mgmt_test::expect_fields(sent_to(MGD_APPID).data(),
-                             {{hdr::type, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0x4f0001}});
+    expect_fields(sent_to(MGD_APPID).data(), {{hdr::type, MGI_RQT_MGD_GET}, {MGI_OFF_TARGET, 4, 0x4f0001}});
     EXPECT_EQ(calls.back(), bytes_of("from-mgd"));
     EXPECT_FALSE(peer(o->owner).wait_for(4, 200)) << "nor to the owner";
 }
@@ -245,11 +241,10 @@ TEST_F(Stubs, KeptGetOfTypeThirtyOneSendsSegmentOneThirtyFourWithoutItsSubtype) 
     EXPECT_EQ(Words(first, first + 3), (Words{0x10000 | lo, 0x20000, 0x40000}));
     EXPECT_EQ(Words(second, second + 3), (Words{0x80000 | lo, 0x100000, 0x200000}));
     const Bytes m = sent_to(11);
-    mgmt_test::expect_fields(m.data(), {{hdr::nextseg, MGI_SEG_UDCDATA}, {MGI_HDR_LEN, 1, MGI_SEG_RULEDATA},
+    expect_fields(m.data(), {{hdr::nextseg, MGI_SEG_UDCDATA}, {MGI_HDR_LEN, 1, MGI_SEG_RULEDATA},
                                         {MGI_HDR_LEN + 1, 1, MGI_SEG_UDCDATA}, {MGI_HDR_LEN + 4, 4, 0},
                                         {record + 1, 1, MGI_SEG_RULEDATA}});
-    EXPECT_EQ(seg_body(m, MGI_HDR_LEN), bytes_of("match"));
-    EXPECT_EQ(seg_body(m, record).size(), 72u);
+    EXPECT_TRUE(seg_body(m, MGI_HDR_LEN) == bytes_of("match") && seg_body(m, record).size() == 72u);
 
     front_end([&](mgiInfo &info) {
         mgi_set_rqt_type(&info, MGI_RQT_MATCH_GET);
