@@ -110,9 +110,7 @@ TEST_F(Stubs, KeptSetGoesToTheManagerWithTheHighHalfInMaskFiveAndNothingInMaskFo
     uint32_t f40 = 0x5a5a5a5a;
     uint64_t f70 = 0x6b6b6b6b6b6b6b6bull;
     std::vector<void *> args(o->field_count);
-    args[0] = &name;
-    args[40] = &f40;
-    args[70] = &f70;
+    std::tie(args[0], args[40], args[70]) = std::make_tuple(&name, &f40, &f70);
     front_end([&](mgiInfo &info) {
         mgi_set_rqt_type(&info, 3);
         mgi_set_rqt_nextseg(&info, MGI_SEG_UDCDATA); // not sent: a set sends rqt_firstseg
@@ -238,8 +236,8 @@ TEST_F(Stubs, KeptGetOfTypeThirtyOneSendsSegmentOneThirtyFourWithoutItsSubtype) 
     const size_t record = MGI_HDR_LEN + MGI_SEGHDR_LEN + 5;
     EXPECT_EQ(place, record + MGI_SEGHDR_LEN);
     const uint32_t lo = 0xd; // fields 0, 2 and 3 of the entity
-    EXPECT_EQ(Words(first, first + 3), (Words{0x10000 | lo, 0x20000, 0x40000}));
-    EXPECT_EQ(Words(second, second + 3), (Words{0x80000 | lo, 0x100000, 0x200000}));
+    EXPECT_EQ(Words(first, first + 3), (Words{0x10000 | lo, 0x20000, 0x40000})) << "mask 1 to 3 with xmask 1 to 3";
+    EXPECT_EQ(Words(second, second + 3), (Words{0x80000 | lo, 0x100000, 0x200000})) << "with xmask 4 to 6";
     const Bytes m = sent_to(11);
     expect_fields(m.data(), {{hdr::nextseg, MGI_SEG_UDCDATA}, {MGI_HDR_LEN, 1, MGI_SEG_RULEDATA},
                                         {MGI_HDR_LEN + 1, 1, MGI_SEG_UDCDATA}, {MGI_HDR_LEN + 4, 4, 0},
