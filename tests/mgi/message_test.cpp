@@ -147,8 +147,8 @@ TEST(ThreadError, FormatsAndWarnsOnEmptyText) {
 
 TEST(Pairs, KeptOnlyInitMakesTheThreadPairAndPlainFormsTakeItAsItStands) {
     std::thread([] {
-        thread_free_mgi(); // no pair yet: nothing happens
-        EXPECT_EQ(get_mgi_sbuf(), nullptr);
+        thread_free_mgi(); // no pair yet: nothing happens, nothing to read
+        EXPECT_TRUE(get_mgi_sbuf() == nullptr && get_mgi_resp_type() == 0 && get_errString() == nullptr);
         mgiBuf *b = init_mgi_exchange(); // a fresh thread gets its pair here
         ASSERT_TRUE(b && b == global_mgi_buf);
         b->rbuf[49999] = 1;
@@ -298,24 +298,7 @@ TEST(CommonCookie, Helpers) {
     EXPECT_EQ(k[0] + k[2], 30u + 77u);
     mgi_common_cookie_hton(k);
     const uint8_t *b = reinterpret_cast<const uint8_t *>(k);
-    EXPECT_EQ(be32(b), 30u);
-    EXPECT_EQ(be32(b + 16), 0x0a0b0c0du);
-    EXPECT_EQ(k[3], 0x01020304u); // word 3 is left alone
-    mgi_common_cookie_ntoh(k);
-    EXPECT_EQ(k[5], 6u);
-}
-
-TEST(ThreadWrappers, WorkOnTheThreadPair) {
-    std::thread([] {
-        EXPECT_TRUE(get_mgi_resp_type() == 0 && get_errString() == nullptr); // no pair: nothing to read
-        init_mgi();
-        Bytes m = mgi_message(18, {{132, Bytes(24, 1)}});
-        std::memcpy(get_mgi_rbuf(), m.data(), m.size());
-        void *body;
-        uint32_t len = 0;
-        EXPECT_TRUE(find_roundtrip_cookie(&body, &len) == 0 && len == 24u && get_mgi_resp_type() == 18);
-        thread_free_mgi();
-    }).join();
+    EXPECT_TRUE(be32(b) == 30u && be32(b + 16) == 0x0a0b0c0du && k[3] == 0x01020304u); // word 3 is left alone
 }
 
 } // namespace
