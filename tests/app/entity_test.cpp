@@ -132,9 +132,7 @@ TEST(ErrorCodes, WhichCodeWins) {
     const int32_t cases[][6] = {{7, 9, 0, 9, 7, 9}, {7, 0, 0, 7, 7, 0}, {0, 0, 5, 5, 0, 0}, {0, 0, 0, -1, -1, -1}};
     for (const auto &c : cases) {
         Ctx x;
-        x.info.decodeErr = c[0];
-        x.info.encodeErr = c[1];
-        x.info.err_code = c[2];
+        std::tie(x.info.decodeErr, x.info.encodeErr, x.info.err_code) = std::make_tuple(c[0], c[1], c[2]);
         mgi_sprintf_err(&x.info, "x");
         EXPECT_EQ((std::vector<int32_t>{x.info.err_code, x.info.decodeErr, x.info.encodeErr, x.info.rsptype}),
                   (std::vector<int32_t>{c[3], c[4], c[5], MGI_RSP_ERROR}));
@@ -149,9 +147,7 @@ TEST(ErrorCodes, WhichCodeWins) {
 // The body: code, private code, detail, status, then the text padded to eight; the first segment stands.
 TEST(ErrorSegment, FirstSegmentStandsAndTextsArePadded) {
     Ctx c;
-    c.info.private_ecode = 3;
-    c.info.err_status = 4;
-    c.info.err_detail = 8;
+    std::tie(c.info.private_ecode, c.info.err_status, c.info.err_detail) = std::make_tuple(3, 4, 8);
     mgi_sprintf_err(&c.info, "code %d failed", 12);
     mgi_sprintf_err(&c.info, "second"); // only the text changes, not the segment
     Bytes b = c.error_body();
