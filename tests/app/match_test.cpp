@@ -193,17 +193,12 @@ TEST(AcceptCondition, ConditionFirstThenUdcOrPreindex) {
     add_entity({}, Q | 3, 0, nullptr, nullptr, data_ok, accept_pre);
     const Seg cond{MGI_SEG_CONDITION, {'n', 'a', 'm', 'e'}, 0x31}, udc{MGI_SEG_UDCDATA, {1, 2}, 0x34},
         rule{MGI_SEG_RULEDATA, {3, 4, 5}, 0x33};
-    const struct {
-        uint32_t word;
-        std::vector<Seg> segs;
-        Seg echoed;
-    } cases[] = {{Q | 2, {udc, cond}, cond}, {Q | 2, {udc}, udc}, {Q | 3, {rule, cond}, cond}, {Q | 3, {rule}, rule}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.word << " " << c.segs.size());
-        auto segs = serve(request({c.word}, 0, c.segs)).segments();
-        ASSERT_EQ(segs.size(), 1u);
-        EXPECT_TRUE(segs[0].type == MGI_SEG_CONDITION && segs[0].body == c.echoed.body &&
-                    segs[0].subtype == c.echoed.subtype);
+    // Rows: the entity, the segments sent, and the one echoed as the condition.
+    for (auto [word, sent, echoed] : {std::tuple<uint32_t, std::vector<Seg>, Seg>{Q | 2, {udc, cond}, cond},
+                                      {Q | 2, {udc}, udc}, {Q | 3, {rule, cond}, cond}, {Q | 3, {rule}, rule}}) {
+        auto segs = serve(request({word}, 0, sent)).segments();
+        ASSERT_EQ(segs.size(), 1u) << word << " " << sent.size();
+        EXPECT_TRUE(segs[0].type == MGI_SEG_CONDITION && segs[0].body == echoed.body && segs[0].subtype == echoed.subtype);
     }
 
     CaptureStdout();

@@ -139,19 +139,15 @@ TEST_F(Serve, IndexDecodersRunFromTheRootAndAnErrorStopsTheRest) {
     add_entity({M | 0x10}, M | 0x11, 0, index_b, nullptr, nullptr, nullptr); // kind 0: its decodeIndex never runs
     add_entity({M | 0x10, M | 0x11}, M | 0x12, APP_ENTITY_INDEXED, index_c, err_to_text, record_data, final_answer);
     add_entity({}, M | 0x13, APP_ENTITY_INDEXED, index_a, nullptr, record_data, final_answer);
-    const struct {
-        std::vector<uint32_t> target;
-        uint8_t type;
-        std::vector<std::string> calls;
-    } cases[] = {
-        {{M | 0x10, M | 0x11, M | 0x12}, 0, {"index a", "index c", "data", "encode"}},
-        {{M | 0x10, M | 0x11, M | 0x12}, 99, {"index a", "index c", "errHandle -7/0"}},
-        {{M | 0x13}, 0, {"data", "encode"}}, // a one-word target runs no decodeIndex, not even its own
-    };
-    for (const auto &c : cases) {
+    // Rows: target, request type, handlers called. A one-word target runs no decodeIndex, not even its own.
+    using Calls = std::vector<std::string>;
+    for (auto [target, type, calls] : {std::tuple<std::vector<uint32_t>, uint8_t, Calls>{
+             {M | 0x10, M | 0x11, M | 0x12}, 0, {"index a", "index c", "data", "encode"}},
+             {{M | 0x10, M | 0x11, M | 0x12}, 99, {"index a", "index c", "errHandle -7/0"}},
+             {{M | 0x13}, 0, {"data", "encode"}}}) {
         g_seen.calls.clear();
-        serve(request(c.target, c.type));
-        EXPECT_EQ(g_seen.calls, c.calls) << c.target.size() << " words, type " << int(c.type);
+        serve(request(target, type));
+        EXPECT_EQ(g_seen.calls, calls) << target.size() << " words, type " << int(type);
     }
 
     // A ten-word target: the tenth word never reaches the index decoders, and all ten are echoed.
