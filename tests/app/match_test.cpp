@@ -44,7 +44,8 @@ int probe(mgiInfo *i) {
     auto *c = static_cast<uint8_t *>(i->cookie);
     g_cookie = c ? Bytes(c, c + i->cookie_len) : Bytes{};
     g_exec.clear();
-    for (auto [id, subject] : {std::pair<uint32_t, const char *>{1, "xa1x"}, {3, "b2"}, {40, "zz"}, {40, "c3"}, {40, "a1"}})
+    using Run = std::pair<uint32_t, const char *>;
+    for (auto [id, subject] : {Run{1, "xa1x"}, {3, "b2"}, {40, "zz"}, {40, "c3"}, {40, "a1"}})
         g_exec.push_back(mgi_pcre_exec(mgi_get_match_regex_by_obj_id(i, id), subject, int(std::strlen(subject))));
     accept_udc_as_condition(i);
     if (appQueryList *t = app_process_query_data(i->querydata, i->querydata_len, i->rqt_target))
@@ -79,7 +80,8 @@ TEST_F(Match, KeptThirdPatternIsReadFromFurtherOn) {
     // With query data as well: the udc walk ends at id 4 (after its pattern at 3), so id 2 keeps type 0;
     // match_mask is that of the query data, and ids 96 and up have neither type nor expression.
     Seg udc{MGI_SEG_UDCDATA, match_body({{3, 10}}, std::string("b2\0", 3), 3), 0};
-    serve(request({M | 1}, MGI_RQT_MATCH_GET, {udc, {MGI_SEG_QUERYDATA, match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1)}}));
+    const Seg query{MGI_SEG_QUERYDATA, match_body({{2, 10}, {5, 3}, {70, 4}}, "", 1)};
+    serve(request({M | 1}, MGI_RQT_MATCH_GET, {udc, query}));
     EXPECT_TRUE(g_info.match_count == 1 && type(2) == 0u && type(5) == 3u && type(70) == 4u);
     EXPECT_EQ(g_info.match_mask[0], (1u << 2) | (1u << 5));
     for (uint32_t id : {4u, 96u, 127u, 128u}) EXPECT_TRUE(type(id) == 0xFFFFFFFFu && !regex(id)) << id;
@@ -198,7 +200,8 @@ TEST(AcceptCondition, ConditionFirstThenUdcOrPreindex) {
                                       {Q | 2, {udc}, udc}, {Q | 3, {rule, cond}, cond}, {Q | 3, {rule}, rule}}) {
         auto segs = serve(request({word}, 0, sent)).segments();
         ASSERT_EQ(segs.size(), 1u) << word << " " << sent.size();
-        EXPECT_TRUE(segs[0].type == MGI_SEG_CONDITION && segs[0].body == echoed.body && segs[0].subtype == echoed.subtype);
+        EXPECT_TRUE(segs[0].type == MGI_SEG_CONDITION && segs[0].body == echoed.body &&
+                    segs[0].subtype == echoed.subtype);
     }
 
     CaptureStdout();

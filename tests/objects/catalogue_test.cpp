@@ -43,7 +43,8 @@ TEST(Catalogue, EveryObjectAndTheCountsOfTheTree) {
         const bool set_get = o->ops == (LIBMGMT_OP_SET | LIBMGMT_OP_GET), mgmt = !std::strncmp(o->name, "mgmt_", 5);
         sg += set_get;
         mgmt_objects += mgmt;
-        EXPECT_TRUE(set_get ? o->set && o->get && !o->exec : o->ops == LIBMGMT_OP_EXEC && !o->set && !o->get && o->exec);
+        EXPECT_TRUE(set_get ? o->set && o->get && !o->exec
+                            : o->ops == LIBMGMT_OP_EXEC && !o->set && !o->get && o->exec);
         EXPECT_TRUE(!mgmt || o->owner == 2);
         ASSERT_TRUE(o->depth >= 1 && o->depth < MGI_TARGET_WORDS);
         EXPECT_EQ(o->path[o->depth], 0u);
@@ -56,7 +57,8 @@ TEST(Catalogue, EveryObjectAndTheCountsOfTheTree) {
         }
         EXPECT_TRUE(o->slot_count == slots && o->slot_count <= MGI_ITEM_SLOTS);
     }
-    EXPECT_EQ((std::vector<size_t>{with_index, whole_index, sg, mgmt_objects}), (std::vector<size_t>{1262, 444, 2263, 23}));
+    EXPECT_EQ((std::vector<size_t>{with_index, whole_index, sg, mgmt_objects}),
+              (std::vector<size_t>{1262, 444, 2263, 23}));
     EXPECT_EQ(depth, (std::map<int, size_t>{{1, 1059}, {2, 783}, {3, 310}, {4, 170}, {5, 38}, {6, 30}, {7, 25}}));
 }
 
@@ -201,7 +203,8 @@ std::string row(const std::string &name, const std::string &index, const std::st
 
 TEST(Generator, GoodCatalogueGivesHeaderTableAndChunks) {
     GenRun r = generate({row("top", "s32", "s32 u32", "-", "10001"), row("top_child", "u8", "=", "top", "10001.10001"),
-                         row("top_act", "-", "u64 b16", "-", "10002", "e"), row("top_sized", "u32", "u32 =8", "-", "10003")},
+                         row("top_act", "-", "u64 b16", "-", "10002", "e"),
+                         row("top_sized", "u32", "u32 =8", "-", "10003")},
                         3);
     EXPECT_EQ(WEXITSTATUS(r.status), 0) << r.output;
     // An index of all the fields is the whole record, its set length included: 1 field, 1 key, 1 slot, 8 and 8.
