@@ -169,8 +169,7 @@ TEST_F(Serve, KeptUnknownPathPrintsTheSwErrorLineWithMinus101AndNoErrorSegment) 
     CaptureStdout();
     Response r = serve(request({M | 0x7777}));
     EXPECT_EQ(GetCapturedStdout(), missing + missing + sw);
-    EXPECT_EQ(r.type(), 0);
-    EXPECT_EQ(r.bytes.size(), 312u);
+    EXPECT_TRUE(r.type() == 0 && r.bytes.size() == 312u);
     CaptureStdout();
     serve(request({M | 1, M | 0x7777})); // a two-word target is looked up once more by the index step
     EXPECT_EQ(GetCapturedStdout(), missing + missing + missing + sw);
@@ -254,17 +253,14 @@ TEST_F(Serve, DataBodyThenCookieAndTheBodyLimit) {
 
 int echo(mgiInfo *i) {
     if (i->rqt_type == 5) mgi_data_changed(i);
-    accept_preprovisoning_data(i);
-    set_rsptype(i, MGI_RSP_FINAL);
-    return 0;
+    return accept_preprovisoning_data(i), set_rsptype(i, MGI_RSP_FINAL), 0;
 }
 
 TEST_F(Serve, PreprovisioningEchoesTheRequestPayloadUnlessDataChanged) {
     add_entity({}, M | 0x33, 0, nullptr, nullptr, record_data, echo);
     Bytes q = request({M | 0x33}, 0, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}, {MGI_SEG_COOKIE, {4}, 6}});
     Response r = serve(q);
-    EXPECT_EQ(r.len(), q.size() - 312);
-    EXPECT_TRUE(std::equal(q.begin() + 312, q.end(), r.bytes.begin() + 312));
+    EXPECT_TRUE(r.len() == q.size() - 312 && std::equal(q.begin() + 312, q.end(), r.bytes.begin() + 312));
     EXPECT_EQ(serve(request({M | 0x33}, 5, {{MGI_SEG_RULEDATA, {1, 2, 3}, 5}})).len(), 0);
 }
 
