@@ -3,9 +3,13 @@
 #ifndef MGMT_TEST_APP_FIXTURE_H
 #define MGMT_TEST_APP_FIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mgmt/mgi_app.h"
@@ -15,7 +19,12 @@ namespace app_test {
 
 using mgmt::put_be16;
 using mgmt::put_be32;
+using mgmt_test::be16;
+using mgmt_test::be32;
 using mgmt_test::Bytes;
+using mgmt_test::ConsoleCapture;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 namespace hdr = mgmt::hdr;
 using mgmt_test::Seg;
 
