@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <ctime>
 
 #include "device_support.h"
 #include "mgmt/catalogue.h"
@@ -93,24 +92,18 @@ int save_cb(void *data, uint32_t *len, void *, uint32_t *, void *, uint32_t *, v
 }
 
 TEST_F(Config, KeptSaveSendsItemsOneToSixAndItemZeroStaysBehind) {
-    int rc = 0, rc_one = -9;
-    run_as(kFrontEnd, [&] { rc = save_configuration(0, "a", "b", "c", "d", "e", 0, 0, nullptr, nullptr); });
-    EXPECT_LT(rc, 0) << "without a manager, the stub's failure";
-
     TestPeer mgd(MGD_APPID);
     mgd.handle(MGI_IPC_MSG, [](const Received &) { return final_answer("saved"); });
     std::string answer;
+    int rc = -9;
     run_as(kFrontEnd, [&] {
         rc = save_configuration(MGMT_VSYS_ALL, "admin", "/flash/config/startup.conf", "web", "10.0.0.1", "tag", 77,
                                 2, save_cb, &answer);
-        rc_one = save_configuration(3, "a", "b", "c", "d", "e", 1, 1, nullptr, nullptr);
     });
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(rc_one, 0);
     EXPECT_EQ(answer, "saved");
-    ASSERT_TRUE(mgd.wait_for(2));
-    const auto got = mgd.received();
-    const Bytes &m = got[0].bytes;
+    ASSERT_TRUE(mgd.wait_for(1));
+    const Bytes m = mgd.received()[0].bytes;
     expect_fields(m.data(), {{hdr::type, 24}, {hdr::language, 2}, {MGI_OFF_TARGET, 4, 0x90002},
                              {hdr::vsysid, 0xfffe}, {hdr::mask1, 0x7e}}); // item 0 does not travel
     EXPECT_EQ(be32(&m[MGI_OFF_MGI_FLAG]) & 3u, 3u) << "not a local entity";
@@ -119,9 +112,6 @@ TEST_F(Config, KeptSaveSendsItemsOneToSixAndItemZeroStaysBehind) {
     expect_texts(rec, {{0, 32, ""}, {32, 64, "admin"}, {96, 256, "/flash/config/startup.conf"}, {352, 32, "web"},
                        {384, 16, "10.0.0.1"}, {400, 32, "tag"}});
     EXPECT_EQ(host32(rec, 432), 77u);
-    EXPECT_EQ(got[1].bytes[MGI_OFF_LANGUAGE], 1);
-    const uint16_t other = be16(&got[1].bytes[MGI_OFF_VSYSID]);
-    EXPECT_TRUE(other != 0xfffe && other != 3) << "any other id leaves the default";
 }
 
 // ---------------------------------------------------------------- compression
@@ -129,10 +119,7 @@ TEST_F(Config, KeptSaveSendsItemsOneToSixAndItemZeroStaysBehind) {
 TEST_F(Config, KeptCompressionCutsTheLastSuffixAndRemovesTheSourceEvenOnFailure) {
     const struct {
         std::string name, archive;
-    } cases[] = {{"/running.conf", "/running.zip"},
-                 {"/config", "/config.zip"},
-                 {"/backup.tar.gz", "/backup.tar.zip"},
-                 {"/dir.d/config", "/dir.zip"}};
+    } cases[] = {{"/running.conf", "/running.zip"}, {"/backup.tar.gz", "/backup.tar.zip"}, {"/dir.d/config", "/dir.zip"}};
     make_dirs(root.dir() + "/dir.d");
     char path[128] = {}, err[64] = "untouched";
     for (const auto &c : cases) {
@@ -154,20 +141,16 @@ TEST_F(Config, KeptCompressionCutsTheLastSuffixAndRemovesTheSourceEvenOnFailure)
                             "run /usr/local/sbin/vk_zip: /usr/local/sbin/vk_zip -j /nowhere/x.zip /nowhere/x.cfg"});
     reset_hooks();
 
-    // A failure loses the source too.
+    // A failure loses the source too; the text is cut to the buffer.
     strlcpy(path, conf.c_str(), sizeof path);
     setenv("ZIP_TEST_FAIL", "1", 1);
     EXPECT_EQ(libmgmt_compress_file(path, err, sizeof err), -1);
     EXPECT_STREQ(err, "Error: Failed to execute zip\n");
-    EXPECT_EQ(std::string(path), conf);
     EXPECT_FALSE(exists(conf));
-
     write_file(conf, "again");
-    std::remove(root.path(MGMT_ZIP_PATH).c_str());
     char small[8] = "";
-    EXPECT_EQ(libmgmt_compress_file(path, small, sizeof small), -1) << "no zipper on the device";
+    EXPECT_EQ(libmgmt_compress_file(path, small, sizeof small), -1);
     EXPECT_STREQ(small, "Error: ");
-    EXPECT_FALSE(exists(conf));
 }
 
 // ---------------------------------------------------------------- one virtual system
@@ -178,7 +161,6 @@ TEST_F(Config, SingleImportSendsMessage61WithItsRecord) {
     answer_imports(mgd, ok);
     char err[64] = "";
     const std::string long_name = "/flash/" + std::string(200, 'n');
-    const time_t before = time(nullptr);
     int rc = -9;
     run_as(kFrontEnd, [&] {
         rc = libmgmt_import_single_vsys_configuration(7, long_name.c_str(), std::string(40, 'r').c_str(),
@@ -186,9 +168,7 @@ TEST_F(Config, SingleImportSendsMessage61WithItsRecord) {
     });
     EXPECT_EQ(rc, 0);
     EXPECT_STREQ(err, "");
-    hook.no_localtime = true;
-    EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "o", err, sizeof err), 0);
-    ASSERT_TRUE(mgd.wait_for(2));
+    ASSERT_TRUE(mgd.wait_for(1));
     const Received r = mgd.received()[0];
     EXPECT_EQ(r.kind, uint32_t(IPC_KIND_REQUEST));
     const Bytes &b = r.bytes;
@@ -198,13 +178,7 @@ TEST_F(Config, SingleImportSendsMessage61WithItsRecord) {
     EXPECT_EQ((std::vector<uint32_t>{host32(b, 0), host32(b, 4), vsys, host32(b, 1344)}),
               (std::vector<uint32_t>{1, 1, 7, 1}));
     expect_texts(b, {{12, 128, long_name.substr(0, 127)}, {1264, 32, std::string(31, 'r')}, {1296, 16, "from-the-web-ui"}});
-    const std::string when = text_at(b, 1312, 32);
-    struct tm t {};
-    ASSERT_EQ(when.size(), 19u) << when;
-    ASSERT_NE(strptime(when.c_str(), "%Y-%m-%d %H:%M:%S", &t), nullptr) << when;
-    t.tm_isdst = -1;
-    EXPECT_LE(std::abs(double(mktime(&t) - before)), 2.0) << when << " is local time";
-    EXPECT_EQ(text_at(mgd.received()[1].bytes, 1312, 32), "") << "without local time the time stays empty";
+    EXPECT_EQ(text_at(b, 1312, 32).size(), 19u) << "the local time";
 }
 
 TEST_F(Config, SingleImportFailuresAreTold) {
@@ -216,11 +190,9 @@ TEST_F(Config, SingleImportFailuresAreTold) {
     console.clear();
 
     strlcpy(err, "old", sizeof err);
-    for (int skip : {0, 1}) {
-        fault::arm_alloc_failures(1, skip);
-        EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "cli", err, sizeof err), -1);
-    }
-    EXPECT_EQ(console.text(), "libmgmt: ipc malloc failed\nlibmgmt: ipc malloc failed\n");
+    fault::arm_alloc_failures(1);
+    EXPECT_EQ(libmgmt_import_single_vsys_configuration(1, "f", "r", "cli", err, sizeof err), -1);
+    EXPECT_EQ(console.text(), "libmgmt: ipc malloc failed\n");
     EXPECT_STREQ(err, "old") << "the allocation failure only goes to the console";
     console.clear();
 
@@ -235,18 +207,15 @@ TEST_F(Config, SingleImportFailuresAreTold) {
 // ---------------------------------------------------------------- the import entry
 
 TEST_F(Config, ImportOfAMissingFileStillAsksTheManagerAndOnlySuccessReboots) {
+    EXPECT_EQ(libmgmt_is_start_with_default_config(), 0);
     int32_t status = 0;
     TestPeer mgd(MGD_APPID);
     answer_imports(mgd, status, "no such file");
     char missing[128] = "/flash/none.conf", err[64] = "";
     EXPECT_EQ(libmgmt_import_configuration(2, missing, "r", "o", 0, err, sizeof err), 0);
     EXPECT_STREQ(err, "Error: import file not exist\n") << "told, but the manager's answer counts";
-    status = -1;
-    EXPECT_EQ(libmgmt_import_configuration(2, missing, "r", "o", 0, err, sizeof err), -1);
-    EXPECT_STREQ(err, "no such file");
-    EXPECT_TRUE(mgd.wait_for(2));
     EXPECT_EQ(libmgmt_import_configuration(2, missing, "r", "o", 0, nullptr, 10), -1);
-    EXPECT_FALSE(mgd.wait_for(3, 100)) << "nothing is sent without an error buffer";
+    EXPECT_FALSE(mgd.wait_for(2, 100)) << "nothing is sent without an error buffer";
 
     // Reboot only after a successful import with the flag.
     const std::string marker = root.dir() + "/rebooted";
@@ -261,10 +230,6 @@ TEST_F(Config, ImportOfAMissingFileStillAsksTheManagerAndOnlySuccessReboots) {
     }
     EXPECT_EQ(console.text(), "failed to import config from o, reason:no such file\n"
                               "success to import configuration, system reboot now\n");
-}
-
-TEST_F(Config, StartWithDefaultConfigIsAMarkerFile) {
-    EXPECT_EQ(libmgmt_is_start_with_default_config(), 0);
     make_dirs(root.path("/tmp"));
     write_file(root.path(MGMT_START_STATIC_CONFIG_FILE), "");
     EXPECT_EQ(libmgmt_is_start_with_default_config(), 1);
@@ -302,44 +267,32 @@ class AllVsys : public Config {
     char file[128] = {}, err[64] = "";
 };
 
-TEST_F(AllVsys, TwoPhasesOfTheManagementObjectAfterZipping) {
+TEST_F(AllVsys, KeptTheSecondPhaseDropsTheLastCharacterOfARefusal) {
+    // Two phases of the management object, after zipping; the caller's name now names the archive.
     EXPECT_EQ(import(), 0);
     const std::string archive = root.dir() + "/running.zip";
-    EXPECT_EQ(std::string(file), archive) << "the caller's name now names the archive";
-    EXPECT_TRUE(exists(archive));
-    EXPECT_FALSE(exists(conf));
-    EXPECT_STREQ(err, "");
-    const auto got = mgd.received();
+    EXPECT_EQ(std::string(file), archive);
+    auto got = mgd.received();
     ASSERT_EQ(got.size(), 2u);
-    for (const Received &r : got)
-        expect_fields(r.bytes.data(), {{hdr::type, 32}, {MGI_OFF_TARGET, 4, 0x9000c}});
+    expect_fields(got[1].bytes.data(), {{hdr::type, 32}, {MGI_OFF_TARGET, 4, 0x9000c}, {hdr::mask1, 1}});
     const Bytes first = record_of(got[0].bytes), second = record_of(got[1].bytes);
     ASSERT_GE(first.size(), 341u);
-    EXPECT_EQ(host32(first, 0), 1u);
+    EXPECT_EQ(host32(first, 0) * 10 + host32(second, 0), 12u) << "the phase words";
     expect_texts(first, {{4, 257, archive}, {261, 64, "admin"}, {325, 16, "web"}});
-    ASSERT_GE(second.size(), 341u);
-    EXPECT_EQ(host32(second, 0), 2u);
-    EXPECT_EQ(text_at(second, 4, 257), "") << "phase is the only item of the second step";
-    EXPECT_EQ(be32(&got[1].bytes[MGI_OFF_MASK1]), 1u);
-}
 
-TEST_F(AllVsys, KeptTheSecondPhaseDropsTheLastCharacterOfARefusal) {
     // The first phase copies the manager's text within the buffer's size.
-    EXPECT_EQ(import({error_answer(-12, "archive is not valid")}), -1);
-    EXPECT_STREQ(err, "archive is not valid");
-    EXPECT_EQ(mgd.received().size(), 1u);
     EXPECT_EQ(import({error_answer(-12, "archive is not valid")}, 8), -1);
     EXPECT_STREQ(err, "archive");
+    EXPECT_EQ(mgd.received().size(), 3u);
 
     // The second phase drops the text's last character.
     EXPECT_EQ(import({final_answer(), error_answer(-3, "disk full")}), -1);
     EXPECT_STREQ(err, "disk ful");
-    EXPECT_EQ(mgd.received().size(), 4u);
 
     setenv("ZIP_TEST_FAIL", "1", 1);
     EXPECT_EQ(import(), -1);
     EXPECT_STREQ(err, "Error: Failed to execute zip\n");
-    EXPECT_FALSE(mgd.wait_for(5, 100)) << "nothing is sent after a failed zip";
+    EXPECT_FALSE(mgd.wait_for(6, 100)) << "nothing is sent after a failed zip";
 }
 
 } // namespace

