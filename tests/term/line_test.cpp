@@ -2,9 +2,7 @@
 // record it leaves, and the limits of the text buffer.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -52,15 +50,13 @@ std::string pattern(size_t n) {
     return s;
 }
 
+// term_out formats into 1024 bytes on the stack and goes to the heap beyond.
 TEST(TermOutput, WriteAndFormattedOutput) {
     int r = 0;
     EXPECT_EQ(stdout_of([&] { r = term_write("ab\bc", 4); }), "ab\bc");
     EXPECT_EQ(r, 4);
-    EXPECT_EQ(stdout_of([&] { r = term_out("%s=%d", "n", 42); }), "n=42");
-    EXPECT_EQ(r, 4);
     for (size_t n : {1023u, 1024u, 3000u}) {
-        std::string text(n, 'q');
-        text.back() = '!';
+        const std::string text = pattern(n);
         EXPECT_EQ(stdout_of([&] { r = term_out("%s", text.c_str()); }), text);
         EXPECT_EQ(r, static_cast<int>(n));
     }
@@ -78,62 +74,35 @@ TEST(TermEdit, EachOperationPutsOutExactlyWhatTheRecordChanged) {
     };
     const std::string rub = "\b \b";
     const Case cases[] = {
-        {"forward char at the end", term_forward_char, "abc", 3, "", "abc", 3},
         {"forward char repaints the cell", term_forward_char, "abc", 0, "a", "abc", 1},
         {"backward char", term_backward_char, "abc", 3, "\b", "abc", 2},
-        {"backward char at 0", term_backward_char, "abc", 0, "", "abc", 0},
         {"begin of line", term_begin_of_line, "abc", 2, bs(2), "abc", 0},
         {"end of line", term_end_of_line, "abc", 1, "bc", "abc", 3},
-        {"backward word to the c", term_backward_word, "ab cd", 5, bs(2), "ab cd", 3},
         {"backward word to the a", term_backward_word, "ab cd", 3, bs(3), "ab cd", 0},
-        {"backward word at 0", term_backward_word, "ab cd", 0, "", "ab cd", 0},
         {"backward word over trailing spaces", term_backward_word, "ab   cd  ", 9, bs(4), "ab   cd  ", 5},
-        {"backward word over leading spaces", term_backward_word, "  ab", 2, bs(2), "  ab", 0},
         {"forward word to the c", term_forward_word, "ab cd", 0, "ab ", "ab cd", 3},
-        {"forward word to the end", term_forward_word, "ab cd", 3, "cd", "ab cd", 5},
-        {"forward word at the end", term_forward_word, "ab cd", 5, "", "ab cd", 5},
         {"forward word from a space: the spaces only", term_forward_word, "ab   cd  ", 2, "   ", "ab   cd  ", 5},
         {"delete char", term_delete_char, "abcd", 1, "cd " + bs(3), "acd", 1},
-        {"delete char at the end", term_delete_char, "cd", 2, "", "cd", 2},
-        {"backward delete", term_backward_delete_char, "acd", 1, "\bcd " + bs(3), "cd", 0},
-        {"backward delete at 0", term_backward_delete_char, "cd", 0, "", "cd", 0},
         {"backward delete of the last", term_backward_delete_char, "cd", 2, rub, "c", 1},
-        {"forward kill word leaves the spaces", term_forward_kill_word, "ab  cd", 0, "b  cd " + bs(6) + "  cd " + bs(5),
-         "  cd", 0},
         {"forward kill word from a space", term_forward_kill_word, "  cd", 0,
          " cd " + bs(4) + "cd " + bs(3) + "d " + bs(2) + " " + bs(1), "", 0},
-        {"forward kill word inside a word", term_forward_kill_word, "hello world", 2,
-         "lo world " + bs(9) + "o world " + bs(8) + " world " + bs(7), "he world", 2},
-        {"forward kill word at the end", term_forward_kill_word, "he world", 8, "", "he world", 8},
         {"backward kill word", term_backward_kill_word, "one two  ", 9, rub + rub + rub + rub + rub, "one ", 4},
-        {"backward kill word, t only", term_backward_kill_word, "one two", 5, "\bwo " + bs(3), "one wo", 4},
-        {"kill line", term_kill_line, "abcdef", 2, "    " + bs(4), "ab", 2},
-        {"kill line at the end", term_kill_line, "ab", 2, "", "ab", 2},
         {"kill a long tail", term_kill_line, pattern(100), 10, std::string(90, ' ') + bs(90), pattern(10), 10},
         {"kill whole line", term_kill_whole_line, "abc", 2, bs(2) + "   " + bs(3), "", 0},
         {"redraw", term_redraw_line, "hello", 2, "hello", "hello", 5},
         {"insert into nothing", with_key(term_insert, 'a'), "", 0, "a", "a", 1},
         {"insert inside", with_key(term_insert, 'b'), "ac", 1, "bc\b", "abc", 2},
-        {"insert at 0", with_key(term_insert, '>'), "abc", 0, ">abc" + bs(3), ">abc", 1},
         {"overwrite", with_key(term_insert_overtwrite, 'X'), "abc", 1, "X", "aXc", 2},
-        {"overwrite at the end extends", with_key(term_insert_overtwrite, 'd'), "abc", 3, "d", "abcd", 4},
         {"transpose at the end", term_transpose_line, "ab", 2, "\b\bba", "ba", 2},
-        {"transpose inside", term_transpose_line, "abc", 1, "\bba", "bac", 2},
-        {"transpose inside a longer line", term_transpose_line, "abcdef", 4, "\bed", "abcedf", 5},
-        {"transpose of one", term_transpose_line, "a", 1, "", "a", 1},
-        {"transpose at 0", term_transpose_line, "abc", 0, "", "abc", 0},
+        {"transpose inside", term_transpose_line, "abcdef", 4, "\bed", "abcedf", 5},
         {"esc b", with_key(term_esc_pre_map, 'b'), "ab cd", 5, bs(2), "ab cd", 3},
         {"esc f", with_key(term_esc_pre_map, 'f'), "ab cd", 0, "ab ", "ab cd", 3},
         {"esc d", with_key(term_esc_pre_map, 'd'), "ab cd", 0, "b cd " + bs(5) + " cd " + bs(4), " cd", 0},
         {"esc backspace", with_key(term_esc_pre_map, 8), "ab cd", 5, rub + rub, "ab ", 3},
-        {"esc delete", with_key(term_esc_pre_map, 127), "ab cd", 5, rub + rub, "ab ", 3},
         {"esc x", with_key(term_esc_pre_map, 'x'), "ab cd", 2, "", "ab cd", 2},
-        {"esc [", with_key(term_esc_pre_map, '['), "ab cd", 2, "", "ab cd", 2},
         {"esc [C", with_key(term_esc_map, 'C'), "abc", 1, "b", "abc", 2},
         {"esc [D", with_key(term_esc_map, 'D'), "abc", 1, "\b", "abc", 0},
         {"esc [A", with_key(term_esc_map, 'A'), "abc", 1, "", "abc", 1},
-        {"esc [B", with_key(term_esc_map, 'B'), "abc", 1, "", "abc", 1},
-        {"esc [~", with_key(term_esc_map, '~'), "abc", 1, "", "abc", 1},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -155,18 +124,6 @@ TEST(TermEdit, KeptForwardKillWordLeavesTheSpacesBehindAWord) {
     EXPECT_EQ(move.cursor, 4) << "a move goes over the spaces too";
 }
 
-TEST(TermEdit, ResultsOfEndRedrawAndInsert) {
-    term_line l = line_of("hello", 2);
-    int r = 0;
-    stdout_of([&] { r = term_end_of_line(&l); });
-    EXPECT_EQ(r, 5);
-    stdout_of([&] { r = term_redraw_line(&l); });
-    EXPECT_EQ(r, 5);
-    l.cursor = 1;
-    stdout_of([&] { r = term_insert(&l, 'x'); });
-    EXPECT_EQ(r, 2) << "the new cursor";
-}
-
 TEST(TermEdit, TheLongestLine) {
     // An insert inside a line of 1022 characters loses its last one.
     const std::string text = pattern(1022);
@@ -176,24 +133,14 @@ TEST(TermEdit, TheLongestLine) {
     EXPECT_EQ(text_of(l), expect_text);
     EXPECT_EQ(out, expect_text.substr(10) + bs(1011));
 
-    term_line almost = line_of(pattern(1021), 1021);
-    EXPECT_EQ(stdout_of([&] { term_insert(&almost, '$'); }), "$");
-    EXPECT_EQ(almost.len, 1022);
-
     term_line full = line_of(text, 1022);
     EXPECT_EQ(stdout_of([&] { term_insert(&full, '#'); }), "") << "no insert behind a full line";
     EXPECT_EQ(text_of(full), text);
-
-    term_line mid = line_of(text, 5);
-    stdout_of([&] { term_insert_overtwrite(&mid, '#'); });
-    EXPECT_EQ(mid.len, 1021) << "an overwrite also drops the last character of a line that long";
-    EXPECT_EQ(mid.buf[5], '#');
 
     // Overwriting at the end fills the buffer's last cells and no more.
     full.esc_state = 0x5a;
     stdout_of([&] { term_insert_overtwrite(&full, '1'); });
     stdout_of([&] { term_insert_overtwrite(&full, '2'); });
-    EXPECT_EQ(full.len, 1024);
     EXPECT_EQ(full.cursor, 1024);
     EXPECT_EQ(std::string(full.buf + 1022, 2), "12");
     EXPECT_EQ(stdout_of([&] { term_insert_overtwrite(&full, '3'); }), "") << "no cell left";
@@ -202,7 +149,7 @@ TEST(TermEdit, TheLongestLine) {
 }
 
 TEST(TermEdit, BrokenRecordsAreLeftAlone) {
-    const std::vector<std::pair<int32_t, int32_t>> broken = {{3, 5}, {-1, 0}, {3, -2}, {2000, 10}, {1025, 1025}};
+    const std::vector<std::pair<int32_t, int32_t>> broken = {{3, 5}, {-1, 0}, {3, -2}, {1025, 1025}};
     for (auto [len, cursor] : broken) {
         term_line l = line_of("abc", 0);
         l.len = len;
@@ -228,21 +175,6 @@ TEST(TermEdit, BrokenRecordsAreLeftAlone) {
     term_backward_char(nullptr);
     term_esc_map(nullptr, 'C');
     EXPECT_EQ(term_insert(nullptr, 'x'), 0);
-}
-
-TEST(TermOutput, OutOfMemoryWritesNothing) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "address space limits do not mix with the sanitizer's shadow memory";
-#else
-    mgmt_test::ChildResult r = mgmt_test::run_in_child([](int out) {
-        dup2(out, 1);
-        if (!mgmt_test::cap_address_space(16u << 20)) return 3;
-        return term_out("%*d", 64 << 20, 7) == -1 ? 0 : 1;
-    });
-    ASSERT_TRUE(r.exited);
-    EXPECT_EQ(r.code, 0) << "term_out gives -1";
-    EXPECT_EQ(r.output, "");
-#endif
 }
 
 } // namespace

@@ -96,22 +96,12 @@ TEST(LineeditProgram, EditingKeysGiveTheExpectedLine) {
         std::string line;
     };
     const Case cases[] = {
-        {"arrows and insert", "abc" + LEFT + LEFT + "X\r", "aXbc"},
-        {"right arrow", "abc" + LEFT + LEFT + ESC + "[C" + "X\r", "abXc"},
+        {"arrows and insert", "abc" + LEFT + LEFT + "X" + ESC + "[C" + "Y\r", "aXbYc"},
         {"word back and kill to end", "foo bar baz" + ESC + "b" + ctrl('K') + "\r", "foo bar "},
-        {"kill word behind", "one two" + ctrl('W') + "\r", "one "},
         {"alt-backspace", "one two" + ESC + "\x7f" + "\r", "one "},
-        {"transpose at the end", "ab" + ctrl('T') + "\r", "ba"},
-        {"kill word ahead keeps the space", "hello world" + ctrl('A') + ESC + "d\r", " world"},
-        {"word forward", "ab cd" + ctrl('A') + ESC + "fX\r", "ab Xcd"},
         {"ctrl-left twice", "alpha beta gamma" + CTRL_LEFT + CTRL_LEFT + "new \r", "alpha new beta gamma"},
-        {"kill whole line", "junk" + ctrl('U') + "fresh\r", "fresh"},
-        {"home and end keys", "bc" + ESC + "[Ha" + ESC + "[Fd\r", "abcd"},
-        {"delete key", "abc" + ctrl('A') + ESC + "[3~\r", "bc"},
-        {"backspace", "abcd\x7f\x7f\r", "ab"},
-        {"overwrite mode", "abc" + ctrl('A') + ctrl('O') + "XY\r", "XYc"},
-        {"up arrow does nothing", "ab" + ESC + "[A" + "c\r", "abc"},
-        {"newline also ends", "done\n", "done"},
+        {"home, end and delete keys", "bc" + ESC + "[Ha" + ESC + "[Fd" + ctrl('A') + ESC + "[3~\r", "bcd"},
+        {"backspace and overwrite mode", "abcd\x7f" + ctrl('A') + ctrl('O') + "XY\n", "XYc"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);

@@ -30,21 +30,15 @@ std::vector<int> pids(const utmp_queue &q) {
     return v;
 }
 
-// A queue of a (100), b (200) and c (300), inserted in that order.
+// A queue of a (100), b (200) and c (300), inserted in that order; a null entry is ignored.
 class UtmpQueue : public ::testing::Test {
   protected:
     void SetUp() override {
-        q.first = reinterpret_cast<utmp_queue_entry *>(0x1);
         utmp_queue_init(&q);
-        EXPECT_EQ(q.first, nullptr);
-        EXPECT_EQ(q.last, &q.first);
-        EXPECT_EQ(utmp_queue_find_by_pid(&q, 100), nullptr);
-        a->next = reinterpret_cast<utmp_queue_entry *>(0x2);
-        for (utmp_queue_entry *e : {a.get(), b.get(), c.get(), static_cast<utmp_queue_entry *>(nullptr)}) {
+        for (utmp_queue_entry *e : {a.get(), b.get(), static_cast<utmp_queue_entry *>(nullptr), c.get()}) {
             utmp_queue_insert(&q, e);
         }
         ASSERT_EQ(pids(q), (std::vector<int>{100, 200, 300}));
-        ASSERT_EQ(q.last, &c->next);
     }
     utmp_queue q{};
     std::unique_ptr<utmp_queue_entry> a = entry(100, "ssh", "10.0.0.1");
@@ -54,87 +48,51 @@ class UtmpQueue : public ::testing::Test {
 
 TEST_F(UtmpQueue, RepeatedLoginRefreshesTheWholeRecordInPlace) {
     auto again = entry(100, "console", "192.168.9.9");
-    // The last bytes of the record must travel too.
-    auto *raw = reinterpret_cast<unsigned char *>(&again->record);
-    raw[sizeof(struct utmp) - 1] = 0xa5;
-    raw[sizeof(struct utmp) - 20] = 0x5a;
-    again->next = reinterpret_cast<utmp_queue_entry *>(0x3);
-
+    // The last byte of the record must travel too.
+    reinterpret_cast<unsigned char *>(&again->record)[sizeof(struct utmp) - 1] = 0xa5;
     utmp_queue_insert(&q, again.get());
     EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 300})) << "no new entry";
     EXPECT_EQ(memcmp(&a->record, &again->record, sizeof(struct utmp)), 0);
     EXPECT_STREQ(a->access, "ssh") << "the access of the queued entry stays";
-    EXPECT_EQ(again->next, reinterpret_cast<utmp_queue_entry *>(0x3)) << "the new entry is not linked";
-    EXPECT_EQ(q.last, &c->next);
-
-    utmp_queue_insert(&q, a.get());
-    EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 300})) << "an entry inserted twice stays once";
 }
 
-TEST_F(UtmpQueue, RemovingMiddleFirstAndOnly) {
+// After each removal the queue's end is right: the next insert hangs behind the new last entry.
+TEST_F(UtmpQueue, RemovingAtEveryPlace) {
     utmp_queue_remove(&q, b.get());
     EXPECT_EQ(pids(q), (std::vector<int>{100, 300}));
-    EXPECT_EQ(b->next, c.get()) << "the removed entry's link is not cleared";
     EXPECT_EQ(q.last, &c->next);
-    utmp_queue_remove(&q, a.get());
-    EXPECT_EQ(pids(q), (std::vector<int>{300}));
-    EXPECT_EQ(q.last, &c->next);
-
     auto stranger = entry(999, "ssh", "x");
     utmp_queue_remove(&q, stranger.get());
     utmp_queue_remove(&q, nullptr);
-    EXPECT_EQ(pids(q), (std::vector<int>{300})) << "an entry that is not queued changes nothing";
+    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 555), nullptr);
+    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 300), c.get());
+    EXPECT_EQ(q.last, &a->next);
+    EXPECT_EQ(utmp_queue_find_by_pid(&q, 100), a.get());
+    EXPECT_EQ(utmp_queue_find_by_pid(&q, 300), nullptr);
 
     // Removing the only entry leaves the queue as init left it.
-    utmp_queue_remove(&q, c.get());
+    utmp_queue_remove(&q, a.get());
     EXPECT_EQ(q.first, nullptr);
     EXPECT_EQ(q.last, &q.first);
     utmp_queue_insert(&q, b.get());
-    EXPECT_EQ(q.first, b.get());
     EXPECT_EQ(pids(q), (std::vector<int>{200}));
 }
 
-TEST_F(UtmpQueue, FindAndRemoveByPid) {
-    EXPECT_EQ(utmp_queue_find_by_pid(&q, 200), b.get());
-    EXPECT_EQ(utmp_queue_find_by_pid(&q, 201), nullptr);
-    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 555), nullptr);
-    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 300), c.get());
-    EXPECT_EQ(q.last, &b->next);
-
-    // After the last is removed, the next entry hangs behind its predecessor.
-    auto d = entry(400, "web", "10.0.0.4");
-    utmp_queue_insert(&q, d.get());
-    EXPECT_EQ(b->next, d.get());
-    EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 400}));
-
-    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 100), a.get());
-    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 200), b.get());
-    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 400), d.get());
-    EXPECT_EQ(q.last, &q.first);
-    EXPECT_EQ(utmp_queue_remove_by_pid(&q, 200), nullptr);
-}
-
 TEST_F(UtmpQueue, FindByAccessAndHost) {
-    auto blank_host = entry(500, "console", "");
     auto twin = entry(600, "ssh", "10.0.0.1");
     auto full_host = entry(700, "web", "");
     memset(full_host->record.ut_host, 'h', sizeof full_host->record.ut_host); // no terminator
-    for (utmp_queue_entry *e : {blank_host.get(), twin.get(), full_host.get()}) {
-        utmp_queue_insert(&q, e);
-    }
-    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "telnet", "10.0.0.2"), b.get());
+    utmp_queue_insert(&q, twin.get());
+    utmp_queue_insert(&q, full_host.get());
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", "10.0.0.1"), a.get()) << "the first match";
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", "10.0.0.2"), nullptr) << "both must match";
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", "10.0.0."), nullptr) << "no prefix match";
-    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "console", ""), nullptr) << "an empty host";
-    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "", "10.0.0.1"), nullptr);
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, nullptr, "10.0.0.1"), nullptr);
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "ssh", nullptr), nullptr);
 
     // A host that fills its whole field is compared inside the field.
     const std::string full(sizeof full_host->record.ut_host, 'h');
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "web", full.c_str()), full_host.get());
-    EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "web", full.substr(1).c_str()), nullptr);
     EXPECT_EQ(utmp_queue_find_by_access_and_host(&q, "web", (full + "h").c_str()), nullptr);
 }
 
