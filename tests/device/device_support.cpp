@@ -126,12 +126,11 @@ LogCapture::~LogCapture() { vk_clog_set_sink(nullptr, nullptr); }
 
 void reset_hooks() {
     fault::disarm();
-    hook.wait_fails = hook.no_localtime = false;
-    hook.child_wait_status = hook.lock_driver = -1;
+    hook.wait_fails = false;
+    hook.child_wait_status = -1;
     hook.system = hook.popen = Hooks::run;
     hook.popen_substitute = ":";
     hook.access_suffix.clear();
-    hook.lock_calls = 0;
     hook.log.clear();
     run_set_capture(nullptr, nullptr);
 }
@@ -293,25 +292,4 @@ STAND_IN int access(const char *path, int mode) {
     }
     errno = EACCES;
     return -1;
-}
-
-STAND_IN int ioctl(int fd, unsigned long request, ...) {
-    using fn_t = int (*)(int, unsigned long, ...);
-    REAL("ioctl");
-    va_list ap;
-    va_start(ap, request);
-    auto *rec = static_cast<uint16_t *>(va_arg(ap, void *));
-    va_end(ap);
-    if (hook.lock_driver < 0 || request != 7) return real(fd, request, rec);
-    hook.lock_seen[0] = rec[0];
-    hook.lock_seen[1] = rec[1];
-    ++hook.lock_calls;
-    rec[1] = rec[0] == hook.lock_driver ? 1 : 0;
-    return 0;
-}
-
-STAND_IN struct tm *vk_localtime(const time_t *t, struct tm *out) {
-    using fn_t = struct tm *(*)(const time_t *, struct tm *);
-    REAL("vk_localtime");
-    return hook.no_localtime ? nullptr : real(t, out);
 }

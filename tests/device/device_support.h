@@ -80,10 +80,6 @@ struct Hooks {
     std::string popen_substitute = ":";
     std::string access_suffix; // access() of a path ending so, asked for access_bit: EACCES
     int access_bit = 0;
-    int lock_driver = -1;      // ioctl() request 7 acts as the vsys lock driver that locks this id only,
-    uint16_t lock_seen[2] = {}; // and keeps the last record handed over and the number of calls
-    int lock_calls = 0;
-    bool no_localtime = false; // vk_localtime() gives null
     // Everything recorded by system, popen and the run capture, in order:
     // "system: <line>", "popen <mode>: <line>", "run <program>: <line>".
     std::vector<std::string> log;
