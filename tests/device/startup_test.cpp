@@ -7,7 +7,6 @@
 #include <cstring>
 #include <type_traits>
 
-#include <libintl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,21 +38,6 @@ TEST(Language, OnlyTheExactNameZhCnMeansChinese) {
         EXPECT_EQ(reply_len, 0u);
         EXPECT_EQ(get_sys_language(), want) << payload;
     }
-}
-
-TEST(Startup, InitStartsDebuggingAndLocaleNamesBindTheCatalogueOrNothing) {
-    setenv("MGMT_DEBUG", "1", 1);
-    EXPECT_EQ(vk_mgmt_init("test_device", 0, 0), 0);
-    EXPECT_EQ(vk_debug_enabled(), 1);
-    unsetenv("MGMT_DEBUG");
-    vk_language_init("zh_CN.UTF-8");
-    EXPECT_STREQ(bindtextdomain("msg", nullptr), "/usr/share/locale");
-    EXPECT_STREQ(bind_textdomain_codeset("msg", nullptr), "utf-8");
-    vk_language_init("zh_CN");
-    EXPECT_STREQ(textdomain(nullptr), "msg") << "other names change nothing";
-    vk_language_init("en_US.UTF-8");
-    EXPECT_STREQ(textdomain(nullptr), "messages") << "English selects the default domain";
-    setlocale(LC_ALL, "C");
 }
 
 TEST(Startup, PublishNoticeIsAnEmptyMessage324ToApplication15) {
