@@ -140,29 +140,6 @@ TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
     EXPECT_TRUE(matches(console(), "MGMTLIB: open file /etc/CMD_app78[0-9]+\\.tmp failed\n")) << console();
 }
 
-TEST_F(Command, RefusalsAndForkFailures) {
-    EXPECT_EQ(exec_command_set(nullptr, 0), -1);
-    EXPECT_EQ(exec_command_set("", 0), -1);
-    EXPECT_EQ(sigchld_handler(), SIG_DFL) << "nothing installed for a refused call";
-    {
-        ConsoleCapture console;
-        fault::fork_fail = 1;
-        EXPECT_EQ(exec_command_file_redirect("/nonexistent/cmds", "/nonexistent/out", 0, 1), -1);
-        EXPECT_EQ(console.text(), "MGMTLIB: fork process failed\n");
-    }
-    EXPECT_FALSE(any_child());
-
-    // The child cannot start the interpreter: it gives up and leaves its file.
-    fault::children_only = true;
-    fault::fork_fail = 1;
-    as_app(77, [&] { EXPECT_EQ(exec_command_set("set b", 0), 0); });
-    ASSERT_TRUE(children_gone());
-    EXPECT_EQ(console(), "MGMTLIB: fork process failed\n");
-    const auto left = command_files();
-    ASSERT_EQ(left.size(), 1u);
-    std::remove(root.path("/etc/" + left[0]).c_str());
-}
-
 TEST_F(Command, KeptAnImpossibleStatusIsTriedAgainAfterItsText) {
     EXPECT_EQ(mgmt_device::judge_child_status(3 << 8), ChildVerdict::done);
     EXPECT_EQ(mgmt_device::judge_child_status(SIGKILL), ChildVerdict::done);
@@ -174,7 +151,17 @@ TEST_F(Command, KeptAnImpossibleStatusIsTriedAgainAfterItsText) {
     EXPECT_EQ(console(), "MGMTLIB: child process error\n");
 }
 
-TEST_F(Command, ChildWithoutMemoryForItsListEndsAtOnce) {
+TEST_F(Command, RefusalsAndFailuresOfForkAndMemory) {
+    EXPECT_EQ(exec_command_set(nullptr, 0), -1);
+    EXPECT_EQ(exec_command_set("", 0), -1);
+    EXPECT_EQ(sigchld_handler(), SIG_DFL) << "nothing installed for a refused call";
+    {
+        ConsoleCapture console;
+        fault::fork_fail = 1;
+        EXPECT_EQ(exec_command_file_redirect("/nonexistent/cmds", "/nonexistent/out", 0, 1), -1);
+        EXPECT_EQ(console.text(), "MGMTLIB: fork process failed\n");
+    }
+    EXPECT_FALSE(any_child());
     if (!fault::kAllocFaults) GTEST_SKIP() << "the sanitizer's allocator cannot be stood in for";
     fault::children_only = true;
     AllocHook::size_fail_size = sizeof(buf_list);
@@ -190,9 +177,9 @@ TEST_F(Command, ChildWithoutMemoryForItsListEndsAtOnce) {
 class Redirect : public Command {
   protected:
     // A fresh command file, and the call on it.
-    int run(int mode, int wait_flag, const std::string &output = "") {
+    int run(int mode, int wait_flag) {
         write_file(file, "set a\nset b\n");
-        return exec_command_file_redirect(file.c_str(), (output.empty() ? out : output).c_str(), mode, wait_flag);
+        return exec_command_file_redirect(file.c_str(), out.c_str(), mode, wait_flag);
     }
     std::string file = root.dir() + "/batch.cmds", out = root.dir() + "/batch.out";
 };
@@ -202,20 +189,16 @@ class Redirect : public Command {
 TEST_F(Redirect, ModesChooseTheOptionsAndOutputIsAppended) {
     setenv("CLI_TEST_ACTION", "rm", 1);
     const std::string failed = "MGMTLIB: delete file (" + file + ") error\n";
-    const struct {
-        int mode;
-        const char *options;
-    } cases[] = {{0, "-b"}, {1, "-q -b"}, {2, "-q -C -b"}, {-1, "-b"}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.mode);
+    for (auto [mode, options] : {std::pair{0, "-b"}, {1, "-q -b"}, {2, "-q -C -b"}, {-1, "-b"}}) {
+        SCOPED_TRACE(mode);
         clear_outputs();
         write_file(out, "before\n");
-        EXPECT_EQ(run(c.mode, 1), 0);
+        EXPECT_EQ(run(mode, 1), 0);
         // With the wait flag the run is over when the call returns.
-        EXPECT_EQ(log_text(), std::string("argv:") + c.options + " " + file + "\n");
+        EXPECT_EQ(log_text(), std::string("argv:") + options + " " + file + "\n");
         EXPECT_EQ(read_file(out), "before\nran " + file + "\n");
         EXPECT_FALSE(any_child());
-        EXPECT_EQ(read_file(root.boot_console()) + "|" + console(), c.mode ? failed + "|" : "|" + failed);
+        EXPECT_EQ(read_file(root.boot_console()) + "|" + console(), mode ? failed + "|" : "|" + failed);
     }
     EXPECT_EQ(run(0, 0), 0);
     EXPECT_EQ(sigchld_handler(), &sig_int) << "without wait the handler reaps the child";

@@ -24,7 +24,6 @@ class Probes : public ::testing::Test {
         reset_hooks();
         unsetenv("MGMT_PLATFORM");
     }
-    void monitord(const std::string &text) { write_file(root.path(MGMT_CHILD_MONITORD_PID_FILE), text); }
     // popen() records its command and runs `substitute` in its stead.
     void popen_runs(const std::string &substitute) {
         hook.popen = Hooks::record;
@@ -40,13 +39,9 @@ template <typename Reply> void answer(TestPeer &peer, uint16_t msg, Reply reply)
 
 TEST_F(Probes, ChildMonitorPidIsDigitsAloneWithoutLineEnd) {
     EXPECT_EQ(get_child_monitord_pid(), -1) << "no file";
-    const struct {
-        const char *text;
-        int want;
-    } cases[] = {{"1234", 1234}, {"1234\n", -1}, {"", -1}, {"12a4", -1}, {"0000000000123456", 12345}};
-    for (const auto &c : cases) {
-        monitord(c.text);
-        EXPECT_EQ(get_child_monitord_pid(), c.want) << "'" << c.text << "'";
+    for (auto [text, want] : {std::pair{"1234", 1234}, {"1234\n", -1}, {"12a4", -1}, {"0000000000123456", 12345}}) {
+        write_file(root.path(MGMT_CHILD_MONITORD_PID_FILE), text);
+        EXPECT_EQ(get_child_monitord_pid(), want) << "'" << text << "'";
     }
 }
 
@@ -142,21 +137,17 @@ TEST_F(Probes, KeptNetworkManagerTimeoutIsASignedCompareAndAFailedCheckCountsAsT
     int32_t limit = 0, passed = 0, status = 0;
     TestPeer mgd(MGD_APPID);
     answer(mgd, 836, [&] { return Answer{host_words({0xffffffff, uint32_t(limit), uint32_t(passed)}), status, true}; });
-    const struct {
-        int32_t limit, passed;
-        int want;
-    } cases[] = {{30, 29, 0}, {30, 30, 1}, {-1, 0, 1}, {0, -1, 0}};
-    for (const auto &c : cases) {
-        limit = c.limit;
-        passed = c.passed;
-        EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), c.want) << c.limit << " " << c.passed;
+    for (auto [l, p, want] : {std::tuple{30, 29, 0}, {30, 30, 1}, {-1, 0, 1}, {0, -1, 0}}) {
+        limit = l;
+        passed = p;
+        EXPECT_EQ(libmgmt_check_network_manager_disconnect_timeout(), want) << l << " " << p;
     }
-    ASSERT_TRUE(mgd.wait_for(1));
+    ASSERT_TRUE(mgd.wait_for(4));
     EXPECT_EQ(mgd.received()[0].bytes, host_words({1, 0, 0}));
 
     // On an SD-WAN platform only; there a failed check counts as timed out.
     EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 0);
-    EXPECT_EQ(mgd.received().size(), std::size(cases)) << "not asked off the platform";
+    EXPECT_EQ(mgd.received().size(), 4u) << "not asked off the platform";
     setenv("MGMT_PLATFORM", "mq500_sdwan", 1);
     status = -1;
     EXPECT_EQ(libmgmt_is_sdwan_platform_and_network_manager_disconnect_timeout(), 1);
@@ -173,17 +164,12 @@ TEST_F(Probes, AvailabilityIsTheByteAtOffset44OfAFullReply) {
     int32_t status = 0;
     TestPeer app0(0);
     answer(app0, 880, [&] { return Answer{reply, status, true}; });
-    const struct {
-        size_t size;
-        uint8_t flag;
-        int32_t status;
-        int want;
-    } cases[] = {{64, 1, 0, 1}, {64, 2, 0, 0}, {63, 1, 0, -1} /* a short reply */, {64, 1, -1, -1}};
-    for (const auto &c : cases) {
-        reply.assign(c.size, 0);
-        reply[44] = c.flag;
-        status = c.status;
-        EXPECT_EQ(vk_get_avai_status_para(), c.want) << c.size << " " << int(c.flag) << " " << c.status;
+    // size, byte 44, status: the answer
+    for (auto [size, flag, st, want] : {std::tuple{64, 1, 0, 1}, {64, 2, 0, 0}, {63, 1, 0, -1}, {64, 1, -1, -1}}) {
+        reply.assign(size_t(size), 0);
+        reply[44] = uint8_t(flag);
+        status = st;
+        EXPECT_EQ(vk_get_avai_status_para(), want) << size << " " << flag << " " << st;
     }
     ASSERT_TRUE(app0.wait_for(1));
     EXPECT_EQ(app0.received()[0].bytes, Bytes(12, 0));
