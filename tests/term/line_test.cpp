@@ -28,13 +28,6 @@ std::string text_of(const term_line &l) { return std::string(l.buf, static_cast<
 
 std::string bs(int n) { return std::string(static_cast<size_t>(n), '\b'); }
 
-// Bytes behind len are zero after kills and deletes.
-void expect_zero_tail(const term_line &l, int32_t upto) {
-    for (int32_t i = l.len; i < upto; ++i) {
-        EXPECT_EQ(l.buf[i], 0) << "byte " << i;
-    }
-}
-
 using Op = std::function<void(term_line *)>;
 
 template <typename R>
@@ -78,9 +71,7 @@ TEST(TermEdit, EachOperationPutsOutExactlyWhatTheRecordChanged) {
         {"backward char", term_backward_char, "abc", 3, "\b", "abc", 2},
         {"begin of line", term_begin_of_line, "abc", 2, bs(2), "abc", 0},
         {"end of line", term_end_of_line, "abc", 1, "bc", "abc", 3},
-        {"backward word to the a", term_backward_word, "ab cd", 3, bs(3), "ab cd", 0},
         {"backward word over trailing spaces", term_backward_word, "ab   cd  ", 9, bs(4), "ab   cd  ", 5},
-        {"forward word to the c", term_forward_word, "ab cd", 0, "ab ", "ab cd", 3},
         {"forward word from a space: the spaces only", term_forward_word, "ab   cd  ", 2, "   ", "ab   cd  ", 5},
         {"delete char", term_delete_char, "abcd", 1, "cd " + bs(3), "acd", 1},
         {"backward delete of the last", term_backward_delete_char, "cd", 2, rub, "c", 1},
@@ -111,7 +102,9 @@ TEST(TermEdit, EachOperationPutsOutExactlyWhatTheRecordChanged) {
         EXPECT_EQ(stdout_of([&] { c.op(&l); }), c.out);
         EXPECT_EQ(text_of(l), c.after);
         EXPECT_EQ(l.cursor, c.cursor_after);
-        expect_zero_tail(l, 16);
+        for (int32_t i = l.len; i < 16; ++i) {
+            EXPECT_EQ(l.buf[i], 0) << "byte " << i << " behind the text after a kill or delete";
+        }
         const bool mapping = std::string(c.what).rfind("esc", 0) == 0;
         EXPECT_EQ(l.esc_state, mapping ? 0 : 1) << "only the two mapping functions clear the escape state";
     }
