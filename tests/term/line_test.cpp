@@ -16,8 +16,7 @@ using mgmt_test::stdout_of;
 namespace {
 
 term_line line_of(const std::string &text, int32_t cursor) {
-    term_line l;
-    memset(&l, 0, sizeof l);
+    term_line l{};
     memcpy(l.buf, text.data(), text.size());
     l.len = static_cast<int32_t>(text.size());
     l.cursor = cursor;
@@ -148,16 +147,12 @@ TEST(TermEdit, BrokenRecordsAreLeftAlone) {
         l.len = len;
         l.cursor = cursor;
         std::string out = stdout_of([&] {
-            term_backward_char(&l);
-            term_forward_char(&l);
-            term_delete_char(&l);
-            term_backward_delete_char(&l);
-            term_kill_line(&l);
+            for (auto op : {term_backward_char, term_forward_char, term_delete_char, term_backward_delete_char,
+                            term_kill_line, term_transpose_line, term_forward_word, term_backward_kill_word}) {
+                op(&l);
+            }
             term_insert(&l, 'x');
             term_insert_overtwrite(&l, 'y');
-            term_transpose_line(&l);
-            term_forward_word(&l);
-            term_backward_kill_word(&l);
             term_redraw_line(&l);
         });
         EXPECT_EQ(out, "") << len << "/" << cursor;
