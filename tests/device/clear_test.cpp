@@ -59,7 +59,6 @@ TEST_F(Clearing, KeptEveryEntryPointOnEveryPlatformKindRunsItsListMistakesInclud
         record(std::string("clear_customization_file_in_flash [") + p + "] with readable database data",
                run(clear_customization_file_in_flash, p));
     hook.access_suffix = "/etc/mnt/nvme/mysql_data";
-    hook.access_bit = R_OK;
     record("clear_customization_file_in_flash [mysql] with unreadable database data",
            run(clear_customization_file_in_flash, "mysql"));
     expect_golden("clear.golden", got);

@@ -74,12 +74,10 @@ class LogCapture {
 struct Hooks {
     std::atomic<int> child_wait_status{-1};        // the first wait() of a child forked later reports it
     std::atomic<bool> wait_fails{false};           // the test process's next wait() fails (ECHILD)
-    // system(): record without running (result 0) or fail with -1; popen(): record and run
-    // popen_substitute instead, or fail.
+    // system(): record without running (result 0) or fail with -1; popen(): record and run ":"
+    // instead, or fail.
     enum Mode { run, record, fail } system = run, popen = run;
-    std::string popen_substitute = ":";
-    std::string access_suffix; // access() of a path ending so, asked for access_bit: EACCES
-    int access_bit = 0;
+    std::string access_suffix; // access() of a path ending so: EACCES
     // Everything recorded by system, popen and the run capture, in order:
     // "system: <line>", "popen <mode>: <line>", "run <program>: <line>".
     std::vector<std::string> log;

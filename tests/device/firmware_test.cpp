@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "device_support.h"
@@ -57,29 +58,31 @@ struct ImageCall {
     std::string err;
 };
 
-// With failed_alloc_after >= 0, an ipcmsg_alloc of the call fails after that many.
-ImageCall load(uint32_t op, const char *first, const char *second, int failed_alloc_after = -1) {
+// With fail_alloc, the call's message cannot be had.
+ImageCall load(uint32_t op, const char *first, const char *second, bool fail_alloc = false) {
     ImageCall c;
     char err[256] = {};
     run_as(kCaller, [&] {
-        if (failed_alloc_after >= 0) fault::arm_alloc_failures(1, failed_alloc_after);
+        if (fail_alloc) fault::arm_alloc_failures(1);
         c.rc = segment_load_image_helper(op, first, second, &c.code, err);
     });
     c.err = err;
     return c;
 }
 
-// A service that answers every request with the given code and status.
-void answer(TestPeer &service, uint32_t code, int32_t status) {
-    service.handle(VK_FIRMWARE_IMAGE_MSG, [code, status](const Received &) {
-        return std::vector<Answer>{{be_words({code}) + "Z", status, true}};
-    });
-}
+TEST(Image, RequestIsBigEndianWithBothStringsAndTheirTerminatorsAndFailuresAreTold) {
+    const std::string failure = "[app44/0]: Communication with [app80/0] failed\n";
+    ImageCall c = load(1, "a", "b");
+    EXPECT_EQ(c.rc, -1);
+    EXPECT_EQ(c.err, failure) << "no service";
+    EXPECT_EQ(c.code, 0xdeadbeefu) << "no code without an answer";
 
-TEST(Image, RequestIsBigEndianWithBothStringsAndTheirTerminators) {
+    std::atomic<int32_t> status{0};
     TestPeer service(VK_FIRMWARE_APPID);
-    answer(service, 10013, 0);
-    const ImageCall c = load(0x0a0b0c0d, "/flash/image", "fw.bin");
+    service.handle(VK_FIRMWARE_IMAGE_MSG, [&](const Received &) {
+        return std::vector<Answer>{{be_words({10013}) + "Z", status, true}};
+    });
+    c = load(0x0a0b0c0d, "/flash/image", "fw.bin");
     EXPECT_EQ(c.rc, 0);
     EXPECT_EQ(c.code, 10013u);
     EXPECT_EQ(c.err, "");
@@ -89,18 +92,10 @@ TEST(Image, RequestIsBigEndianWithBothStringsAndTheirTerminators) {
     EXPECT_EQ(got[0].bytes, be_words({0x0a0b0c0d, 13, 7}) + std::string("/flash/image\0fw.bin\0", 20));
     EXPECT_EQ(got[0].kind, uint32_t(IPC_KIND_REQUEST));
     EXPECT_EQ(got[1].bytes, be_words({2, 0, 0})) << "exactly 12 bytes";
-}
 
-TEST(Image, FailuresOfTheServiceOrOfMemoryAreTold) {
-    const std::string failure = "[app44/0]: Communication with [app80/0] failed\n";
-    ImageCall c = load(1, "a", "b");
-    EXPECT_EQ(c.rc, -1);
-    EXPECT_EQ(c.err, failure) << "no service";
-    EXPECT_EQ(c.code, 0xdeadbeefu) << "no code without an answer";
-    TestPeer service(VK_FIRMWARE_APPID);
-    answer(service, 10000, -2);
+    status = -2;
     EXPECT_EQ(load(1, "a", "b").err, failure) << "a refusing status";
-    c = load(1, "a", nullptr, 0);
+    c = load(1, "a", nullptr, true);
     EXPECT_EQ(c.rc, -1);
     EXPECT_EQ(c.err, "[app44/0]: Alloc memory for firmware service failed\n");
 }

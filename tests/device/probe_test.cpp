@@ -1,9 +1,8 @@
 // Device probes against a prepared device tree and test peers: the child monitor's process id,
-// storage health, the device identity, the vsys lock entry, and the short exchanges with the
+// the device identity, the vsys lock entry, and the short exchanges with the
 // manager (messages 602, 611, 836) and application 0 (message 880).
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "device_support.h"
@@ -24,11 +23,6 @@ class Probes : public ::testing::Test {
         reset_hooks();
         unsetenv("MGMT_PLATFORM");
     }
-    // popen() records its command and runs `substitute` in its stead.
-    void popen_runs(const std::string &substitute) {
-        hook.popen = Hooks::record;
-        hook.popen_substitute = substitute;
-    }
     Sysroot root;
 };
 
@@ -43,30 +37,6 @@ TEST_F(Probes, ChildMonitorPidIsDigitsAloneWithoutLineEnd) {
         write_file(root.path(MGMT_CHILD_MONITORD_PID_FILE), text);
         EXPECT_EQ(get_child_monitord_pid(), want) << "'" << text << "'";
     }
-}
-
-TEST_F(Probes, StorageJudgesDiskSleepAndTheConsoleLog) {
-    EXPECT_EQ(vk_is_storage_available(getpid()), 0);
-    write_file(root.path(MGMT_CONSOLE_LOG_FILE), "log\n");
-    hook.access_suffix = MGMT_CONSOLE_LOG_FILE;
-    hook.access_bit = W_OK;
-    EXPECT_EQ(vk_is_storage_available(getpid()), 2) << "a console log that cannot be written";
-
-    // In disk sleep at all three tries: 1.
-    popen_runs("printf 'State:\\tD (disk sleep)\\n'");
-    EXPECT_EQ(vk_is_storage_available(getpid()), 1);
-    EXPECT_EQ(hook.log, std::vector<std::string>(3, "popen r: cat /proc/" + std::to_string(getpid()) +
-                                                        "/status | grep State"));
-    hook.popen = Hooks::fail;
-    EXPECT_EQ(vk_is_storage_available(getpid()), -1);
-
-    // A process that is gone gives no line at three tries.
-    pid_t gone = fork();
-    ASSERT_GE(gone, 0);
-    if (gone == 0) _exit(0);
-    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
-    popen_runs("cat /proc/" + std::to_string(gone) + "/status 2>/dev/null | grep State");
-    EXPECT_EQ(vk_is_storage_available(gone), -1);
 }
 
 TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {

@@ -1,5 +1,4 @@
-// Login queue: order, refresh of a repeated login, removal at every place,
-// the look-ups, and copies of the whole system login record.
+// Login queue: order, removal at every place, and the look-ups.
 
 #include <gtest/gtest.h>
 #include <utmp.h>
@@ -45,16 +44,6 @@ class UtmpQueue : public ::testing::Test {
     std::unique_ptr<utmp_queue_entry> b = entry(200, "telnet", "10.0.0.2");
     std::unique_ptr<utmp_queue_entry> c = entry(300, "ssh", "10.0.0.3");
 };
-
-TEST_F(UtmpQueue, RepeatedLoginRefreshesTheWholeRecordInPlace) {
-    auto again = entry(100, "console", "192.168.9.9");
-    // The last byte of the record must travel too.
-    reinterpret_cast<unsigned char *>(&again->record)[sizeof(struct utmp) - 1] = 0xa5;
-    utmp_queue_insert(&q, again.get());
-    EXPECT_EQ(pids(q), (std::vector<int>{100, 200, 300})) << "no new entry";
-    EXPECT_EQ(memcmp(&a->record, &again->record, sizeof(struct utmp)), 0);
-    EXPECT_STREQ(a->access, "ssh") << "the access of the queued entry stays";
-}
 
 // After each removal the queue's end is right: the next insert hangs behind the new last entry.
 TEST_F(UtmpQueue, RemovingAtEveryPlace) {
