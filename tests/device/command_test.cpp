@@ -108,8 +108,14 @@ class Command : public ::testing::Test {
             std::remove(f.c_str());
     }
 
+    // A fresh command file, and the call of exec_command_file_redirect on it.
+    int run(int mode, int wait_flag) {
+        write_file(file, "set a\nset b\n");
+        return exec_command_file_redirect(file.c_str(), out.c_str(), mode, wait_flag);
+    }
+
     Sysroot root;
-    std::string log = root.dir() + "/cli.log";
+    std::string log = root.dir() + "/cli.log", file = root.dir() + "/batch.cmds", out = root.dir() + "/batch.out";
 };
 
 TEST_F(Command, ChildReportsOnTheConsoleWhatWentWrong) {
@@ -174,15 +180,7 @@ TEST_F(Command, RefusalsAndFailuresOfForkAndMemory) {
 
 // ---------------------------------------------------------------- file redirect
 
-class Redirect : public Command {
-  protected:
-    // A fresh command file, and the call on it.
-    int run(int mode, int wait_flag) {
-        write_file(file, "set a\nset b\n");
-        return exec_command_file_redirect(file.c_str(), out.c_str(), mode, wait_flag);
-    }
-    std::string file = root.dir() + "/batch.cmds", out = root.dir() + "/batch.out";
-};
+using Redirect = Command;
 
 // The interpreter removes the file itself here, so that the child's removal fails and says so: on
 // the console for mode 0, else on the boot console.

@@ -109,11 +109,6 @@ uint32_t host32(const Bytes &b, size_t off) {
     return v;
 }
 
-std::string text_at(const Bytes &b, size_t off, size_t len) {
-    const char *p = reinterpret_cast<const char *>(b.data() + off);
-    return std::string(p, strnlen(p, len));
-}
-
 Bytes operator+(Bytes a, const std::string &s) {
     a.insert(a.end(), s.begin(), s.end());
     return a;

@@ -49,12 +49,11 @@ void make_dirs(const std::string &path);
 // called first and after each child ends (a pidfd), to reap what has ended.
 bool children_gone(const std::function<void()> &reap, int ms = 5000);
 
-// Words in host order and in big-endian order, a host-order word read back, the terminated text at
-// off read no further than len bytes, and bytes with a text behind them.
+// Words in host order and in big-endian order, a host-order word read back, and bytes with a text
+// behind them.
 Bytes host_words(std::initializer_list<uint32_t> words);
 Bytes be_words(std::initializer_list<uint32_t> words);
 uint32_t host32(const Bytes &b, size_t off);
-std::string text_at(const Bytes &b, size_t off, size_t len);
 Bytes operator+(Bytes a, const std::string &s);
 
 // What the device log (vk_clog) was given while the capture lives.
