@@ -109,11 +109,6 @@ uint32_t host32(const Bytes &b, size_t off) {
     return v;
 }
 
-std::string text_at(const Bytes &b, size_t off, size_t len) {
-    const char *p = reinterpret_cast<const char *>(b.data() + off);
-    return std::string(p, strnlen(p, len));
-}
-
 Bytes operator+(Bytes a, const std::string &s) {
     a.insert(a.end(), s.begin(), s.end());
     return a;
@@ -126,12 +121,10 @@ LogCapture::~LogCapture() { vk_clog_set_sink(nullptr, nullptr); }
 
 void reset_hooks() {
     fault::disarm();
-    hook.wait_fails = hook.no_localtime = false;
-    hook.child_wait_status = hook.lock_driver = -1;
+    hook.wait_fails = false;
+    hook.child_wait_status = -1;
     hook.system = hook.popen = Hooks::run;
-    hook.popen_substitute = ":";
     hook.access_suffix.clear();
-    hook.lock_calls = 0;
     hook.log.clear();
     run_set_capture(nullptr, nullptr);
 }
@@ -254,7 +247,7 @@ STAND_IN FILE *popen(const char *command, const char *type) {
     if (hook.popen == Hooks::run) return real(command, type);
     if (hook.popen == Hooks::record) {
         hook.log.push_back(std::string("popen ") + type + ": " + command);
-        return real(hook.popen_substitute.c_str(), type);
+        return real(":", type);
     }
     errno = EMFILE;
     return nullptr;
@@ -287,31 +280,10 @@ STAND_IN int execv(const char *path, char *const argv[]) {
 STAND_IN int access(const char *path, int mode) {
     using fn_t = int (*)(const char *, int);
     REAL("access");
-    if (hook.access_suffix.empty() || !(mode & hook.access_bit) || !std::string_view(path).ends_with(hook.access_suffix)) {
+    if (hook.access_suffix.empty() || !std::string_view(path).ends_with(hook.access_suffix)) {
         IN_TREE(p, path);
         return real(p, mode);
     }
     errno = EACCES;
     return -1;
-}
-
-STAND_IN int ioctl(int fd, unsigned long request, ...) {
-    using fn_t = int (*)(int, unsigned long, ...);
-    REAL("ioctl");
-    va_list ap;
-    va_start(ap, request);
-    auto *rec = static_cast<uint16_t *>(va_arg(ap, void *));
-    va_end(ap);
-    if (hook.lock_driver < 0 || request != 7) return real(fd, request, rec);
-    hook.lock_seen[0] = rec[0];
-    hook.lock_seen[1] = rec[1];
-    ++hook.lock_calls;
-    rec[1] = rec[0] == hook.lock_driver ? 1 : 0;
-    return 0;
-}
-
-STAND_IN struct tm *vk_localtime(const time_t *t, struct tm *out) {
-    using fn_t = struct tm *(*)(const time_t *, struct tm *);
-    REAL("vk_localtime");
-    return hook.no_localtime ? nullptr : real(t, out);
 }

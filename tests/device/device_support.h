@@ -49,12 +49,11 @@ void make_dirs(const std::string &path);
 // called first and after each child ends (a pidfd), to reap what has ended.
 bool children_gone(const std::function<void()> &reap, int ms = 5000);
 
-// Words in host order and in big-endian order, a host-order word read back, the terminated text at
-// off read no further than len bytes, and bytes with a text behind them.
+// Words in host order and in big-endian order, a host-order word read back, and bytes with a text
+// behind them.
 Bytes host_words(std::initializer_list<uint32_t> words);
 Bytes be_words(std::initializer_list<uint32_t> words);
 uint32_t host32(const Bytes &b, size_t off);
-std::string text_at(const Bytes &b, size_t off, size_t len);
 Bytes operator+(Bytes a, const std::string &s);
 
 // What the device log (vk_clog) was given while the capture lives.
@@ -74,16 +73,10 @@ class LogCapture {
 struct Hooks {
     std::atomic<int> child_wait_status{-1};        // the first wait() of a child forked later reports it
     std::atomic<bool> wait_fails{false};           // the test process's next wait() fails (ECHILD)
-    // system(): record without running (result 0) or fail with -1; popen(): record and run
-    // popen_substitute instead, or fail.
+    // system(): record without running (result 0) or fail with -1; popen(): record and run ":"
+    // instead, or fail.
     enum Mode { run, record, fail } system = run, popen = run;
-    std::string popen_substitute = ":";
-    std::string access_suffix; // access() of a path ending so, asked for access_bit: EACCES
-    int access_bit = 0;
-    int lock_driver = -1;      // ioctl() request 7 acts as the vsys lock driver that locks this id only,
-    uint16_t lock_seen[2] = {}; // and keeps the last record handed over and the number of calls
-    int lock_calls = 0;
-    bool no_localtime = false; // vk_localtime() gives null
+    std::string access_suffix; // access() of a path ending so: EACCES
     // Everything recorded by system, popen and the run capture, in order:
     // "system: <line>", "popen <mode>: <line>", "run <program>: <line>".
     std::vector<std::string> log;
