@@ -60,62 +60,48 @@ struct TransactionManager {
     }
 };
 
-TEST(Transactions, TakeUseReleaseAndRefusal) {
+// One take, state, refused take, release, rollback round against the test manager, with the
+// records as they went out; a refusal of the far side leaves the held id alone.
+TEST(Transactions, TakeStateReleaseRollbackAndFarSideRefusals) {
     TransactionManager m;
-    run_as(5, [&] {
+    run_as(102, [&] {
         set_mgi_transaction_id(0);
         EXPECT_EQ(get_mgi_transaction_lock("admin", 3), 0);
         EXPECT_EQ(get_mgi_transaction_id(), 42);
         int state = -1;
         EXPECT_EQ(get_mgi_transaction_state(&state, 3), 0);
         EXPECT_EQ(state, 1);
-        // A second take is refused and the held id stays.
-        EXPECT_EQ(get_mgi_transaction_lock(nullptr, 3), -1);
+        EXPECT_EQ(get_mgi_transaction_lock(nullptr, 3), -1); // a second take is refused, the id stays
         EXPECT_EQ(get_mgi_transaction_id(), 42);
+        m.status = -3;
+        EXPECT_EQ(release_mgi_transaction_lock("admin", 3), -1);
+        EXPECT_EQ(rollback_mgi_transaction(nullptr, 3), -1);
+        EXPECT_EQ(get_mgi_transaction_state(&state, 3), -1);
+        EXPECT_EQ(get_mgi_transaction_id(), 42);
+        m.status = 0;
         EXPECT_EQ(release_mgi_transaction_lock("admin", 3), 0);
         EXPECT_EQ(get_mgi_transaction_id(), 0);
         EXPECT_EQ(get_mgi_transaction_state(&state, 3), 0);
         EXPECT_EQ(state, 0);
+        EXPECT_EQ(rollback_mgi_transaction(nullptr, 3), 0);
     });
     auto got = m.mgd.received();
-    ASSERT_EQ(got.size(), 5u);
-    mgi_trans_info take = record_of(got[0]);
-    EXPECT_EQ(take.trans_op, 2u);
-    EXPECT_EQ(take.trans_lock, 1u);
-    EXPECT_EQ(take.trans_src, 1);
-    EXPECT_STREQ(take.trans_user, "admin");
-    EXPECT_EQ(take.trans_vsysid, 3);
-    EXPECT_STREQ(record_of(got[2]).trans_user, ""); // a null user leaves the name empty
-    mgi_trans_info rel = record_of(got[3]);
-    EXPECT_EQ(rel.trans_lock, 0u);
-    EXPECT_EQ(rel.trans_id, 42);
-    mgi_trans_info st = record_of(got[1]);
-    EXPECT_EQ(st.trans_op, 1u);
-    EXPECT_STREQ(st.trans_user, "");
-}
-
-TEST(Transactions, RollbackAndFarSideRefusals) {
-    TransactionManager m;
-    run_as(102, [&] {
-        EXPECT_EQ(get_mgi_transaction_lock("ops", 0xfffe), 0);
-        m.status = -3;
-        EXPECT_EQ(release_mgi_transaction_lock("ops", 0xfffe), -1); // refused: the id stays
-        EXPECT_EQ(get_mgi_transaction_id(), 42);
-        EXPECT_EQ(rollback_mgi_transaction(nullptr, 0xfffe), -1);
-        EXPECT_EQ(get_mgi_transaction_id(), 42);
-        int state = 7;
-        EXPECT_EQ(get_mgi_transaction_state(&state, 0xfffe), -1);
-        m.status = 0;
-        EXPECT_EQ(rollback_mgi_transaction(nullptr, 0xfffe), 0);
-        EXPECT_EQ(get_mgi_transaction_id(), 0);
-    });
-    auto got = m.mgd.received();
-    ASSERT_GE(got.size(), 5u);
-    EXPECT_EQ(record_of(got[0]).trans_src, 19); // application 102 has a code here only
-    mgi_trans_info rb = record_of(got.back());
-    EXPECT_EQ(rb.trans_op, 3u);
-    EXPECT_EQ(rb.trans_id, 0);
-    EXPECT_STREQ(rb.trans_user, "");
+    ASSERT_EQ(got.size(), 9u);
+    struct Want {
+        size_t at;
+        uint32_t op, lock;
+        int id;
+        const char *user;
+    } wants[] = {{0, 2, 1, 0, "admin"}, {1, 1, 0, 0, ""}, {2, 2, 1, 0, ""}, {6, 2, 0, 42, "admin"}, {8, 3, 0, 0, ""}};
+    for (const Want &w : wants) {
+        mgi_trans_info t = record_of(got[w.at]);
+        EXPECT_EQ(t.trans_op, w.op) << w.at;
+        EXPECT_EQ(t.trans_lock, w.lock) << w.at;
+        EXPECT_EQ(t.trans_id, w.id) << w.at;
+        EXPECT_STREQ(t.trans_user, w.user) << w.at;
+        EXPECT_EQ(t.trans_src, 19) << w.at; // application 102 has a code here only
+        EXPECT_EQ(t.trans_vsysid, 3) << w.at;
+    }
 }
 
 TEST(Transactions, KeptReleaseReducesAFailedIpcToMinusOne) {
