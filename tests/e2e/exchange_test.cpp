@@ -144,37 +144,67 @@ TEST_F(Exchange, KeptDirectRoadSourceIgnoresModesAndInfoFrom) {
     }
 }
 
-// ---------------------------------------------------------------- road through MGD
+// ---------------------------------------------------------------- both roads
 
-TEST_F(Exchange, ThroughMgdWritesContextFieldsAndSendsToTheManager) {
-    TestPeer mgd(MGD_APPID);
+// One context sent on both roads: which fields each writes into the header. -1: not looked at.
+TEST_F(Exchange, EachRoadWritesItsFieldsOfTheContext) {
+    TestPeer mgd(MGD_APPID), app(kApp);
     mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{final_msg(MGI_RSP_FINAL2)}; });
+    app.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}}; });
     run_as(5, [] {
         set_mgi_transaction_id(0x21);
-        mgiInfo info;
-        init_mgi_info(&info);
-        mgi_set_rqt_type(&info, 3);
-        mgi_set_rqt_language(&info, 2);
-        mgi_set_rqt_vsysid(&info, 0x0a0b);
-        mgi_set_rqt_dst_vsysid(&info, 0x0c0d);
-        mgi_set_flag(&info, 0x80000001);
-        mgi_set_revision(&info, 0x01020304);
-        mgi_set_rsp_data_type(&info, 0x05060708);
-        mgi_set_rqt_sublevel(&info, 9); // direct road only
-        EXPECT_EQ(send_through_mgd(info), 0);
+        for (int direct = 1; direct >= 0; --direct) { // direct first: the pair holds no earlier request
+            mgiInfo info;
+            init_mgi_info(&info);
+            mgi_set_rqt_type(&info, 2);
+            mgi_set_rqt_language(&info, 4);
+            mgi_set_rqt_vsysid(&info, 0x0a0b);
+            mgi_set_rqt_dst_vsysid(&info, 0x0c0d);
+            mgi_set_rqt_sublevel(&info, 0x11);
+            mgi_set_attr_brief(&info, 0x12);
+            mgi_set_revision(&info, 0x01020304);
+            mgi_set_rqt_descend(&info, 0x14);
+            mgi_set_rsp_data_type(&info, 0x05060708);
+            mgi_set_flag(&info, 0x80000001);
+            mgi_set_rqt_offset(&info, 0x1234);
+            info.rqt_aux = 0x4321;
+            mgi_set_fernlook_taskid(&info, "task-1");
+            mgi_set_fernlook_type(&info, "probe");
+            if (direct) {
+                prepare_direct(info);
+                EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), 0);
+            } else {
+                EXPECT_EQ(send_through_mgd(info), 0);
+            }
+        }
     });
-    ASSERT_TRUE(mgd.wait_for(1));
-    Received r = mgd.received()[0];
-    EXPECT_EQ(r.msg, MGI_IPC_MSG);
-    EXPECT_EQ(r.src_app, 5u);
-    ASSERT_EQ(r.bytes.size(), 312u + 4u); // IPC length is len plus the header
-    const uint8_t *h = r.bytes.data();
-    // A plain record, no chain (nextseg 0 at 128).
-    expect_fields(h, {{0, 1, 8}, {3, 1, 0x21}, {4, 1, 96}, {5, 1, 2}, {6, 2, 0x0a0b}, {46, 2, 0x0c0d},
-                      {88, 4, 0xe0001}, {92, 4, 0xe0002}, {128, 1, 0}, {129, 1, 3}, {130, 2, 4},
-                      {132, 4, 0xFFFFFFFF}, {144, 4, 0x80000001}, {148, 4, 0}, {216, 4, 0x01020304},
-                      {308, 4, 0x05060708}, {312, 4, 0xdeadbeef}});
+    ASSERT_TRUE(mgd.wait_for(1) && app.wait_for(1));
+    const Received m = mgd.received()[0], d = app.received()[0];
+    EXPECT_EQ(m.src_app, 5u);
+    ASSERT_EQ(m.bytes.size(), 312u + 4u); // IPC length is len plus the header: a plain record, no chain
+    ASSERT_EQ(d.bytes.size(), 312u);
+    struct Row {
+        size_t at;
+        int width;
+        int64_t mgd, direct;
+    } rows[] = {{0, 1, 8, -1},          {3, 1, 0x21, 0x21},       {4, 1, 96, -1},           {5, 1, 4, 4},
+                {6, 2, 0x0a0b, 0x0a0b}, {46, 2, 0x0c0d, 0},       {88, 4, 0xe0001, 0xe0001}, {128, 1, 0, 139},
+                {129, 1, 2, 2},         {130, 2, 4, 0},           {132, 4, -1, 0x1234},     {140, 2, -1, 0x4321},
+                {144, 4, 0x80000001, 0x80000001}, {148, 4, 0, 0x11}, {164, 4, -1, 0x12},
+                {216, 4, 0x01020304, 0x01020304}, {220, 4, -1, 0x14}, {308, 4, 0x05060708, 0x05060708},
+                {312, 4, 0xdeadbeef, -1}};
+    auto field = [](const Bytes &b, const Row &r) -> int64_t {
+        return r.width == 1 ? b[r.at] : r.width == 2 ? be16(&b[r.at]) : be32(&b[r.at]);
+    };
+    for (const Row &r : rows) {
+        EXPECT_TRUE(r.mgd < 0 || field(m.bytes, r) == r.mgd) << "through mgd, offset " << r.at;
+        EXPECT_TRUE(r.direct < 0 || field(d.bytes, r) == r.direct) << "direct, offset " << r.at;
+    }
+    EXPECT_STREQ(reinterpret_cast<const char *>(&d.bytes[240]), "task-1");
+    EXPECT_STREQ(reinterpret_cast<const char *>(&d.bytes[273]), "probe");
 }
+
+// ---------------------------------------------------------------- road through MGD
 
 std::vector<uint8_t> g_seen;
 int g_fail_at = -1;
@@ -304,44 +334,6 @@ TEST_F(Exchange, PairsThatCannotBeMadeAreReportedAndNothingIsKept) {
 
 // ---------------------------------------------------------------- direct road
 
-TEST_F(Exchange, DirectWritesContextFieldsOnce) {
-    TestPeer app(kApp);
-    app.handle(MGI_IPC_MSG, [](const Received &) {
-        return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}};
-    });
-    run_as(5, [] {
-        set_mgi_transaction_id(0x31);
-        mgiInfo info;
-        init_mgi_info(&info);
-        mgi_set_rqt_type(&info, 2);
-        mgi_set_rqt_language(&info, 4);
-        mgi_set_rqt_vsysid(&info, 0x0102);
-        mgi_set_rqt_dst_vsysid(&info, 0x0304);
-        mgi_set_rqt_sublevel(&info, 0x11);
-        mgi_set_attr_brief(&info, 0x12);
-        mgi_set_revision(&info, 0x13);
-        mgi_set_rqt_descend(&info, 0x14);
-        mgi_set_rsp_data_type(&info, 0x15);
-        mgi_set_flag(&info, 0x16);
-        mgi_set_rqt_offset(&info, 0x1234);
-        info.rqt_aux = 0x4321;
-        mgi_set_fernlook_taskid(&info, "task-1");
-        mgi_set_fernlook_type(&info, "probe");
-        prepare_direct(info);
-        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), 0);
-    });
-    ASSERT_TRUE(app.wait_for(1));
-    const Bytes b = app.received()[0].bytes;
-    ASSERT_EQ(b.size(), 312u);
-    const uint8_t *h = b.data();
-    // The destination's vsys id (46) is not written on this road.
-    expect_fields(h, {{3, 1, 0x31}, {5, 1, 4}, {6, 2, 0x0102}, {46, 2, 0}, {128, 1, 139}, {129, 1, 2},
-                      {130, 2, 0}, {132, 4, 0x1234}, {140, 2, 0x4321}, {144, 4, 0x16}, {148, 4, 0x11},
-                      {164, 4, 0x12}, {216, 4, 0x13}, {220, 4, 0x14}, {308, 4, 0x15}});
-    EXPECT_STREQ(reinterpret_cast<const char *>(h + 240), "task-1");
-    EXPECT_STREQ(reinterpret_cast<const char *>(h + 273), "probe");
-}
-
 // Pages answered by the application: two partial answers with cookies, then a final one.
 std::vector<Answer> paged_answer(const Received &r) {
     static const Bytes kCookie1(24, 0xC1), kCookie2(24, 0xC2);
@@ -421,12 +413,20 @@ TEST_F(Exchange, DirectPagingSendsCookieConditionQueryAndRecordBack) {
     EXPECT_EQ(be16(t + 130), 14u + 32u);
 }
 
-TEST_F(Exchange, DirectPartialWithoutCookieClosesWithTypeTwentyTwo) {
+// A partial answer without a cookie is closed with type 22; an error answer reaches the callback, not
+// the result; a callback that says stop ends the exchange with -1.
+TEST_F(Exchange, DirectCloseErrorAndStop) {
     TestPeer app(kApp);
-    app.handle(MGI_IPC_MSG, [](const Received &r) {
+    std::atomic<int> answer{MGI_RSP_PARTIAL};
+    app.handle(MGI_IPC_MSG, [&](const Received &r) {
         if (r.bytes[129] == MGI_RQT_CLOSE) return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}};
-        return std::vector<Answer>{
-            {mgi_message(MGI_RSP_PARTIAL, {{137, Bytes(4, 9)}, {131, Bytes(8, 0x31)}}), 0, true}};
+        if (answer == MGI_RSP_PARTIAL)
+            return std::vector<Answer>{
+                {mgi_message(MGI_RSP_PARTIAL, {{137, Bytes(4, 9)}, {131, Bytes(8, 0x31)}}), 0, true}};
+        Bytes body(16, 0);
+        const int32_t code = -2;
+        std::memcpy(body.data(), &code, 4);
+        return std::vector<Answer>{{mgi_message(MGI_RSP_ERROR, {{135, body}}), 0, true}};
     });
     DirectCalls calls;
     run_as(5, [&] {
@@ -435,43 +435,26 @@ TEST_F(Exchange, DirectPartialWithoutCookieClosesWithTypeTwentyTwo) {
         mgi_set_rqt_type(&info, 2);
         prepare_direct(info);
         EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), 0);
-    });
-    ASSERT_EQ(app.received().size(), 2u);
-    const Bytes close = app.received()[1].bytes;
-    EXPECT_EQ(close[129], MGI_RQT_CLOSE);
-    EXPECT_EQ(close[128], 139);          // no chain for the server...
-    EXPECT_EQ(be16(&close[130]), 16);    // ...but the condition of the last answer is counted
-    EXPECT_EQ(close[312 + 1], 131);
-    EXPECT_EQ(calls.data[0], Bytes(4, 9));
-}
-
-TEST_F(Exchange, DirectErrorsGoThroughTheCallbackNotTheResult) {
-    TestPeer app(kApp);
-    app.handle(MGI_IPC_MSG, [](const Received &) {
-        Bytes body(16, 0);
-        int32_t code = -2;
-        std::memcpy(body.data(), &code, 4);
-        return std::vector<Answer>{{mgi_message(MGI_RSP_ERROR, {{135, body}}), 0, true}};
-    });
-    DirectCalls calls;
-    run_as(5, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
+        answer = MGI_RSP_ERROR;
         prepare_direct(info);
         EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), 0);
         EXPECT_EQ(mgi_get_rsp_err_code_r(info.mgi_buf), -2);
-        calls.stop_at = 2; // a callback that says stop ends the exchange with -1
+        calls.stop_at = 4;
         prepare_direct(info);
         EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), -1);
-        prepare_direct(info);
-        EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, nullptr, nullptr), 0);
     });
-    ASSERT_GE(calls.err.size(), 1u);
-    EXPECT_EQ(calls.err[0].size(), 16u);
-    EXPECT_TRUE(calls.data[0].empty());
+    ASSERT_EQ(app.received().size(), 4u);
+    const Bytes close = app.received()[1].bytes;
+    EXPECT_EQ(close[129], MGI_RQT_CLOSE);
+    EXPECT_EQ(close[128], 139);       // no chain for the server...
+    EXPECT_EQ(be16(&close[130]), 16); // ...but the condition of the last answer is counted
+    EXPECT_EQ(close[312 + 1], 131);
+    ASSERT_EQ(calls.data.size(), 4u); // the partial answer, the close's final one, two errors
+    EXPECT_EQ(calls.data[0], Bytes(4, 9));
+    EXPECT_TRUE(calls.data[2].empty());
+    EXPECT_EQ(calls.err[2].size(), 16u);
 }
 
-// Nobody bound on either road fails at once; a silent application fails at its time-out.
 TEST_F(Exchange, NobodyThereOrNobodyAnsweringFailsAndSaysSo) {
     ConsoleCapture cap;
     auto started = std::chrono::steady_clock::now();
