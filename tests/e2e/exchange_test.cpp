@@ -2,6 +2,7 @@
 // manager (application 2) and a test application answer a front end thread.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <poll.h>
@@ -215,34 +216,22 @@ int record_cb(void *rec) {
 
 TEST_F(Exchange, KeptCallbackFailureStopsLaterMessagesButNotTheResult) {
     TestPeer mgd(MGD_APPID);
-    mgd.handle(MGI_IPC_MSG, [](const Received &) {
-        return std::vector<Answer>{final_msg(MGI_RSP_PARTIAL, records({1, 2, 3}, 4)),
-                                   final_msg(MGI_RSP_PARTIAL, records({4}, 4)),
-                                   final_msg(MGI_RSP_FINAL, records({5}, 4))};
-    });
-    g_seen.clear();
+    auto walk = [&](std::vector<Answer> answers) {
+        mgd.handle(MGI_IPC_MSG, [answers](const Received &) { return answers; });
+        g_seen.clear();
+        run_as(5, [&] {
+            mgiInfo info;
+            init_mgi_info(&info);
+            EXPECT_EQ(send_through_mgd(info, record_cb, 4), 0);
+        });
+        return g_seen;
+    };
     g_fail_at = 2;
-    int rc = -9;
-    run_as(5, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        rc = send_through_mgd(info, record_cb, 4);
-    });
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(g_seen, (std::vector<uint8_t>{1, 2, 3})); // the rest of the first message still comes
-
-    // In a final message the first failure stops the walk.
-    mgd.handle(MGI_IPC_MSG, [](const Received &) {
-        return std::vector<Answer>{final_msg(MGI_RSP_FINAL, records({7, 8, 9}, 4))};
-    });
-    g_seen.clear();
-    run_as(5, [&] {
-        mgiInfo info;
-        init_mgi_info(&info);
-        rc = send_through_mgd(info, record_cb, 4);
-    });
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(g_seen, (std::vector<uint8_t>{7, 8}));
+    // The rest of the first message still comes; in a final message the first failure stops the walk.
+    EXPECT_EQ(walk({final_msg(MGI_RSP_PARTIAL, records({1, 2, 3}, 4)), final_msg(MGI_RSP_PARTIAL, records({4}, 4)),
+                    final_msg(MGI_RSP_FINAL, records({5}, 4))}),
+              (std::vector<uint8_t>{1, 2, 3}));
+    EXPECT_EQ(walk({final_msg(MGI_RSP_FINAL, records({7, 8, 9}, 4))}), (std::vector<uint8_t>{7, 8}));
     g_fail_at = -1;
 }
 
@@ -277,6 +266,7 @@ TEST_F(Exchange, ThroughMgdAnswersAndFaultsAreToldOnTheConsole) {
         answer_type = -1;
         mgi_set_rqt_timeout(&info, 0);
         EXPECT_EQ(send_through_mgd(info), -1);
+        init_mgi_info(&info); // the default time-out again
         answer_type = MGI_RSP_FINAL;
         fault::arm_poll({true, 1, 0, POLLERR | POLLHUP});
         EXPECT_EQ(send_through_mgd(info), -1);
@@ -334,35 +324,16 @@ TEST_F(Exchange, PairsThatCannotBeMadeAreReportedAndNothingIsKept) {
 
 // ---------------------------------------------------------------- direct road
 
-// Pages answered by the application: two partial answers with cookies, then a final one.
+// Pages answered by the application, by the cookie the requester sent back: two partial answers
+// with cookies, then a final one.
 std::vector<Answer> paged_answer(const Received &r) {
     static const Bytes kCookie1(24, 0xC1), kCookie2(24, 0xC2);
-    void *cookie = nullptr;
-    const uint8_t *h = r.bytes.data();
-    // Which page: by the cookie the requester sent back.
-    Bytes sent_cookie;
-    const uint8_t *p = h + 312;
-    uint8_t type = h[128];
-    uint16_t left = be16(h + 130);
-    while (type != 139 && left >= 8) {
-        uint16_t n = be16(p + 2);
-        if (type == 132) sent_cookie.assign(p + 8, p + 8 + n);
-        type = p[0];
-        left = uint16_t(left - 8 - n);
-        p += 8 + n;
-    }
-    (void)cookie;
-    std::vector<Seg> segs;
-    uint8_t rtype = MGI_RSP_PARTIAL;
-    if (sent_cookie.empty()) {
-        segs = {{134, Bytes(12, 1)}, {132, kCookie1}, {131, Bytes{'c', 'o', 'n', 'd', '-', 'a', 0, 0}}, {138, Bytes(4, 0x38)}};
-    } else if (sent_cookie == kCookie1) {
-        segs = {{134, Bytes(12, 2)}, {132, kCookie2}};
-    } else {
-        segs = {{134, Bytes(12, 3)}};
-        rtype = MGI_RSP_FINAL;
-    }
-    return {{mgi_message(rtype, segs), 0, true}};
+    auto sent = [&](const Bytes &c) { return std::search(r.bytes.begin() + 312, r.bytes.end(), c.begin(), c.end()) != r.bytes.end(); };
+    if (sent(kCookie2)) return {{mgi_message(MGI_RSP_FINAL, {{134, Bytes(12, 3)}}), 0, true}};
+    if (sent(kCookie1)) return {{mgi_message(MGI_RSP_PARTIAL, {{134, Bytes(12, 2)}, {132, kCookie2}}), 0, true}};
+    return {{mgi_message(MGI_RSP_PARTIAL, {{134, Bytes(12, 1)}, {132, kCookie1}, {131, bytes_of(std::string("cond-a\0\0", 8))},
+                                           {138, Bytes(4, 0x38)}}),
+             0, true}};
 }
 
 TEST_F(Exchange, DirectPagingSendsCookieConditionQueryAndRecordBack) {
@@ -388,29 +359,16 @@ TEST_F(Exchange, DirectPagingSendsCookieConditionQueryAndRecordBack) {
     EXPECT_EQ(calls.cookie[0], Bytes(24, 0xC1));
     EXPECT_TRUE(calls.cookie[2].empty());
 
+    // The second: the type stays; key (subtype 0x77), the cookie unchanged, the condition, the query data.
     const Bytes second = app.received()[1].bytes;
-    const uint8_t *h = second.data();
-    EXPECT_EQ(h[129], 2); // the type stays
-    EXPECT_EQ(h[128], 133);
-    const uint8_t *s = h + 312;
-    EXPECT_EQ(s[1], 133);
-    EXPECT_EQ(be32(s + 4), 0x77u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s + 8)), "key");
-    s += 8 + 6;
-    EXPECT_EQ(s[1], 132);
-    EXPECT_EQ(Bytes(s + 8, s + 8 + 24), Bytes(24, 0xC1)); // sent back unchanged
-    s += 8 + 24;
-    EXPECT_EQ(s[1], 131);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s + 8)), "cond-a");
-    s += 8 + 8;
-    EXPECT_EQ(s[1], 138);
-    EXPECT_EQ(s[0], 139);
-    EXPECT_EQ(be16(h + 130), 14u + 32u + 16u + 12u);
-    EXPECT_EQ(second.size(), 312u + 74u);
+    ASSERT_EQ(second.size(), 312u + 74u);
+    expect_fields(second.data(), {{128, 1, 133}, {129, 1, 2}, {130, 2, 14 + 32 + 16 + 12}, {313, 1, 133}, {316, 4, 0x77},
+                                  {327, 1, 132}, {359, 1, 131}, {374, 1, 139}, {375, 1, 138}});
+    EXPECT_STREQ(reinterpret_cast<const char *>(&second[320]), "key");
+    EXPECT_EQ(Bytes(&second[334], &second[358]), Bytes(24, 0xC1));
+    EXPECT_STREQ(reinterpret_cast<const char *>(&second[366]), "cond-a");
     // The third carries the second cookie and no condition (the second answer had none).
-    const Bytes third = app.received()[2].bytes;
-    const uint8_t *t = third.data();
-    EXPECT_EQ(be16(t + 130), 14u + 32u);
+    EXPECT_EQ(be16(&app.received()[2].bytes[130]), 14u + 32u);
 }
 
 // A partial answer without a cookie is closed with type 22; an error answer reaches the callback, not
