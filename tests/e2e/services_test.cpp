@@ -132,36 +132,65 @@ TEST(Transactions, SourceCodeByOwnApplication) {
     EXPECT_EQ(set_trans_src(nullptr), -1);
 }
 
-TEST(Queries, KeptOnlyStatusMinusOneFailsTheStateAndDebugWords) {
+// Each question of the manager under the statuses that tell them apart: only exactly -1 fails the
+// state and debug words and the default value; the change status lies in the status alone (reply
+// bytes that say otherwise are not read); the pre-configuration feature's status is not looked at.
+TEST(Queries, KeptEachQuestionReadsTheStatusItsOwnWay) {
     TestPeer mgd(MGD_APPID), app(40);
     int32_t status = 0;
-    mgd.handle(MGD_MSG_TRANSACTION_STATE, [&](const Received &) { return std::vector<Answer>{reply_words({77}, status)}; });
-    mgd.handle(MGD_MSG_SYSTEM_DEBUG_STATE, [&](const Received &) { return std::vector<Answer>{reply_words({5, 6}, status)}; });
-    mgd.handle(MGD_MSG_PLATFORM, [&](const Received &) { return std::vector<Answer>{reply_words({0x31}, status)}; });
-    mgd.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &r) {
-        uint32_t f;
-        std::memcpy(&f, r.bytes.data(), 4);
-        return std::vector<Answer>{reply_words({f * 10}, -9)}; // status is not looked at
+    uint16_t lock_words[2] = {};
+    auto word = [&](uint32_t w) { return [&, w](const Received &) { return std::vector<Answer>{reply_words({w}, status)}; }; };
+    mgd.handle(MGD_MSG_TRANSACTION_STATE, word(77));
+    mgd.handle(MGD_MSG_SYSTEM_DEBUG_STATE, word(5));
+    mgd.handle(MGD_MSG_PLATFORM, word(0x31));
+    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) { return std::vector<Answer>{{Bytes(2, 0xff), status, true}}; });
+    mgd.handle(MGD_MSG_OBJECT_DEFAULT_VALUE, [&](const Received &) { return std::vector<Answer>{{Bytes{1, 2, 3, 4, 5, 6}, status, true}}; });
+    mgd.handle(MGD_MSG_CONFIG_LOCK_STATUS, [&](const Received &) {
+        Bytes b(4);
+        std::memcpy(b.data(), lock_words, 4);
+        return std::vector<Answer>{{b, status, true}};
     });
+    mgd.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &r) { return std::vector<Answer>{reply_words({r.bytes[0] * 10u}, -9)}; });
     app.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &) { return std::vector<Answer>{reply_words({1})}; });
+    const uint32_t target[10] = {0x4f0001, 0x20401, 0};
+    struct Row {
+        int32_t status;
+        int state, debug, platform, change, default_value, lock;
+    } rows[] = {{0, 77, 5, 0x31, 1, 0, 0}, {12, 77, 5, 0x31, 1, 0, 0}, {-2, 77, 5, -1, 0, 0, -1}, {-1, -1, -1, -1, 0, -1, -1}};
     run_as(5, [&] {
-        EXPECT_EQ(vk_get_mgi_transaction_state(0x0102), 77);
-        EXPECT_EQ(vk_get_system_debug_state(), 5);
-        EXPECT_EQ(get_mgd_platform(), 0x31);
+        for (const Row &r : rows) {
+            status = r.status;
+            uint8_t out[8];
+            std::memset(out, 0xEE, sizeof out);
+            int locked = -1;
+            EXPECT_EQ(vk_get_mgi_transaction_state(0x0102), r.state) << r.status;
+            EXPECT_EQ(vk_get_system_debug_state(), r.debug) << r.status;
+            EXPECT_EQ(get_mgd_platform(), r.platform) << r.status;
+            EXPECT_EQ(get_config_change_status(3), r.change) << r.status;
+            EXPECT_EQ(get_object_default_value_with_target(target, 0x0203, out, 8), r.default_value) << r.status;
+            EXPECT_EQ(Bytes(out, out + 8), r.default_value ? Bytes(8, 0xEE) : (Bytes{1, 2, 3, 4, 5, 6, 0, 0})) << r.status;
+            EXPECT_EQ(get_mgd_config_lock_status(&locked), r.lock) << r.status;
+        }
+        status = 0; // the lock: the first word is 1, or the second is not 0
+        for (auto [a, b, want] : {std::tuple{0, 7, 1}, {1, 0, 1}, {2, 0, 0}, {0, 0, 0}}) {
+            lock_words[0] = uint16_t(a);
+            lock_words[1] = uint16_t(b);
+            int locked = -1;
+            EXPECT_EQ(get_mgd_config_lock_status(&locked), 0);
+            EXPECT_EQ(locked, want) << a << "," << b;
+        }
         uint32_t v = 0;
         EXPECT_EQ(get_pre_config_feature(4, &v), 0);
         EXPECT_EQ(v, 40u);
         EXPECT_EQ(get_pre_config_feature_with_dst_appid(40, 4, &v), 0);
         EXPECT_EQ(v, 1u);
-        status = -2; // only -1 fails the state and debug questions
-        EXPECT_EQ(vk_get_mgi_transaction_state(1), 77);
-        EXPECT_EQ(vk_get_system_debug_state(), 5);
-        EXPECT_EQ(get_mgd_platform(), -1);
-        status = -1;
-        EXPECT_EQ(vk_get_mgi_transaction_state(1), -1);
-        EXPECT_EQ(vk_get_system_debug_state(), -1);
     });
-    EXPECT_EQ(mgd.received()[2].bytes[0], 1); // word 1 asks for the platform
+    auto got = mgd.received();
+    EXPECT_EQ(got[2].bytes[0], 1); // word 1 asks for the platform
+    EXPECT_EQ(be16(&got[5].bytes[0]), 16u << 8); // the lock status asks for 16, host order
+    const Bytes rq = got[4].bytes; // the default value: the target in host order, the selector at 40
+    ASSERT_EQ(rq.size(), 44u);
+    EXPECT_TRUE(rq[4] == 0x01 && rq[5] == 0x04 && rq[40] == 0x03 && rq[41] == 0x02 && rq[42] == 0);
 }
 
 TEST(Queries, FailuresAndTheirTexts) {
@@ -190,63 +219,6 @@ TEST(Queries, FailuresAndTheirTexts) {
                           "SYSTEM DEBUG STATE: ipc send recv failed\n"
                           "ipc error.\n"
                           "malloc ipc buf failed\n");
-}
-
-TEST(Queries, KeptChangeStatusLiesInTheStatusAloneAndTheLockWords) {
-    TestPeer mgd(MGD_APPID);
-    uint16_t first = 0, second = 0;
-    int32_t status = 0;
-    mgd.handle(MGD_MSG_CONFIG_LOCK_STATUS, [&](const Received &) {
-        Bytes b(4);
-        std::memcpy(b.data(), &first, 2);
-        std::memcpy(b.data() + 2, &second, 2);
-        return std::vector<Answer>{{b, status, true}};
-    });
-    // Reply bytes that say otherwise are not read.
-    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) { return std::vector<Answer>{{Bytes(2, 0xff), status, true}}; });
-    run_as(5, [&] {
-        int locked = -1;
-        const std::tuple<uint16_t, uint16_t, int> cases[] = {{0, 7, 1}, {1, 0, 1}, {2, 0, 0}, {0, 0, 0}};
-        for (auto [a, b, want] : cases) {
-            first = a;
-            second = b;
-            EXPECT_EQ(get_mgd_config_lock_status(&locked), 0);
-            EXPECT_EQ(locked, want) << a << "," << b;
-        }
-        status = -1;
-        EXPECT_EQ(get_mgd_config_lock_status(&locked), -1);
-        status = -5;
-        EXPECT_EQ(get_config_change_status(3), 0);
-        status = 0;
-        EXPECT_EQ(get_config_change_status(3), 1);
-        status = 12;
-        EXPECT_EQ(get_config_change_status(3), 1);
-    });
-    uint16_t ask;
-    std::memcpy(&ask, mgd.received()[0].bytes.data(), 2);
-    EXPECT_EQ(ask, 16);
-}
-
-TEST(Queries, KeptDefaultValueCopiesUnlessStatusIsExactlyMinusOne) {
-    TestPeer mgd(MGD_APPID);
-    int32_t status = -2;
-    mgd.handle(MGD_MSG_OBJECT_DEFAULT_VALUE, [&](const Received &) {
-        return std::vector<Answer>{{Bytes{1, 2, 3, 4, 5, 6}, status, true}};
-    });
-    run_as(5, [&] {
-        const uint32_t target[10] = {0x4f0001, 0x20401, 0};
-        uint8_t out[8];
-        std::memset(out, 0xEE, sizeof out);
-        EXPECT_EQ(get_object_default_value_with_target(target, 0x0203, out, 8), 0);
-        EXPECT_EQ(Bytes(out, out + 8), (Bytes{1, 2, 3, 4, 5, 6, 0, 0})); // the reply buffer was cleared
-        status = -1;
-        std::memset(out, 0xEE, sizeof out);
-        EXPECT_EQ(get_object_default_value_with_target(target, 0, out, 8), -1);
-        EXPECT_EQ(out[0], 0xEE);
-    });
-    const Bytes rq = mgd.received()[0].bytes; // the target in host order, the selector at 40
-    ASSERT_EQ(rq.size(), 44u);
-    EXPECT_TRUE(rq[4] == 0x01 && rq[5] == 0x04 && rq[40] == 0x03 && rq[41] == 0x02 && rq[42] == 0);
 }
 
 TEST(OneWay, ConfigurationRequestsDebugConfigAndLockOfTheManagementSlot) {
