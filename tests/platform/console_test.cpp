@@ -1,13 +1,10 @@
-// Console output, the longest application name and strlcpy of the platform stand-in.
+// The console sink, the longest application name and strlcpy of the platform stand-in. The console
+// device (MGMT_CONSOLE) is what the device tests read.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
-#include <unistd.h>
 
 #include "mgmt/platform/platform.h"
 
@@ -35,24 +32,6 @@ TEST(Console, SinkTakesTheFormattedTextAndMayPrintItself) {
     console_print("a");
     console_set_sink(nullptr, nullptr);
     EXPECT_EQ(nested, "a+++");
-}
-
-// Without a sink the text goes to the device named by MGMT_CONSOLE, appended, else to standard error.
-TEST(Console, GoesToMgmtConsoleElseStandardError) {
-    const std::string dev = "/tmp/plat-console-" + std::to_string(getpid());
-    std::ofstream(dev) << "before\n";
-    setenv("MGMT_CONSOLE", dev.c_str(), 1);
-    console_print("one %d\n", 1);
-    console_print("two\n");
-    unsetenv("MGMT_CONSOLE");
-    std::stringstream text;
-    text << std::ifstream(dev).rdbuf();
-    unlink(dev.c_str());
-    EXPECT_EQ(text.str(), "before\none 1\ntwo\n");
-
-    testing::internal::CaptureStderr();
-    console_print("to stderr %s\n", "ok");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to stderr ok\n");
     EXPECT_STREQ(appid2appname(4294967295u), "app4294967295"); // the longest name fits
 }
 
