@@ -149,23 +149,24 @@ TEST_F(IpcTest, ExchangeAddressedBySlotAndInstance) {
         ipc_set_thread_identity(5, 1);
         ASSERT_EQ(exchange(41, 0, 0x1234, "hello", &status, &in), 0);
     });
-    EXPECT_EQ(status, 7);
-    EXPECT_EQ(in, "olleh");
-    {
-        std::lock_guard<std::mutex> l(seen.mu);
-        const ipc_peer_t &p = seen.peers[0];
-        EXPECT_TRUE(p.appid == 5 && p.instance == 1 && p.kind == IPC_KIND_REQUEST && p.pid == getpid() && p.ctx == &seen);
-        EXPECT_EQ(seen.msgs[0], 0x1234);
-    }
-    for (uint32_t dst : {mktipcid(3, 0, 41), mktipcid(0, 2, 41)}) {
-        SCOPED_TRACE(dst);
-        EXPECT_EQ(exchange(dst, 0, 0x1234, "ab", &status, &in), 0);
-    }
+    EXPECT_TRUE(status == 7 && in == "olleh");
+    const ipc_peer_t p = seen.peers[0];
+    EXPECT_TRUE(p.appid == 5 && p.instance == 1 && p.kind == IPC_KIND_REQUEST && p.pid == getpid() && p.ctx == &seen);
+    EXPECT_EQ(seen.msgs[0], 0x1234);
+    for (uint32_t dst : {mktipcid(3, 0, 41), mktipcid(0, 2, 41)})
+        EXPECT_EQ(exchange(dst, 0, 0x1234, "ab", &status, &in), 0) << dst;
     EXPECT_EQ(exchange(41, 2, 0x1234, "ab", &status, &in), 0);
     EXPECT_EQ(in, "ba");
-    EXPECT_LT(exchange(mktipcid(4, 0, 41), 0, 0x1234, "ab", &status, &in, 200), 0); // another slot: nobody there
     EXPECT_EQ(seen.count.load(), 2); // the instance travels in the address or beside it
     EXPECT_EQ(seen_b.count.load(), 2);
+    // Nobody bound there (another slot, another application): every way of sending fails at once.
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_LT(exchange(mktipcid(4, 0, 41), 0, 0x1234, "ab", &status, &in, 10000), 0);
+    char x = 'x';
+    EXPECT_EQ(ipcmsg_send(99, 0, 1, &x, 1), -ENOENT);
+    EXPECT_LT(ipcmsg_send_sync(99, 0, 1, &x, 1), 0);
+    EXPECT_LT(ipcmsg_send_timeout(99, 0, 1, &x, 1, 10000), 0);
+    EXPECT_LT(elapsed_ms(t0), 2000);
 }
 
 TEST_F(IpcTest, LongMessagesAreCutAtTheReceiversCapacity) {
@@ -185,18 +186,14 @@ TEST_F(IpcTest, LongMessagesAreCutAtTheReceiversCapacity) {
     uint32_t rlen = 100;
     int32_t status = 5;
     ASSERT_EQ(ipcmsg_send_and_recv(44, 0, 1, nullptr, 0, &status, buf.data(), &rlen, 5000), 0);
-    EXPECT_EQ(rlen, 100u);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(buf[99], uint8_t(99 * 7));
-    EXPECT_EQ(buf[100], 0xee);
+    EXPECT_TRUE(rlen == 100 && status == 0 && buf[99] == uint8_t(99 * 7) && buf[100] == 0xee);
 
     // recv_sync: 10 bytes stored; then nothing more waits, and a receive without blocking fails at once.
     ASSERT_EQ(ipcmsg_send_sync(44, 0, 1, nullptr, 0), 0);
     std::fill(buf.begin(), buf.end(), 0xee);
     uint32_t len = 10;
     ASSERT_EQ(ipcmsg_recv_sync(nullptr, buf.data(), &len, 1), 0);
-    EXPECT_EQ(len, 10u);
-    EXPECT_EQ(buf[10], 0xee);
+    EXPECT_TRUE(len == 10 && buf[10] == 0xee);
     EXPECT_EQ(ipcmsg_recv_sync(nullptr, buf.data(), &len, 0), -EAGAIN);
 
     // The largest payload, in buffers of the platform's own, goes both ways whole; a larger one is refused.
@@ -206,24 +203,11 @@ TEST_F(IpcTest, LongMessagesAreCutAtTheReceiversCapacity) {
     memset(big, 1, IPC_MAX_PAYLOAD + 1);
     rlen = IPC_MAX_PAYLOAD;
     ASSERT_EQ(ipcmsg_send_and_recv(44, 0, 1, big, IPC_MAX_PAYLOAD, &status, back, &rlen, 5000), 0);
-    EXPECT_EQ(rlen, IPC_MAX_PAYLOAD);
-    EXPECT_EQ(back[IPC_MAX_PAYLOAD - 1], uint8_t((IPC_MAX_PAYLOAD - 1) * 7));
+    EXPECT_TRUE(rlen == IPC_MAX_PAYLOAD && back[IPC_MAX_PAYLOAD - 1] == uint8_t((IPC_MAX_PAYLOAD - 1) * 7));
     EXPECT_EQ(ipcmsg_send(44, 0, 1, big, IPC_MAX_PAYLOAD + 1), -EMSGSIZE);
     ipcmsg_free(big);
     ipcmsg_free(back);
     ipcmsg_free(nullptr);
-}
-
-TEST_F(IpcTest, UnboundDestinationFailsAtOnce) {
-    auto t0 = std::chrono::steady_clock::now();
-    int32_t status;
-    EXPECT_LT(exchange(99, 0, 1, "x", &status, nullptr, 10000), 0);
-    char x = 'x';
-    EXPECT_EQ(ipcmsg_send(99, 0, 1, &x, 1), -ENOENT);
-    EXPECT_LT(ipcmsg_send_sync(99, 0, 1, &x, 1), 0);
-    EXPECT_LT(ipcmsg_send_timeout(99, 0, 1, &x, 1, 10000), 0);
-
-    EXPECT_LT(elapsed_ms(t0), 2000);
 }
 
 // A silent handler gives a time-out within its bound, status left alone; time-out 0 is the
@@ -260,21 +244,18 @@ TEST_F(IpcTest, TimeOutsAndStaleReplies) {
     int32_t status = 3;
     std::string in;
     EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 200), -ETIMEDOUT);
-    EXPECT_EQ(status, 3);
+    EXPECT_EQ(status, 3); // left alone
     setenv("MGMT_IPC_TIMEOUT_MS", "200", 1);
     EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 0), -ETIMEDOUT);
     EXPECT_LT(elapsed_ms(t0), 5000);
-    EXPECT_TRUE(seen.wait_count(2));
-    EXPECT_EQ(seen.count.load(), 2);
+    EXPECT_TRUE(seen.wait_count(2)); // both did arrive
 
     EXPECT_EQ(exchange(46, 0, 1, "first", &status, &in, 100), -ETIMEDOUT);
     gate.let_through();
     ASSERT_EQ(exchange(46, 0, 1, "second", &status, &in, 5000), 0);
-    EXPECT_EQ(in, "second");
-    EXPECT_EQ(status, 2);
+    EXPECT_TRUE(in == "second" && status == 2);
     ASSERT_EQ(exchange(46, 0, 2, "", &status, &in, 5000), 0);
-    EXPECT_EQ(in, "right");
-    EXPECT_EQ(status, 3);
+    EXPECT_TRUE(in == "right" && status == 3);
 }
 
 // An endpoint's name is exclusive while it lives and goes at close; left unread, its queue fills
