@@ -101,40 +101,6 @@ TEST(Transactions, TakeStateReleaseRollbackAndFarSideRefusals) {
     }
 }
 
-TEST(Transactions, KeptReleaseReducesAFailedIpcToMinusOne) {
-    ConsoleCapture cap;
-    run_as(5, [&] {
-        set_mgi_transaction_id(9);
-        EXPECT_LT(get_mgi_transaction_lock("a", 0), -1);
-        EXPECT_LT(rollback_mgi_transaction("a", 0), -1);
-        int state;
-        EXPECT_LT(get_mgi_transaction_state(&state, 0), -1);
-        EXPECT_EQ(release_mgi_transaction_lock("a", 0), -1); // reduced to -1
-        EXPECT_EQ(get_mgi_transaction_id(), 9);
-        set_mgi_transaction_id(0);
-        fault::arm_alloc_failures(1);
-        EXPECT_EQ(get_mgi_transaction_state(&state, 0), -1);
-        fault::disarm();
-    });
-    EXPECT_EQ(cap.text(), "MGI: Failed send message to MGD\nMGI: Failed to malloc, when get transaction state\n");
-}
-
-TEST(Transactions, SourceCodeByOwnApplication) {
-    const std::pair<uint32_t, uint8_t> cases[] = {{5, 1},   {23, 4},   {46, 3}, {102, 19},
-                                                  {114, 27}, {118, 26}, {16, 0}, {2, 0}};
-    for (const auto &c : cases) {
-        run_as(c.first, [&] {
-            mgi_trans_info t = {};
-            EXPECT_EQ(set_trans_src(&t), 0);
-            EXPECT_EQ(t.trans_src, c.second) << c.first;
-        });
-    }
-    EXPECT_EQ(set_trans_src(nullptr), -1);
-}
-
-// Each question of the manager under the statuses that tell them apart: only exactly -1 fails the
-// state and debug words and the default value; the change status lies in the status alone (reply
-// bytes that say otherwise are not read); the pre-configuration feature's status is not looked at.
 TEST(Queries, KeptEachQuestionReadsTheStatusItsOwnWay) {
     TestPeer mgd(MGD_APPID), app(40);
     int32_t status = 0;
@@ -193,31 +159,44 @@ TEST(Queries, KeptEachQuestionReadsTheStatusItsOwnWay) {
     EXPECT_TRUE(rq[4] == 0x01 && rq[5] == 0x04 && rq[40] == 0x03 && rq[41] == 0x02 && rq[42] == 0);
 }
 
-TEST(Queries, FailuresAndTheirTexts) {
+// No manager and no memory: the release reduces a failed IPC to -1 (the others give their own
+// result), and each call tells its own text, on the console or on standard output.
+TEST(NoManager, KeptReleaseReducesAFailedIpcToMinusOneAndEachCallTellsItsText) {
     ConsoleCapture cap;
     testing::internal::CaptureStdout();
     run_as(5, [&] {
+        set_mgi_transaction_id(9);
+        EXPECT_LT(get_mgi_transaction_lock("a", 0), -1);
+        EXPECT_LT(rollback_mgi_transaction("a", 0), -1);
+        int state, locked = 5;
+        EXPECT_LT(get_mgi_transaction_state(&state, 0), -1);
+        EXPECT_EQ(release_mgi_transaction_lock("a", 0), -1); // reduced to -1
+        EXPECT_EQ(get_mgi_transaction_id(), 9);
+        set_mgi_transaction_id(0);
         EXPECT_EQ(vk_get_mgi_transaction_state(1), -1);
         EXPECT_EQ(vk_get_system_debug_state(), -1);
         EXPECT_EQ(get_mgd_platform(), -1);
-        int locked = 5;
         EXPECT_EQ(get_mgd_config_lock_status(&locked), -1);
         EXPECT_EQ(get_config_change_status(1), 0);
         uint32_t v = 3;
         EXPECT_EQ(get_pre_config_feature(1, &v), -1);
-        fault::arm_alloc_failures(1);
-        EXPECT_EQ(get_pre_config_feature(1, &v), -1);
-        fault::arm_alloc_failures(1);
-        EXPECT_EQ(get_config_change_status(1), 0);
-        fault::arm_alloc_failures(1);
-        EXPECT_EQ(vk_get_mgi_transaction_state(1), -1); // no text for a failed allocation
+        auto out_of_memory = [](auto call) {
+            fault::arm_alloc_failures(1);
+            return call();
+        };
+        EXPECT_EQ(out_of_memory([&] { return get_mgi_transaction_state(&state, 0); }), -1);
+        EXPECT_EQ(out_of_memory([&] { return get_pre_config_feature(1, &v); }), -1);
+        EXPECT_EQ(out_of_memory([] { return get_config_change_status(1); }), 0);
+        EXPECT_EQ(out_of_memory([] { return vk_get_mgi_transaction_state(1); }), -1);
         fault::disarm();
         EXPECT_EQ(v, 3u);
     });
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
-    EXPECT_EQ(cap.text(), "MGI TRANSACTION STATE: ipc send recv failed\n"
+    EXPECT_EQ(cap.text(), "MGI: Failed send message to MGD\n" // the state's; a failed allocation of the last tells nothing
+                          "MGI TRANSACTION STATE: ipc send recv failed\n"
                           "SYSTEM DEBUG STATE: ipc send recv failed\n"
                           "ipc error.\n"
+                          "MGI: Failed to malloc, when get transaction state\n"
                           "malloc ipc buf failed\n");
 }
 
@@ -260,7 +239,17 @@ TEST(OneWay, ConfigurationRequestsDebugConfigAndLockOfTheManagementSlot) {
     EXPECT_EQ(remote.received()[0].bytes[4], 1); // the lock word
 }
 
-TEST(OneWay, CounterWrapsAndX86DaemonList) {
+// What this process answers alone: the source code of a transaction record by application, the
+// request counter's wrap, the x86 daemons.
+TEST(Local, SourceCodesCounterWrapAndX86DaemonList) {
+    for (auto [app, src] : {std::pair{5u, 1}, {23u, 4}, {46u, 3}, {102u, 19}, {114u, 27}, {118u, 26}, {16u, 0}, {2u, 0}}) {
+        run_as(app, [&] {
+            mgi_trans_info t = {};
+            EXPECT_EQ(set_trans_src(&t), 0);
+            EXPECT_EQ(t.trans_src, src) << app;
+        });
+    }
+    EXPECT_EQ(set_trans_src(nullptr), -1);
     uint8_t rec[4] = {};
     while (vk_x86_get_request_config_num() != 65535) create_request_config_info(rec);
     request_config_from_mgd(1); // nobody listens; the counter moves all the same
