@@ -21,12 +21,6 @@ mgi_trans_info record_of(const Received &r) {
     return t;
 }
 
-Answer reply_record(const mgi_trans_info &t, int32_t status = 0) {
-    Bytes b(sizeof t);
-    std::memcpy(b.data(), &t, sizeof t);
-    return {b, status, true};
-}
-
 Answer reply_words(std::initializer_list<uint32_t> words, int32_t status = 0) {
     Bytes b(words.size() * 4);
     size_t i = 0;
@@ -34,36 +28,26 @@ Answer reply_words(std::initializer_list<uint32_t> words, int32_t status = 0) {
     return {b, status, true};
 }
 
-// A manager that keeps one transaction per virtual system.
-struct TransactionManager {
-    TestPeer mgd{MGD_APPID};
-    uint8_t open_id = 0;
-    int32_t status = 0;
-    TransactionManager() {
-        mgd.handle(MGD_MSG_TRANSACTION, [this](const Received &r) {
-            mgi_trans_info t = record_of(r);
-            mgi_trans_info out = t;
-            switch (t.trans_op) {
-            case MGI_TRANS_LOCK:
-                if (t.trans_lock == 1) {
-                    out.trans_id = open_id ? 0 : 42;
-                    if (!open_id) open_id = 42;
-                } else if (t.trans_id == open_id) {
-                    open_id = 0;
-                }
-                break;
-            case MGI_TRANS_STATE: out.trans_id = open_id; break;
-            case MGI_TRANS_ROLLBACK: open_id = 0; break;
-            }
-            return std::vector<Answer>{reply_record(out, status)};
-        });
-    }
-};
-
 // One take, state, refused take, release, rollback round against the test manager, with the
 // records as they went out; a refusal of the far side leaves the held id alone.
 TEST(Transactions, TakeStateReleaseRollbackAndFarSideRefusals) {
-    TransactionManager m;
+    TestPeer mgd(MGD_APPID); // keeps one transaction, id 42
+    uint8_t open_id = 0;
+    int32_t status = 0;
+    mgd.handle(MGD_MSG_TRANSACTION, [&](const Received &r) {
+        mgi_trans_info t = record_of(r), out = t;
+        if (t.trans_op == MGI_TRANS_LOCK && t.trans_lock == 1) {
+            out.trans_id = open_id ? 0 : 42;
+            open_id = 42;
+        } else if ((t.trans_op == MGI_TRANS_LOCK && t.trans_id == open_id) || t.trans_op == MGI_TRANS_ROLLBACK) {
+            open_id = 0;
+        } else if (t.trans_op == MGI_TRANS_STATE) {
+            out.trans_id = open_id;
+        }
+        Bytes b(sizeof out);
+        std::memcpy(b.data(), &out, sizeof out);
+        return std::vector<Answer>{{b, status, true}};
+    });
     run_as(102, [&] {
         set_mgi_transaction_id(0);
         EXPECT_EQ(get_mgi_transaction_lock("admin", 3), 0);
@@ -73,19 +57,19 @@ TEST(Transactions, TakeStateReleaseRollbackAndFarSideRefusals) {
         EXPECT_EQ(state, 1);
         EXPECT_EQ(get_mgi_transaction_lock(nullptr, 3), -1); // a second take is refused, the id stays
         EXPECT_EQ(get_mgi_transaction_id(), 42);
-        m.status = -3;
+        status = -3;
         EXPECT_EQ(release_mgi_transaction_lock("admin", 3), -1);
         EXPECT_EQ(rollback_mgi_transaction(nullptr, 3), -1);
         EXPECT_EQ(get_mgi_transaction_state(&state, 3), -1);
         EXPECT_EQ(get_mgi_transaction_id(), 42);
-        m.status = 0;
+        status = 0;
         EXPECT_EQ(release_mgi_transaction_lock("admin", 3), 0);
         EXPECT_EQ(get_mgi_transaction_id(), 0);
         EXPECT_EQ(get_mgi_transaction_state(&state, 3), 0);
         EXPECT_EQ(state, 0);
         EXPECT_EQ(rollback_mgi_transaction(nullptr, 3), 0);
     });
-    auto got = m.mgd.received();
+    auto got = mgd.received();
     ASSERT_EQ(got.size(), 9u);
     struct Want {
         size_t at;
