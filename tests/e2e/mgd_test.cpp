@@ -71,16 +71,14 @@ TEST_F(Manager, SetIsRelayedInsideATransactionUntilReleasedOrRolledBack) {
         EXPECT_EQ(get_mgi_transaction_lock("other", 0), -1);
         set_mgi_transaction_id(id);
         int state = -1;
-        EXPECT_EQ(get_mgi_transaction_state(&state, 0), 0);
-        EXPECT_EQ(state, 1);
+        EXPECT_TRUE(get_mgi_transaction_state(&state, 0) == 0 && state == 1);
         EXPECT_GE(release_mgi_transaction_lock("admin", 0), 0);
         EXPECT_EQ(get_mgi_transaction_id(), 0);
         EXPECT_EQ(rollback_mgi_transaction("admin", 0), -1); // nothing open
         ASSERT_EQ(get_mgi_transaction_lock("admin", 0), 0);
         EXPECT_NE(get_mgi_transaction_id(), id); // a new id
         EXPECT_EQ(rollback_mgi_transaction("admin", 0), 0);
-        EXPECT_EQ(get_mgi_transaction_state(&state, 0), 0);
-        EXPECT_EQ(state, 0);
+        EXPECT_TRUE(get_mgi_transaction_state(&state, 0) == 0 && state == 0);
     });
     ASSERT_TRUE(app->wait_for(1));
     const Bytes got = app->received()[0].bytes;
@@ -128,8 +126,7 @@ TEST_F(Manager, MalformedRequestsAndTrapsAreLoggedAndTheManagerServesOn) {
 TEST_F(Manager, ConfigurationLockOfTheManagementSlot) {
     run_as(5, [&] {
         int locked = -1;
-        EXPECT_EQ(get_mgd_config_lock_status(&locked), 0);
-        EXPECT_EQ(locked, 0);
+        EXPECT_TRUE(get_mgd_config_lock_status(&locked) == 0 && locked == 0);
         EXPECT_EQ(req_lock_mgd_cfg(1), 0);
         // The lock goes to the management slot's address, the question to the manager's own: both
         // are waiting when the manager next looks, and it serves every ready address in a round,
