@@ -352,15 +352,11 @@ TEST_F(Exchange, DirectCloseErrorAndStop) {
         EXPECT_EQ(make_mgi_exchange_direct_with_context(&info, kApp, direct_cb, &calls), -1);
     });
     ASSERT_EQ(app.received().size(), 4u);
-    const Bytes close = app.received()[1].bytes;
-    EXPECT_EQ(close[129], MGI_RQT_CLOSE);
-    EXPECT_EQ(close[128], 139);       // no chain for the server...
-    EXPECT_EQ(be16(&close[130]), 16); // ...but the condition of the last answer is counted
-    EXPECT_EQ(close[312 + 1], 131);
+    // The close: no chain for the server, but the condition of the last answer is counted.
+    expect_fields(app.received()[1].bytes.data(), {{129, 1, MGI_RQT_CLOSE}, {128, 1, 139}, {130, 2, 16}, {313, 1, 131}});
     ASSERT_EQ(calls.data.size(), 4u); // the partial answer, the close's final one, two errors
     EXPECT_EQ(calls.data[0], Bytes(4, 9));
-    EXPECT_TRUE(calls.data[2].empty());
-    EXPECT_EQ(calls.err[2].size(), 16u);
+    EXPECT_TRUE(calls.data[2].empty() && calls.err[2].size() == 16);
 }
 
 // Nothing to talk with: a pair that cannot be made is reported and nothing is kept, and a context
