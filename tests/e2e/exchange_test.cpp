@@ -7,7 +7,6 @@
 #include <chrono>
 #include <poll.h>
 #include <cstring>
-#include <unistd.h>
 
 #include "mgmt/mgi.h"
 #include "fault_injection.h"

@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -65,10 +63,7 @@ ToolRun mgictl(const std::vector<std::string> &args) {
     close(err);
     r.out = drain(out[0]);
     r.code = reap(pid);
-    std::ifstream in(err_file);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    r.err = ss.str();
+    r.err = drain(open(err_file.c_str(), O_RDONLY | O_CLOEXEC));
     return r;
 }
 

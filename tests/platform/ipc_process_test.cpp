@@ -11,7 +11,6 @@
 #include <sys/wait.h>
 
 using namespace plat_test;
-using namespace std::chrono_literals;
 
 // Some children end with exit(), to run the platform's exit handlers; they are forked while
 // this process has no other thread. Leak checking belongs to the test process.

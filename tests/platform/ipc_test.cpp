@@ -11,11 +11,8 @@
 #include <vector>
 
 #include <pthread.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 using namespace plat_test;
-using namespace std::chrono_literals;
 
 namespace {
 
