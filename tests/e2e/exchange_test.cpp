@@ -95,7 +95,6 @@ struct SrcCase {
 // looked at).
 TEST_F(Exchange, KeptDirectRoadSourceIgnoresModesAndInfoFrom) {
     TestPeer mgd(MGD_APPID), app(kApp);
-    ASSERT_TRUE(mgd.ok() && app.ok());
     mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{final_msg(MGI_RSP_FINAL2)}; });
     app.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}}; });
     auto none = [](mgiInfo &) {};

@@ -106,6 +106,7 @@ TEST_F(Mgictl, CommandLinesBetweenRealProcesses) {
         {{"get", "aaa_role_role_mapping", "aaa_role.f1=role5"}, 0, "role5  group-5-2  3\n", "", ""},
         {{"get", "aaa_role", "--where", "privilege gt 10"}, 3, "",
          "MGI code -1987, private code 0: condition \"privilege gt 10\" refused (-1987)", ""},
+        {{"get", "aaa_role", "--where", "or privilege gt 10"}, 3, "", "MGI code -1988", ""}, // the daemon serves on
         {{"exec", "aaa_del_lockout", "f1=trent"}, 0, "", "", ""},
         {{"exec", "aaa_del_lockout", "f1=trent"}, 3, "", "private code 1201: user trent is not locked out", ""},
         {{"get", "aaa_user_mapping_entity"}, 3, "", "MGI code -100", ""},
