@@ -6,11 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>

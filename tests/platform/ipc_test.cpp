@@ -11,18 +11,14 @@
 #include <vector>
 
 #include <pthread.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 using namespace plat_test;
-using namespace std::chrono_literals;
 
 namespace {
 
 // What the recording handlers saw, reached through the endpoint's context.
 struct Seen {
     std::mutex mu;
-    std::vector<std::string> payloads;
     std::vector<ipc_peer_t> peers;
     std::vector<uint16_t> msgs;
     std::atomic<int> count{0};
@@ -50,11 +46,10 @@ struct Gate {
     }
 };
 
-void record(void *ipc, void *head, void *payload, uint32_t len) {
+void record(void *ipc, void *head) {
     auto *peer = static_cast<ipc_peer_t *>(ipc);
     auto *seen = static_cast<Seen *>(peer->ctx);
     std::lock_guard<std::mutex> l(seen->mu);
-    seen->payloads.emplace_back(static_cast<char *>(payload), len);
     seen->peers.push_back(*peer);
     seen->msgs.push_back(mgmt::get_be16(static_cast<const ipc_frame_t *>(head)->msg_be));
     seen->count++;
@@ -64,7 +59,7 @@ void record(void *ipc, void *head, void *payload, uint32_t len) {
 // Answers with the payload reversed and status 7.
 int echo_reversed(void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply,
                   uint32_t *reply_len) {
-    record(ipc, head, payload, len);
+    record(ipc, head);
     EXPECT_EQ(*status, 0);
     EXPECT_EQ(*reply_len, IPC_MAX_PAYLOAD);
     auto *p = static_cast<uint8_t *>(payload);
@@ -76,8 +71,8 @@ int echo_reversed(void *ipc, void *head, void *payload, uint32_t len, int32_t *s
     return IPC_HANDLER_REPLY;
 }
 
-int silent(void *ipc, void *head, void *payload, uint32_t len, int32_t *, void *, uint32_t *) {
-    record(ipc, head, payload, len);
+int silent(void *ipc, void *head, void *, uint32_t, int32_t *, void *, uint32_t *) {
+    record(ipc, head);
     return IPC_HANDLER_NOREPLY;
 }
 
@@ -93,168 +88,78 @@ int exchange(uint32_t dst, uint32_t inst, uint16_t msg, const std::string &out, 
 
 } // namespace
 
-TEST(IpcIds, MktipcidAndAFreshThreadHandle) {
-    EXPECT_EQ(mktipcid(3, 2, 40), 0x03020028u);
-    EXPECT_EQ(mktipcid(0, 0, 2), 2u);
-    on_thread([] {
-        EXPECT_EQ(myipc.appid, 0u);
-        EXPECT_EQ(myipc.instance, 0u);
-        EXPECT_EQ(myipc.slot, 0u);
-        EXPECT_EQ(myipc.fd, -1);
-    });
-}
-
 TEST_F(IpcTest, RuntimeDirIsMadeWithParentsMode0700) {
     std::string run = dir_ + "/a/b/run";
     setenv("MGMT_IPC_DIR", run.c_str(), 1);
     mode_t old = umask(0277); // would leave 0500 without the chmod
     const char *got = ipc_runtime_dir();
     umask(old);
-    ASSERT_NE(got, nullptr);
-    EXPECT_EQ(std::string(got), run);
+    EXPECT_EQ(std::string(got ? got : ""), run);
     for (const std::string &d : {run, dir_ + "/a", dir_ + "/a/b"}) {
-        struct stat st;
-        ASSERT_EQ(stat(d.c_str(), &st), 0) << d;
-        EXPECT_TRUE(S_ISDIR(st.st_mode));
-        EXPECT_EQ(st.st_mode & 07777, 0700u) << d;
+        struct stat st{};
+        EXPECT_TRUE(stat(d.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 07777) == 0700) << d;
     }
 }
 
-// Identity from the environment, the process and the thread; a thread's socket ends with it.
+// Identity from the environment, the process and the thread; a thread's socket ends with it, and a
+// reset goes back to the environment's.
 TEST_F(IpcTest, IdentityFromEnvironmentProcessAndThread) {
+    on_thread([] { EXPECT_TRUE(myipc.appid == 0 && myipc.fd == -1); });
     setenv("MGMT_APPID", "7", 1);
     setenv("MGMT_INSTANCE", "3", 1);
     setenv("MGMT_SLOT", "4", 1);
     EXPECT_EQ(ipc_self(), &myipc);
-    EXPECT_EQ(myipc.appid, 7u);
-    EXPECT_EQ(myipc.instance, 3u);
-    EXPECT_EQ(myipc.slot, 4u);
-    EXPECT_GE(myipc.fd, 0);
+    EXPECT_TRUE(myipc.appid == 7 && myipc.instance == 3 && myipc.slot == 4 && myipc.fd >= 0);
     EXPECT_EQ(ipc_own_slot(), 4u);
-
-    ipc_init(9, 1); // the process's identity: in the caller's myipc at once, and in every thread's
-    EXPECT_EQ(myipc.appid, 9u);
-    ipc_self();
-    EXPECT_EQ(myipc.appid, 9u);
-    EXPECT_EQ(myipc.instance, 1u);
-    on_thread([] {
-        ASSERT_NE(ipc_self(), nullptr);
-        EXPECT_EQ(myipc.appid, 9u);
-    });
+    ipc_init(9, 1);
+    on_thread([] { EXPECT_TRUE(ipc_self() && myipc.appid == 9 && myipc.instance == 1); });
     std::string thread_sock;
     on_thread([&] {
         ipc_set_thread_identity(5, 2);
-        ASSERT_NE(ipc_self(), nullptr);
-        EXPECT_EQ(myipc.appid, 5u);
-        EXPECT_EQ(myipc.instance, 2u);
+        EXPECT_TRUE(ipc_self() && myipc.appid == 5 && myipc.instance == 2);
         thread_sock = my_thread_path();
         EXPECT_TRUE(exists(thread_sock));
     });
-    EXPECT_FALSE(thread_sock.empty());
     EXPECT_FALSE(exists(thread_sock));
-
-    ipc_reset(); // back to the environment's identity
+    ipc_reset();
     EXPECT_EQ(myipc.fd, -1);
     ipc_self();
     EXPECT_EQ(myipc.appid, 7u);
 }
 
-TEST_F(IpcTest, ExchangeBetweenThreadsAndAnUnknownMessage) {
-    Seen seen;
-    Server srv(40, 0, &seen, {{0x1234, echo_reversed}});
-    ASSERT_TRUE(srv.ok());
-    EXPECT_TRUE(exists(ep_path(40)));
-    on_thread([&] {
-        ipc_set_thread_identity(5, 1);
-        int32_t status = 99;
-        std::string in;
-        ASSERT_EQ(exchange(40, 0, 0x1234, "hello", &status, &in), 0);
-        EXPECT_EQ(status, 7);
-        EXPECT_EQ(in, "olleh");
-
-        // No handler for 77: answered at once with status -1 and no payload.
-        in = "junk";
-        ASSERT_EQ(exchange(40, 0, 77, "x", &status, &in, 2000), 0);
-        EXPECT_EQ(status, -1);
-        EXPECT_EQ(in, "");
-    });
-    std::lock_guard<std::mutex> l(seen.mu);
-    ASSERT_EQ(seen.count.load(), 1);
-    EXPECT_EQ(seen.payloads[0], "hello");
-    EXPECT_EQ(seen.msgs[0], 0x1234);
-    EXPECT_EQ(seen.peers[0].appid, 5u);
-    EXPECT_EQ(seen.peers[0].instance, 1u);
-    EXPECT_EQ(seen.peers[0].kind, uint32_t(IPC_KIND_REQUEST));
-    EXPECT_EQ(seen.peers[0].pid, getpid());
-    EXPECT_EQ(seen.peers[0].ctx, &seen);
-}
-
-TEST_F(IpcTest, AddressingBySlotAndInstance) {
+// An exchange between threads, addressed by slot and instance in the address or beside it; the
+// handler sees the sender as it is.
+TEST_F(IpcTest, ExchangeAddressedBySlotAndInstance) {
     setenv("MGMT_SLOT", "3", 1);
     Seen seen, seen_b;
-    Server a(41, 0, &seen, {{1, echo_reversed}});
-    Server b(41, 2, &seen_b, {{1, echo_reversed}});
+    Server a(41, 0, &seen, {{0x1234, echo_reversed}});
+    Server b(41, 2, &seen_b, {{0x1234, echo_reversed}});
     ASSERT_TRUE(a.ok() && b.ok());
     EXPECT_TRUE(exists(ep_path(41, 2, 3)));
-    int32_t status;
+    EXPECT_EQ(mktipcid(3, 2, 40), 0x03020028u);
+    int32_t status = 99;
     std::string in;
-    for (uint32_t dst : {41u, mktipcid(3, 0, 41), mktipcid(0, 2, 41)}) {
-        SCOPED_TRACE(dst);
-        EXPECT_EQ(exchange(dst, 0, 1, "ab", &status, &in), 0);
-    }
-    EXPECT_EQ(exchange(41, 2, 1, "ab", &status, &in), 0);
+    on_thread([&] {
+        ipc_set_thread_identity(5, 1);
+        ASSERT_EQ(exchange(41, 0, 0x1234, "hello", &status, &in), 0);
+    });
+    EXPECT_TRUE(status == 7 && in == "olleh");
+    const ipc_peer_t p = seen.peers[0];
+    EXPECT_TRUE(p.appid == 5 && p.instance == 1 && p.kind == IPC_KIND_REQUEST && p.pid == getpid() && p.ctx == &seen);
+    EXPECT_EQ(seen.msgs[0], 0x1234);
+    for (uint32_t dst : {mktipcid(3, 0, 41), mktipcid(0, 2, 41)})
+        EXPECT_EQ(exchange(dst, 0, 0x1234, "ab", &status, &in), 0) << dst;
+    EXPECT_EQ(exchange(41, 2, 0x1234, "ab", &status, &in), 0);
     EXPECT_EQ(in, "ba");
-    EXPECT_LT(exchange(mktipcid(4, 0, 41), 0, 1, "ab", &status, &in, 200), 0); // another slot: nobody there
     EXPECT_EQ(seen.count.load(), 2); // the instance travels in the address or beside it
     EXPECT_EQ(seen_b.count.load(), 2);
-}
-
-// A one-way message gets no answer; a request sent with send_sync gets every answer its handler
-// sends, partial ones and the reply, all of one sequence, from the endpoint's own socket.
-TEST_F(IpcTest, OneWayAndSendSyncWithSeveralAnswers) {
-    static auto partials =
-        +[](void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *reply, uint32_t *reply_len) {
-            record(ipc, head, payload, len);
-            auto *peer = static_cast<ipc_peer_t *>(ipc);
-            EXPECT_EQ(ipc_send_to_peer(peer, 4, "p1", 2, 16), 0);
-            EXPECT_EQ(ipc_send_to_peer(peer, 4, "p2", 2, 16), 0);
-            memcpy(reply, "end", 3);
-            *reply_len = 3;
-            *status = 15;
-            return int(IPC_HANDLER_REPLY);
-        };
-    Seen seen;
-    Server srv(42, 0, &seen, {{3, silent}, {4, partials}});
-    ASSERT_TRUE(srv.ok());
-    ipc_init(6, 0);
-    char msg[] = "one", req[] = "xyz";
-    ASSERT_EQ(ipcmsg_send(42, 0, 3, msg, 3), 0);
-    ASSERT_TRUE(seen.wait_count(1));
-    ASSERT_EQ(seen.count.load(), 1);
-    EXPECT_EQ(seen.peers[0].kind, uint32_t(IPC_KIND_ONEWAY));
-    EXPECT_EQ(seen.peers[0].appid, 6u);
-
-    ASSERT_EQ(ipcmsg_send_sync(42, 0, 4, req, 3), 0);
-    std::vector<std::string> got;
-    for (int i = 0; i < 3; ++i) {
-        ipc_peer_t peer{};
-        char buf[16];
-        uint32_t len = sizeof buf;
-        ASSERT_EQ(ipcmsg_recv_sync(&peer, buf, &len, 1), 0);
-        EXPECT_EQ(peer.kind, uint32_t(IPC_KIND_REPLY));
-        EXPECT_EQ(peer.appid, 42u);
-        EXPECT_EQ(peer.seq, seen.peers[1].seq);
-        EXPECT_EQ(peer.uid, getuid());
-        got.emplace_back(buf, len);
-    }
-    EXPECT_EQ(got, (std::vector<std::string>{"p1", "p2", "end"}));
-    EXPECT_EQ(seen.payloads[1], "xyz");
-
-    // Nothing more waits: a receive without blocking fails at once.
+    // Nobody bound there (another slot, another application): every way of sending fails at once.
     auto t0 = std::chrono::steady_clock::now();
-    char buf[16];
-    uint32_t len = sizeof buf;
-    EXPECT_EQ(ipcmsg_recv_sync(nullptr, buf, &len, 0), -EAGAIN);
+    EXPECT_LT(exchange(mktipcid(4, 0, 41), 0, 0x1234, "ab", &status, &in, 10000), 0);
+    char x = 'x';
+    EXPECT_EQ(ipcmsg_send(99, 0, 1, &x, 1), -ENOENT);
+    EXPECT_LT(ipcmsg_send_sync(99, 0, 1, &x, 1), 0);
+    EXPECT_LT(ipcmsg_send_timeout(99, 0, 1, &x, 1, 10000), 0);
     EXPECT_LT(elapsed_ms(t0), 2000);
 }
 
@@ -275,21 +180,15 @@ TEST_F(IpcTest, LongMessagesAreCutAtTheReceiversCapacity) {
     uint32_t rlen = 100;
     int32_t status = 5;
     ASSERT_EQ(ipcmsg_send_and_recv(44, 0, 1, nullptr, 0, &status, buf.data(), &rlen, 5000), 0);
-    EXPECT_EQ(rlen, 100u);
-    EXPECT_EQ(status, 0);
-    for (uint32_t i = 0; i < 100; ++i)
-        ASSERT_EQ(buf[i], uint8_t(i * 7));
-    for (uint32_t i = 100; i < 200; ++i)
-        ASSERT_EQ(buf[i], 0xee);
+    EXPECT_TRUE(rlen == 100 && status == 0 && buf[99] == uint8_t(99 * 7) && buf[100] == 0xee);
 
-    // recv_sync: 10 bytes stored.
+    // recv_sync: 10 bytes stored; then nothing more waits, and a receive without blocking fails at once.
     ASSERT_EQ(ipcmsg_send_sync(44, 0, 1, nullptr, 0), 0);
     std::fill(buf.begin(), buf.end(), 0xee);
     uint32_t len = 10;
     ASSERT_EQ(ipcmsg_recv_sync(nullptr, buf.data(), &len, 1), 0);
-    EXPECT_EQ(len, 10u);
-    EXPECT_EQ(buf[9], uint8_t(63));
-    EXPECT_EQ(buf[10], 0xee);
+    EXPECT_TRUE(len == 10 && buf[10] == 0xee);
+    EXPECT_EQ(ipcmsg_recv_sync(nullptr, buf.data(), &len, 0), -EAGAIN);
 
     // The largest payload, in buffers of the platform's own, goes both ways whole; a larger one is refused.
     auto *big = static_cast<uint8_t *>(ipcmsg_alloc(IPC_MAX_PAYLOAD + 1));
@@ -298,33 +197,11 @@ TEST_F(IpcTest, LongMessagesAreCutAtTheReceiversCapacity) {
     memset(big, 1, IPC_MAX_PAYLOAD + 1);
     rlen = IPC_MAX_PAYLOAD;
     ASSERT_EQ(ipcmsg_send_and_recv(44, 0, 1, big, IPC_MAX_PAYLOAD, &status, back, &rlen, 5000), 0);
-    EXPECT_EQ(rlen, IPC_MAX_PAYLOAD);
-    EXPECT_EQ(back[IPC_MAX_PAYLOAD - 1], uint8_t((IPC_MAX_PAYLOAD - 1) * 7));
+    EXPECT_TRUE(rlen == IPC_MAX_PAYLOAD && back[IPC_MAX_PAYLOAD - 1] == uint8_t((IPC_MAX_PAYLOAD - 1) * 7));
     EXPECT_EQ(ipcmsg_send(44, 0, 1, big, IPC_MAX_PAYLOAD + 1), -EMSGSIZE);
     ipcmsg_free(big);
     ipcmsg_free(back);
     ipcmsg_free(nullptr);
-}
-
-TEST_F(IpcTest, UnboundDestinationFailsAtOnce) {
-    auto t0 = std::chrono::steady_clock::now();
-    int32_t status;
-    EXPECT_LT(exchange(99, 0, 1, "x", &status, nullptr, 10000), 0);
-    char x = 'x';
-    EXPECT_EQ(ipcmsg_send(99, 0, 1, &x, 1), -ENOENT);
-    EXPECT_LT(ipcmsg_send_sync(99, 0, 1, &x, 1), 0);
-    EXPECT_LT(ipcmsg_send_timeout(99, 0, 1, &x, 1, 10000), 0);
-
-    // A file left behind by a socket that is gone.
-    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strcpy(sa.sun_path, ep_path(98).c_str());
-    ASSERT_EQ(bind(fd, (sockaddr *)&sa, sizeof sa), 0);
-    close(fd);
-    EXPECT_EQ(ipcmsg_send(98, 0, 1, &x, 1), -ECONNREFUSED);
-    EXPECT_LT(exchange(98, 0, 1, "x", &status, nullptr, 10000), 0);
-    EXPECT_LT(elapsed_ms(t0), 2000);
 }
 
 // A silent handler gives a time-out within its bound, status left alone; time-out 0 is the
@@ -361,95 +238,55 @@ TEST_F(IpcTest, TimeOutsAndStaleReplies) {
     int32_t status = 3;
     std::string in;
     EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 200), -ETIMEDOUT);
-    EXPECT_EQ(status, 3);
+    EXPECT_EQ(status, 3); // left alone
     setenv("MGMT_IPC_TIMEOUT_MS", "200", 1);
     EXPECT_EQ(exchange(46, 0, 3, "x", &status, nullptr, 0), -ETIMEDOUT);
     EXPECT_LT(elapsed_ms(t0), 5000);
-    EXPECT_TRUE(seen.wait_count(2));
-    EXPECT_EQ(seen.count.load(), 2);
+    EXPECT_TRUE(seen.wait_count(2)); // both did arrive
 
     EXPECT_EQ(exchange(46, 0, 1, "first", &status, &in, 100), -ETIMEDOUT);
     gate.let_through();
     ASSERT_EQ(exchange(46, 0, 1, "second", &status, &in, 5000), 0);
-    EXPECT_EQ(in, "second");
-    EXPECT_EQ(status, 2);
+    EXPECT_TRUE(in == "second" && status == 2);
     ASSERT_EQ(exchange(46, 0, 2, "", &status, &in, 5000), 0);
-    EXPECT_EQ(in, "right");
-    EXPECT_EQ(status, 3);
+    EXPECT_TRUE(in == "right" && status == 3);
 }
 
-TEST_F(IpcTest, SendTimeoutBoundsAFullQueue) {
+// An endpoint's name is exclusive while it lives and goes at close; left unread, its queue fills
+// and a send with a time-out gives up.
+TEST_F(IpcTest, EndpointNamesAreExclusiveAndAFullQueueBoundsTheSend) {
     ipc_endpoint_t *ep = ipc_endpoint_open(48, 0, nullptr); // bound, never read
     ASSERT_NE(ep, nullptr);
+    EXPECT_EQ(ipc_endpoint_open(48, 0, nullptr), nullptr);
     std::vector<char> msg(60000, 'm');
     auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(ipcmsg_send_timeout(48, 0, 1, msg.data(), uint32_t(msg.size()), 100), 0);
     int rc = 0;
     for (int i = 0; i < 100 && rc == 0; ++i)
         rc = ipcmsg_send_timeout(48, 0, 1, msg.data(), uint32_t(msg.size()), 100);
     EXPECT_EQ(rc, -ETIMEDOUT);
     EXPECT_LT(elapsed_ms(t0), 5000);
     ipc_endpoint_close(ep);
+    EXPECT_FALSE(exists(ep_path(48)));
+    ASSERT_NE(ep = ipc_endpoint_open(48, 0, nullptr), nullptr); // the name is free again
+    EXPECT_EQ(ipc_endpoint_dispatch(ep, 20), 0);
+    ipc_endpoint_close(ep);
 }
 
-TEST_F(IpcTest, EndpointNamesAreExclusiveAndRemovedAtClose) {
-    ipc_endpoint_t *a = ipc_endpoint_open(49, 0, nullptr);
-    ASSERT_NE(a, nullptr);
-    EXPECT_GE(ipc_endpoint_fd(a), 0);
-    EXPECT_EQ(ipc_endpoint_open(49, 0, nullptr), nullptr); // a live socket holds the name
-    ipc_endpoint_close(a);
-    EXPECT_FALSE(exists(ep_path(49)));
-    ipc_endpoint_t *b = ipc_endpoint_open(49, 0, nullptr);
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(ipc_endpoint_dispatch(b, 20), 0);
-    ipc_endpoint_close(b);
-}
-
-TEST_F(IpcTest, DaemonDispatchesOneAtATime) {
-    EXPECT_EQ(ipc_daemon_fd(), -1);
-    EXPECT_EQ(ipc_dispatch_one(0), -1);
-    static Seen seen;
-    seen.count = 0;
-    ASSERT_EQ(
-        ipc_register_handler(
-            5,
-            +[](void *ipc, void *head, void *payload, uint32_t len, int32_t *status, void *, uint32_t *reply_len) {
-                static_cast<ipc_peer_t *>(ipc)->ctx = &seen; // the process endpoint's context is null
-                record(ipc, head, payload, len);
-                *reply_len = 0;
-                *status = 11;
-                return int(IPC_HANDLER_REPLY);
-            }),
-        0);
+// The process's endpoint served until a stop from another thread or a signal handler; a number
+// without a handler is answered with status -1. (Dispatching one at a time is mgd's event loop.)
+TEST_F(IpcTest, DaemonServesUntilStoppedAndAnswersAnUnknownNumber) {
     ASSERT_EQ(ipc_register(50, 0), 0);
-    EXPECT_GE(ipc_daemon_fd(), 0);
     EXPECT_TRUE(exists(ep_path(50)));
-    EXPECT_EQ(myipc.appid, 50u);
-    EXPECT_EQ(ipc_dispatch_one(30), 0);
-
-    int32_t status = 0;
+    int32_t unknown = 0;
     int rc = -100;
-    std::thread client([&] { rc = exchange(50, 0, 5, "req", &status, nullptr, 5000); });
-    EXPECT_EQ(ipc_dispatch_one(5000), 1);
-    client.join();
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(status, 11);
-    EXPECT_EQ(seen.count.load(), 1);
-    EXPECT_EQ(seen.peers[0].appid, 50u); // the client thread has the process identity
-}
-
-TEST_F(IpcTest, ServeStopsFromAnotherThreadOrASignalHandler) {
-    ASSERT_EQ(ipc_register(51, 0), 0);
-    int rc = -100;
-    int32_t status = 0;
     std::thread t([&] {
-        rc = exchange(51, 0, 9, "q", &status, nullptr, 5000); // served by the loop: no handler, status -1
+        rc = exchange(50, 0, 9, "q", &unknown, nullptr, 5000);
         ipc_stop();
     });
     EXPECT_EQ(ipc_serve(), 0);
     t.join();
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(status, -1);
+    EXPECT_EQ(unknown, -1);
 
     ipc_stop(); // a stop while no serve runs: the next serve returns at once
     EXPECT_EQ(ipc_serve(), 0);
@@ -462,56 +299,8 @@ TEST_F(IpcTest, ServeStopsFromAnotherThreadOrASignalHandler) {
     pthread_t me = pthread_self();
     // Whether the signal comes before the serve or during it, the serve ends.
     std::thread k([me] { pthread_kill(me, SIGUSR1); });
-    auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(ipc_serve(), 0);
-    EXPECT_LT(elapsed_ms(t0), 5000);
     k.join();
     sigaction(SIGUSR1, &old, nullptr);
 }
 
-// A monitor gets a copy of each frame, request and answer in their order, with who sent it to
-// whom; left unread, its queues fill and further copies are dropped and counted, while every
-// send still goes at once.
-TEST_F(IpcTest, MonitorCopiesAndDropsWithoutHoldingASender) {
-    Seen seen;
-    ipc_endpoint_t *ep = ipc_endpoint_open(47, 0, &seen);
-    ASSERT_NE(ep, nullptr);
-    ipc_endpoint_handler(ep, 9, echo_reversed);
-    std::thread server([ep] { ipc_endpoint_serve(ep); });
-    ipc_set_thread_identity(5, 0);
-    ASSERT_GE(ipc_monitor_open(), 0);
-    EXPECT_EQ(ipc_monitor_open(), -EBUSY);
-    int32_t status;
-    ASSERT_EQ(exchange(47, 0, 9, "abc", &status, nullptr), 0);
-    std::vector<char> buf(64 + IPC_MAX_PAYLOAD);
-    struct Want {
-        uint32_t from, to, kind;
-        std::string payload;
-    };
-    for (const Want &w : {Want{5, 47, IPC_KIND_REQUEST, "abc"}, Want{47, 5, IPC_KIND_REPLY, "cba"}}) {
-        ASSERT_EQ(ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 2000), 64 + 3);
-        ipc_monitor_head_t h;
-        ipc_frame_t fr;
-        std::memcpy(&h, buf.data(), sizeof h);
-        std::memcpy(&fr, buf.data() + sizeof h, sizeof fr);
-        EXPECT_EQ(h.magic, IPC_MONITOR_MAGIC);
-        EXPECT_EQ(h.result, 0);
-        EXPECT_EQ(h.pid, getpid());
-        EXPECT_EQ(fr.src_app, w.from);
-        EXPECT_EQ(h.dst_app, w.to);
-        EXPECT_EQ(fr.kind, w.kind);
-        EXPECT_EQ(fr.msg_be[1], 9);
-        EXPECT_EQ(std::string(buf.data() + 64, 3), w.payload);
-    }
-    EXPECT_EQ(ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 0), -ETIMEDOUT);
-    auto t0 = std::chrono::steady_clock::now();
-    for (int i = 0; i < 200; ++i) ASSERT_EQ(exchange(47, 0, 9, std::string(1000, 'x'), &status, nullptr), 0) << i;
-    EXPECT_LT(elapsed_ms(t0), 5000);
-    EXPECT_GT(ipc_monitor_dropped(), 0u);
-    EXPECT_LT(ipc_monitor_dropped(), 400u);
-    ipc_monitor_close();
-    EXPECT_EQ(ipc_monitor_recv(buf.data(), uint32_t(buf.size()), 0), -EBADF);
-    ipc_endpoint_stop(ep);
-    server.join();
-    ipc_endpoint_close(ep);
-}
