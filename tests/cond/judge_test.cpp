@@ -53,8 +53,10 @@ appItem g_items[] = {
 class JudgeEnv : public testing::Environment {
   public:
     void SetUp() override {
-        app_entity_add(nullptr, app_entity_init(kWord, APP_ENTITY_INDEXED, nullptr, nullptr, nullptr, nullptr, g_items));
-        app_entity_add(nullptr, app_entity_init(kBare, APP_ENTITY_INDEXED, nullptr, nullptr, nullptr, nullptr, nullptr));
+        app_entity_add(nullptr,
+                       app_entity_init(kWord, APP_ENTITY_INDEXED, nullptr, nullptr, nullptr, nullptr, g_items));
+        app_entity_add(nullptr,
+                       app_entity_init(kBare, APP_ENTITY_INDEXED, nullptr, nullptr, nullptr, nullptr, nullptr));
     }
 };
 const auto *g_env = testing::AddGlobalTestEnvironment(new JudgeEnv);

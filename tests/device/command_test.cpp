@@ -54,7 +54,9 @@ void (*sigchld_handler())(int) {
     return sa.sa_handler;
 }
 
-bool matches(const std::string &text, const std::string &pattern) { return std::regex_match(text, std::regex(pattern)); }
+bool matches(const std::string &text, const std::string &pattern) {
+    return std::regex_match(text, std::regex(pattern));
+}
 
 class Command : public ::testing::Test {
   protected:

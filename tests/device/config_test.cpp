@@ -212,7 +212,8 @@ class AllVsys : public Config {
         write_file(conf, "x");
         strlcpy(file, conf.c_str(), sizeof file);
         int rc = -9;
-        run_as(kFrontEnd, [&] { rc = libmgmt_import_configuration(MGMT_VSYS_ALL, file, "admin", "web", 0, err, errlen); });
+        run_as(kFrontEnd,
+               [&] { rc = libmgmt_import_configuration(MGMT_VSYS_ALL, file, "admin", "web", 0, err, errlen); });
         return rc;
     }
     TestPeer mgd{MGD_APPID};

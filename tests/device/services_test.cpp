@@ -381,7 +381,8 @@ TEST_F(Traps, WriteRoadAndForwarderFrameIntoBuffersOfTenThousandBytes) {
 TEST_F(Traps, IpcRoadSendsBigEndianWordsToApplication23) {
     std::vector<int> rc;
     run_as(31, [&] {
-        rc = {vk_trap(0x0102, "link down", 9, 0xa1b2c3d4), vk_private_trap(0x55, "ev", 2, 7), vk_trap(12, nullptr, 4, 9)};
+        rc = {vk_trap(0x0102, "link down", 9, 0xa1b2c3d4), vk_private_trap(0x55, "ev", 2, 7),
+              vk_trap(12, nullptr, 4, 9)};
     });
     EXPECT_EQ(rc, std::vector<int>(3, 0));
     EXPECT_EQ(vk_trap(5, nullptr, 4, 0), -1);

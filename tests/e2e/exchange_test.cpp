@@ -96,7 +96,9 @@ struct SrcCase {
 TEST_F(Exchange, KeptDirectRoadSourceIgnoresModesAndInfoFrom) {
     TestPeer mgd(MGD_APPID), app(kApp);
     mgd.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{final_msg(MGI_RSP_FINAL2)}; });
-    app.handle(MGI_IPC_MSG, [](const Received &) { return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}}; });
+    app.handle(MGI_IPC_MSG, [](const Received &) {
+        return std::vector<Answer>{{mgi_message(MGI_RSP_FINAL, {}), 0, true}};
+    });
     auto none = [](mgiInfo &) {};
     auto whole_context = [](mgiInfo &info) {
         set_mgi_transaction_id(0x21);
@@ -263,11 +265,13 @@ TEST_F(Exchange, ThroughMgdAnswersAndFaultsAreToldOnTheConsole) {
     // Target words are printed as they stand in the send buffer, big-endian, unconverted.
     const std::string targets = "MGI target[0] " + std::to_string(__builtin_bswap32(0xe0001)) + "\nMGI target[1] " +
                                 std::to_string(__builtin_bswap32(0xe0002)) + "\n";
-    EXPECT_EQ(cap.text(), "MGI: unknown msg type: 21\n"
-                          "MGI CONTEXT: poll failed: return 0, error: Success(0), myapp app5 dst-app mgd\n" + targets +
-                          "MGI: unknown event 18\nMGI: recv failed\nMGI: recv failed\nMGI: recv failed\n"
-                          "MGI R: poll failed: return -1, error: Interrupted system call(4), myapp app23 dst-app mgd\n" +
-                          targets);
+    EXPECT_EQ(cap.text(),
+              "MGI: unknown msg type: 21\n"
+              "MGI CONTEXT: poll failed: return 0, error: Success(0), myapp app5 dst-app mgd\n" +
+                  targets +
+                  "MGI: unknown event 18\nMGI: recv failed\nMGI: recv failed\nMGI: recv failed\n"
+                  "MGI R: poll failed: return -1, error: Interrupted system call(4), myapp app23 dst-app mgd\n" +
+                  targets);
 }
 
 // ---------------------------------------------------------------- direct road
@@ -276,10 +280,14 @@ TEST_F(Exchange, ThroughMgdAnswersAndFaultsAreToldOnTheConsole) {
 // with cookies, then a final one.
 std::vector<Answer> paged_answer(const Received &r) {
     static const Bytes kCookie1(24, 0xC1), kCookie2(24, 0xC2);
-    auto sent = [&](const Bytes &c) { return std::search(r.bytes.begin() + 312, r.bytes.end(), c.begin(), c.end()) != r.bytes.end(); };
+    auto sent = [&](const Bytes &c) {
+        return std::search(r.bytes.begin() + 312, r.bytes.end(), c.begin(), c.end()) != r.bytes.end();
+    };
     if (sent(kCookie2)) return {{mgi_message(MGI_RSP_FINAL, {{134, Bytes(12, 3)}}), 0, true}};
     if (sent(kCookie1)) return {{mgi_message(MGI_RSP_PARTIAL, {{134, Bytes(12, 2)}, {132, kCookie2}}), 0, true}};
-    return {{mgi_message(MGI_RSP_PARTIAL, {{134, Bytes(12, 1)}, {132, kCookie1}, {131, bytes_of(std::string("cond-a\0\0", 8))},
+    return {{mgi_message(MGI_RSP_PARTIAL, {{134, Bytes(12, 1)},
+                                           {132, kCookie1},
+                                           {131, bytes_of(std::string("cond-a\0\0", 8))},
                                            {138, Bytes(4, 0x38)}}),
              0, true}};
 }
@@ -310,8 +318,15 @@ TEST_F(Exchange, DirectPagingSendsCookieConditionQueryAndRecordBack) {
     // The second: the type stays; key (subtype 0x77), the cookie unchanged, the condition, the query data.
     const Bytes second = app.received()[1].bytes;
     ASSERT_EQ(second.size(), 312u + 74u);
-    expect_fields(second.data(), {{128, 1, 133}, {129, 1, 2}, {130, 2, 14 + 32 + 16 + 12}, {313, 1, 133}, {316, 4, 0x77},
-                                  {327, 1, 132}, {359, 1, 131}, {374, 1, 139}, {375, 1, 138}});
+    expect_fields(second.data(), {{128, 1, 133},
+                                  {129, 1, 2},
+                                  {130, 2, 14 + 32 + 16 + 12},
+                                  {313, 1, 133},
+                                  {316, 4, 0x77},
+                                  {327, 1, 132},
+                                  {359, 1, 131},
+                                  {374, 1, 139},
+                                  {375, 1, 138}});
     EXPECT_STREQ(reinterpret_cast<const char *>(&second[320]), "key");
     EXPECT_EQ(Bytes(&second[334], &second[358]), Bytes(24, 0xC1));
     EXPECT_STREQ(reinterpret_cast<const char *>(&second[366]), "cond-a");
@@ -351,7 +366,8 @@ TEST_F(Exchange, DirectCloseErrorAndStop) {
     });
     ASSERT_EQ(app.received().size(), 4u);
     // The close: no chain for the server, but the condition of the last answer is counted.
-    expect_fields(app.received()[1].bytes.data(), {{129, 1, MGI_RQT_CLOSE}, {128, 1, 139}, {130, 2, 16}, {313, 1, 131}});
+    expect_fields(app.received()[1].bytes.data(),
+                  {{129, 1, MGI_RQT_CLOSE}, {128, 1, 139}, {130, 2, 16}, {313, 1, 131}});
     ASSERT_EQ(calls.data.size(), 4u); // the partial answer, the close's final one, two errors
     EXPECT_EQ(calls.data[0], Bytes(4, 9));
     EXPECT_TRUE(calls.data[2].empty() && calls.err[2].size() == 16);

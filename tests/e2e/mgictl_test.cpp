@@ -93,19 +93,31 @@ TEST_F(Mgictl, CommandLinesBetweenRealProcesses) {
     };
     const std::vector<Row> rows = {
         // Set through mgd, read back straight from the owner; identity options reach the header.
-        {{"set", "aaa_radius_authorization", "f1=1", "f2=45", "--app", "46"}, 0, "", "",
+        {{"set", "aaa_radius_authorization", "f1=1", "f2=45", "--app", "46"},
+         0,
+         "",
+         "",
          "set aaa_radius_authorization (e0005) type 1 from app46 src 3 trans 0: 8 bytes -> app11: answered type 15"},
         {{"get", "aaa_radius_authorization"}, 0, "f1  f2\n1   45\n", "", ""},
-        {{"get", "aaa_radius_authorization", "--type", "30", "--json"}, 0, "{\"f1\": 1, \"f2\": 45}", "",
+        {{"get", "aaa_radius_authorization", "--type", "30", "--json"},
+         0,
+         "{\"f1\": 1, \"f2\": 45}",
+         "",
          "get aaa_radius_authorization (e0005) type 30 from app5"},
         // The owner refuses a set, then a get by a key it lacks, a condition, an exec the second time.
-        {{"set", "aaa_radius_authorization", "f2=0"}, 3, "",
-         "refused by 2 (mgd) for the owner 11 (app11): MGI code -1, private code 1301: timeout 0 is outside 1 to 600", ""},
+        {{"set", "aaa_radius_authorization", "f2=0"},
+         3,
+         "",
+         "refused by 2 (mgd) for the owner 11 (app11): MGI code -1, private code 1301: timeout 0 is outside 1 to 600",
+         ""},
         {{"get", "aaa_role", "f1=role7"}, 0, "role7  7   10  \"role number 7\"\n", "", ""},
         {{"get", "aaa_role", "f1=nosuch"}, 3, "", "MGI code -11, private code 0: role nosuch does not exist", ""},
         {{"get", "aaa_role_role_mapping", "aaa_role.f1=role5"}, 0, "role5  group-5-2  3\n", "", ""},
-        {{"get", "aaa_role", "--where", "privilege gt 10"}, 3, "",
-         "MGI code -1987, private code 0: condition \"privilege gt 10\" refused (-1987)", ""},
+        {{"get", "aaa_role", "--where", "privilege gt 10"},
+         3,
+         "",
+         "MGI code -1987, private code 0: condition \"privilege gt 10\" refused (-1987)",
+         ""},
         {{"get", "aaa_role", "--where", "or privilege gt 10"}, 3, "", "MGI code -1988", ""}, // the daemon serves on
         {{"exec", "aaa_del_lockout", "f1=trent"}, 0, "", "", ""},
         {{"exec", "aaa_del_lockout", "f1=trent"}, 3, "", "private code 1201: user trent is not locked out", ""},
@@ -134,7 +146,11 @@ TEST_F(Mgictl, CommandLinesBetweenRealProcesses) {
         // The catalogue as it stands, and the manager's own object served by mgd itself.
         {{"list", "mgmt_tr*"}, 0, "set,get  2    mgd      90012\n", "", ""},
         {{"show", "aaa_role_role_mapping"}, 0, "parents aaa_role\n", "", ""},
-        {{"set", "mgmt_trans", "f1=admin", "f2=3", "f3=4"}, 0, "", "", "set mgmt_trans (90012) type 1 from app5: served here\n"},
+        {{"set", "mgmt_trans", "f1=admin", "f2=3", "f3=4"},
+         0,
+         "",
+         "",
+         "set mgmt_trans (90012) type 1 from app5: served here\n"},
         {{"get", "mgmt_trans"}, 0, "admin", "", ""},
     };
     for (const Row &row : rows) {
@@ -200,7 +216,8 @@ TEST_F(Mgictl, MonitorCapturesTheDemoForTshark) {
                              "app5 -> mgd 371 manager: transaction seq", "app5 -> app23 64 trap seq"})
         EXPECT_NE(shown.find(want), std::string::npos) << want << "\n" << shown;
 
-    if (std::system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "tshark is not installed (scripts/setup installs it)";
+    if (std::system("command -v tshark >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "tshark is not installed (scripts/setup installs it)";
     std::string cmd = "tshark -X lua_script:" + build_path("tools/wireshark/mgi.lua") + " -r " + capture +
                       " -T fields -E 'separator=|' -e mgimon.msg -e mgimon.result -e mgi.type -e mgi.target"
                       " -e mgi.seg.type -e mgi.err.code -e mgi.err.private -e mgi.err.text -e mgd.trans.user"

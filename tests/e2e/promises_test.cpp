@@ -54,7 +54,8 @@ class Promises : public ::testing::Test {
   protected:
     void SetUp() override {
         set_mgi_transaction_id(0);
-        state_ = std::string(ipc_runtime_dir()) + "/kept-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        state_ =
+            std::string(ipc_runtime_dir()) + "/kept-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
         start_mgd();
         start_app();
     }
@@ -145,7 +146,8 @@ TEST_F(Promises, TheLockHoldsAgainstOthersAndIdsNeverRepeat) {
                       std::string error;
                       set_mgi_transaction_id(0);
                       if (set_radius(62, 10, &error) != -1) return 1;
-                      if (error != "virtual system 0 is locked by transaction " + std::to_string(held) + " of \"admin\"")
+                      if (error !=
+                          "virtual system 0 is locked by transaction " + std::to_string(held) + " of \"admin\"")
                           return 2;
                       set_mgi_transaction_id(held);
                       if (release_mgi_transaction_lock("admin", 0) != -1) return 3;

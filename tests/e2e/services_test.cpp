@@ -86,24 +86,32 @@ TEST(Queries, KeptEachQuestionReadsTheStatusItsOwnWay) {
     TestPeer mgd(MGD_APPID), app(40);
     int32_t status = 0;
     uint16_t lock_words[2] = {};
-    auto word = [&](uint32_t w) { return [&, w](const Received &) { return std::vector<Answer>{reply_words({w}, status)}; }; };
+    auto word = [&](uint32_t w) {
+        return [&, w](const Received &) { return std::vector<Answer>{reply_words({w}, status)}; };
+    };
     mgd.handle(MGD_MSG_TRANSACTION_STATE, word(77));
     mgd.handle(MGD_MSG_SYSTEM_DEBUG_STATE, word(5));
     mgd.handle(MGD_MSG_PLATFORM, word(0x31));
-    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) { return std::vector<Answer>{{Bytes(2, 0xff), status, true}}; });
-    mgd.handle(MGD_MSG_OBJECT_DEFAULT_VALUE, [&](const Received &) { return std::vector<Answer>{{Bytes{1, 2, 3, 4, 5, 6}, status, true}}; });
+    mgd.handle(MGD_MSG_CONFIG_CHANGE_STATUS, [&](const Received &) {
+        return std::vector<Answer>{{Bytes(2, 0xff), status, true}};
+    });
+    mgd.handle(MGD_MSG_OBJECT_DEFAULT_VALUE, [&](const Received &) {
+        return std::vector<Answer>{{Bytes{1, 2, 3, 4, 5, 6}, status, true}};
+    });
     mgd.handle(MGD_MSG_CONFIG_LOCK_STATUS, [&](const Received &) {
         Bytes b(4);
         std::memcpy(b.data(), lock_words, 4);
         return std::vector<Answer>{{b, status, true}};
     });
-    mgd.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &r) { return std::vector<Answer>{reply_words({r.bytes[0] * 10u}, -9)}; });
+    mgd.handle(MGD_MSG_PRE_CONFIG_FEATURE,
+               [&](const Received &r) { return std::vector<Answer>{reply_words({r.bytes[0] * 10u}, -9)}; });
     app.handle(MGD_MSG_PRE_CONFIG_FEATURE, [&](const Received &) { return std::vector<Answer>{reply_words({1})}; });
     const uint32_t target[10] = {0x4f0001, 0x20401, 0};
     struct Row {
         int32_t status;
         int state, debug, platform, change, default_value, lock;
-    } rows[] = {{0, 77, 5, 0x31, 1, 0, 0}, {12, 77, 5, 0x31, 1, 0, 0}, {-2, 77, 5, -1, 0, 0, -1}, {-1, -1, -1, -1, 0, -1, -1}};
+    } rows[] = {
+        {0, 77, 5, 0x31, 1, 0, 0}, {12, 77, 5, 0x31, 1, 0, 0}, {-2, 77, 5, -1, 0, 0, -1}, {-1, -1, -1, -1, 0, -1, -1}};
     run_as(5, [&] {
         for (const Row &r : rows) {
             status = r.status;
@@ -115,7 +123,8 @@ TEST(Queries, KeptEachQuestionReadsTheStatusItsOwnWay) {
             EXPECT_EQ(get_mgd_platform(), r.platform) << r.status;
             EXPECT_EQ(get_config_change_status(3), r.change) << r.status;
             EXPECT_EQ(get_object_default_value_with_target(target, 0x0203, out, 8), r.default_value) << r.status;
-            EXPECT_EQ(Bytes(out, out + 8), r.default_value ? Bytes(8, 0xEE) : (Bytes{1, 2, 3, 4, 5, 6, 0, 0})) << r.status;
+            EXPECT_EQ(Bytes(out, out + 8), r.default_value ? Bytes(8, 0xEE) : (Bytes{1, 2, 3, 4, 5, 6, 0, 0}))
+                << r.status;
             EXPECT_EQ(get_mgd_config_lock_status(&locked), r.lock) << r.status;
         }
         status = 0; // the lock: the first word is 1, or the second is not 0
@@ -173,12 +182,13 @@ TEST(NoManager, KeptReleaseReducesAFailedIpcToMinusOneAndEachCallTellsItsText) {
         EXPECT_EQ(v, 3u);
     });
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "CAP: ipc send failed\nCAP: ipc malloc error\n");
-    EXPECT_EQ(cap.text(), "MGI: Failed send message to MGD\n" // the state's; a failed allocation of the last tells nothing
-                          "MGI TRANSACTION STATE: ipc send recv failed\n"
-                          "SYSTEM DEBUG STATE: ipc send recv failed\n"
-                          "ipc error.\n"
-                          "MGI: Failed to malloc, when get transaction state\n"
-                          "malloc ipc buf failed\n");
+    EXPECT_EQ(cap.text(),
+              "MGI: Failed send message to MGD\n" // the state's; a failed allocation of the last tells nothing
+              "MGI TRANSACTION STATE: ipc send recv failed\n"
+              "SYSTEM DEBUG STATE: ipc send recv failed\n"
+              "ipc error.\n"
+              "MGI: Failed to malloc, when get transaction state\n"
+              "malloc ipc buf failed\n");
 }
 
 TEST(OneWay, ConfigurationRequestsDebugConfigAndLockOfTheManagementSlot) {
@@ -220,7 +230,8 @@ TEST(OneWay, ConfigurationRequestsDebugConfigAndLockOfTheManagementSlot) {
 // What this process answers alone: the source code of a transaction record by application, the
 // request counter's wrap, the x86 daemons.
 TEST(Local, SourceCodesCounterWrapAndX86DaemonList) {
-    for (auto [app, src] : {std::pair{5u, 1}, {23u, 4}, {46u, 3}, {102u, 19}, {114u, 27}, {118u, 26}, {16u, 0}, {2u, 0}}) {
+    for (auto [app, src] :
+         {std::pair{5u, 1}, {23u, 4}, {46u, 3}, {102u, 19}, {114u, 27}, {118u, 26}, {16u, 0}, {2u, 0}}) {
         run_as(app, [&] {
             mgi_trans_info t = {};
             EXPECT_EQ(set_trans_src(&t), 0);

@@ -57,11 +57,7 @@ static bool alloc_fails(size_t n) {
            in_scope() && take(AllocHook::size_fail);
 }
 
-static void count_alloc() {
-    ++AllocHook::thread_count;
-    if (AllocHook::counting.load(std::memory_order_relaxed))
-        AllocHook::process_count.fetch_add(1, std::memory_order_relaxed);
-}
+static void count_alloc() { ++AllocHook::thread_count; }
 #endif
 
 static bool fork_fails() { return fork_fail.load() > 0 && in_scope() && take(fork_fail); }

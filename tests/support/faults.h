@@ -24,11 +24,8 @@ namespace mgmt_test {
 
 struct AllocHook {
     static constexpr bool active = MGMT_ALLOC_HOOK;
-    // malloc, calloc, realloc and memalign calls of this thread, and of the whole process while
-    // `counting` is set.
+    // malloc, calloc, realloc and memalign calls of this thread.
     static inline thread_local long thread_count = 0;
-    static inline std::atomic<bool> counting{false};
-    static inline std::atomic<long> process_count{0};
     // malloc/calloc calls of this thread to let through before one fails; -1: none fails.
     static inline thread_local int fail_after = -1;
     // The next `size_fail` malloc/calloc calls of exactly `size_fail_size` bytes fail, on any
