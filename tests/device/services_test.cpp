@@ -57,6 +57,15 @@ TEST_F(Probes, ChildMonitorPidIsDigitsAloneWithoutLineEnd) {
     }
 }
 
+// The process's state is asked three times; a state other than disk sleep hands over to the console log.
+TEST_F(Probes, StorageAsksTheStateOfTheProcessThreeTimes) {
+    hook.popen = Hooks::record; // no line at any try
+    EXPECT_EQ(vk_is_storage_available(4321), -1);
+    EXPECT_EQ(hook.log, std::vector<std::string>(3, "popen r: cat /proc/4321/status | grep State"));
+    hook.popen = Hooks::run;
+    EXPECT_EQ(vk_is_storage_available(getpid()), 0) << "running, and no console log";
+}
+
 TEST_F(Probes, DeviceUuidIsOneWordReadAnewEachTime) {
     EXPECT_STREQ(get_device_uuid(), "");
     for (auto [text, want] : {std::pair<std::string, std::string>{"  5f1e-77aa trailing words\n", "5f1e-77aa"},
