@@ -65,8 +65,10 @@ class Promises : public ::testing::Test {
         mgd.reset();
         set_mgi_transaction_id(0);
     }
-    void start_mgd() {
-        mgd = std::make_unique<Daemon>("tools/mgd", std::vector<std::string>{"--state-dir", state_, "-v"}, MGD_APPID);
+    void start_mgd(const std::string &relay_timeout_ms = "5000") {
+        mgd = std::make_unique<Daemon>(
+            "tools/mgd", std::vector<std::string>{"--state-dir", state_, "-v", "--relay-timeout", relay_timeout_ms},
+            MGD_APPID);
         ASSERT_TRUE(mgd->ok()) << mgd->output();
     }
     void start_app() {
@@ -124,6 +126,19 @@ TEST_F(Promises, AStoppedOwnerHoldsUpOnlyItsOwnSets) {
     EXPECT_FALSE(done) << "the other requests waited for the stopped owner";
     kill(app->pid(), SIGCONT);
     stuck.join();
+
+    // The manager gives up first; the owner's late yes still reaches the manager's copy.
+    mgd.reset();
+    start_mgd("200");
+    kill(app->pid(), SIGSTOP);
+    run_as(5, [&] {
+        std::string error;
+        EXPECT_EQ(set_radius(77, 10, &error), -1);
+        EXPECT_EQ(error, "application app11 does not answer");
+        kill(app->pid(), SIGCONT);
+        ASSERT_TRUE(mgd->wait_output("late answer type 15 from app11"));
+        EXPECT_EQ(radius_timeout(MGI_RQT_MGD_GET), 77);
+    });
 }
 
 TEST_F(Promises, TheLockHoldsAgainstOthersAndIdsNeverRepeat) {

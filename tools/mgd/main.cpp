@@ -74,11 +74,12 @@ void usage() {
                 "What the owners accepted, the open transactions and the transaction id counter are kept in\n"
                 "DIR/mgd.db (SQLite), so that a restarted manager has them; an owner that registers again is\n"
                 "sent its accepted sets in their order. Sets wait for their owner in a queue of their own and\n"
-                "are relayed with a deadline of 5 s each; a set to a virtual system locked by a transaction\n"
+                "are relayed with a deadline for each answer; a set to a virtual system locked by a transaction\n"
                 "is refused unless it carries the holder's transaction id.\n"
                 "\n"
                 "  -s, --state-dir=DIR  keep the state in DIR (default: $MGMT_STATE_DIR, else the runtime\n"
                 "                       directory's name with .state added)\n"
+                "  -t, --relay-timeout=MS  wait MS milliseconds for each answer of an owner (default 5000)\n"
                 "  -v, --verbose   log more (debug); MGMT_LOG_LEVEL=error|warning|info|debug sets the start\n"
                 "  -q, --quiet     log less (warnings and errors only; twice: errors only)\n"
                 "      --syslog    log to syslog (facility daemon) instead of standard output\n"
@@ -104,12 +105,14 @@ int main(int argc, char **argv) {
     }
     bool to_syslog = false;
     std::string state_dir;
+    int relay_timeout_ms = mgd::kRelayTimeoutMs;
     if (const char *env = std::getenv("MGMT_STATE_DIR"); env && *env) state_dir = env;
     static const option options[] = {{"verbose", no_argument, nullptr, 'v'}, {"quiet", no_argument, nullptr, 'q'},
                                      {"syslog", no_argument, nullptr, 'S'},  {"help", no_argument, nullptr, 'h'},
                                      {"state-dir", required_argument, nullptr, 's'},
+                                     {"relay-timeout", required_argument, nullptr, 't'},
                                      {"version", no_argument, nullptr, 'V'}, {nullptr, 0, nullptr, 0}};
-    for (int c; (c = getopt_long(argc, argv, "vqhVs:", options, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, "vqhVs:t:", options, nullptr)) != -1;) {
         switch (c) {
         case 'v':
             if (level < mgd::Level::debug) level = static_cast<mgd::Level>(static_cast<int>(level) + 1);
@@ -119,6 +122,17 @@ int main(int argc, char **argv) {
             break;
         case 'S': to_syslog = true; break;
         case 's': state_dir = optarg; break;
+        case 't': {
+            char *end = nullptr;
+            long ms = std::strtol(optarg, &end, 10);
+            if (!*optarg || *end || ms <= 0 || ms > 3600000) {
+                std::fprintf(stderr, "mgd: --relay-timeout: '%s' is not a number of milliseconds from 1 to 3600000\n",
+                             optarg);
+                return mgmt_cli::usage_error("mgd");
+            }
+            relay_timeout_ms = int(ms);
+            break;
+        }
         case 'h': usage(); return 0;
         case 'V': return mgmt_cli::version("mgd");
         default: return mgmt_cli::usage_error("mgd");
@@ -143,6 +157,7 @@ int main(int argc, char **argv) {
         state_dir = std::string(dir) + ".state";
     }
     mgd::Manager manager;
+    manager.set_relay_timeout(relay_timeout_ms);
     if (std::string why; !manager.start(state_dir, &why)) {
         std::fprintf(stderr, "mgd: %s\n", why.c_str());
         if (to_syslog) mgd::log(mgd::Level::error, "%s", why.c_str());

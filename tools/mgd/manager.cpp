@@ -336,7 +336,7 @@ void Manager::enqueue(uint32_t owner, Relay relay) {
         return;
     }
     relay.request = relay.set;
-    relay.deadline = now_ms() + kRelayTimeoutMs;
+    relay.deadline = now_ms() + relay_timeout_ms_;
     if (relay.has_peer && log_enabled(Level::debug)) {
         std::vector<uint32_t> t = target_of(relay.set.data());
         log(Level::debug, "set %s (%s) from app%u waits for app%u behind %zu others", object_name(t),
@@ -367,7 +367,7 @@ void Manager::send_next(uint32_t owner) {
         q.retry_at = 0;
         q.in_flight = true;
         r.seq = seq;
-        r.deadline = now_ms() + kRelayTimeoutMs;
+        r.deadline = now_ms() + relay_timeout_ms_;
         in_flight_[seq] = owner;
         q.watch = ipc_client_watch(client_, owner);
     }
@@ -496,7 +496,7 @@ void Manager::on_events(const pollfd *fds, size_t n) {
     long long now = now_ms();
     for (auto &[owner, q] : owners_) {
         if (q.in_flight && !q.waiting.empty() && now >= q.waiting.front().deadline)
-            finish(owner, "no answer (ETIMEDOUT: it did not answer in " + std::to_string(kRelayTimeoutMs) + " ms)",
+            finish(owner, "no answer (ETIMEDOUT: it did not answer in " + std::to_string(relay_timeout_ms_) + " ms)",
                    Level::warning, kNoAnswer);
         if (!q.in_flight && !q.waiting.empty() && (!q.retry_at || now >= q.retry_at)) send_next(owner);
     }

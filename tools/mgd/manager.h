@@ -34,7 +34,7 @@ enum Refusal : int32_t {
     kLocked = -EACCES,          // the virtual system is locked by another's transaction
 };
 
-// How long a relay waits for each answer of the owner.
+// How long a relay waits for each answer of the owner, unless told otherwise.
 constexpr int kRelayTimeoutMs = 5000;
 // Sets that may wait for one owner; more are refused at once with kBusy.
 constexpr size_t kMaxWaiting = 256;
@@ -73,6 +73,8 @@ class Manager {
     // Opens the state in dir, loads it and registers the handlers on the process endpoint
     // (application 2). False with why filled when it cannot.
     bool start(const std::string &state_dir, std::string *why);
+    // The wait for each answer of an owner (ms, above 0).
+    void set_relay_timeout(int ms) { relay_timeout_ms_ = ms; }
     // Once the manager's address is bound: follows the addresses that appear, logs what the state
     // held at the start, and releases the transactions whose holders ended.
     void report();
@@ -120,6 +122,7 @@ class Manager {
     std::map<uint32_t, std::pair<uint32_t, std::vector<uint8_t>>> given_up_; // sequence -> owner, set
     ipc_client_t *client_ = nullptr;
     Store store_;
+    int relay_timeout_ms_ = kRelayTimeoutMs;
     uint32_t next_id_ = 1;
     size_t loaded_sets_ = 0;
     bool config_locked_ = false;
