@@ -21,6 +21,27 @@ unsigned char *alloc_buffer() {
 // Header field of the send buffer, or null when there is none to write.
 unsigned char *send_header(mgiBuf *buf) { return buf ? buf->sbuf : nullptr; }
 
+// The pair the library made for this thread. It is freed when the thread ends, if the thread
+// still holds it then: a thread that ends without thread_free_mgi leaves nothing behind.
+thread_local mgiBuf *t_made = nullptr;
+struct FreeAtThreadEnd {
+    ~FreeAtThreadEnd() {
+        if (t_made && global_mgi_buf == t_made) {
+            deinit_mgi_r(t_made);
+            global_mgi_buf = nullptr;
+        }
+    }
+};
+
+// Stores a pair made for the thread; the first one arms the thread's end.
+mgiBuf *keep_for_thread(mgiBuf *buf) {
+    static thread_local FreeAtThreadEnd at_end;
+    (void)at_end;
+    t_made = buf;
+    global_mgi_buf = buf;
+    return buf;
+}
+
 } // namespace
 
 extern "C" {
@@ -39,20 +60,17 @@ MGMT_API mgiBuf *init_mgi_r(void) {
     return buf;
 }
 
-MGMT_API mgiBuf *thread_init_mgi(void) {
-    global_mgi_buf = init_mgi_r();
-    return global_mgi_buf;
-}
+MGMT_API mgiBuf *thread_init_mgi(void) { return keep_for_thread(init_mgi_r()); }
 
 MGMT_API mgiBuf *get_global_mgi_buf(void) {
-    if (!global_mgi_buf) global_mgi_buf = init_mgi_r();
-    return global_mgi_buf;
+    return global_mgi_buf ? global_mgi_buf : keep_for_thread(init_mgi_r());
 }
 
 MGMT_API void init_mgi(void) { get_global_mgi_buf(); }
 
 MGMT_API void deinit_mgi_r(mgiBuf *buf) {
     if (!buf) return;
+    if (buf == t_made) t_made = nullptr; // freed: the thread's end must not free it again
     if (buf->sbuf) ipcmsg_free(buf->sbuf);
     if (buf->rbuf) ipcmsg_free(buf->rbuf);
     std::free(buf);
@@ -80,8 +98,8 @@ MGMT_API mgiBuf *init_mgi_exchange_r(mgiBuf *buf) {
 }
 
 MGMT_API mgiBuf *init_mgi_exchange(void) {
-    global_mgi_buf = init_mgi_exchange_r(global_mgi_buf);
-    return global_mgi_buf;
+    mgiBuf *buf = init_mgi_exchange_r(global_mgi_buf);
+    return buf == global_mgi_buf ? buf : keep_for_thread(buf);
 }
 
 MGMT_API void prepare_to_append_segment_r(mgiBuf *buf) {

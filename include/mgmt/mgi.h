@@ -527,7 +527,8 @@ MGMT_API void init_mgi(void);
 MGMT_API mgiBuf *get_global_mgi_buf(void);
 /*
  * Free a pair, both buffers and the record; null is accepted. thread_free_mgi frees the thread's pair
- * and clears global_mgi_buf, and does nothing in a thread without one.
+ * and clears global_mgi_buf, and does nothing in a thread without one. A thread that ends while
+ * global_mgi_buf still holds the pair the library made for it has that pair freed at its end.
  */
 MGMT_API void deinit_mgi_r(mgiBuf *buf);
 MGMT_API void free_mgi_buf(mgiBuf *buf);

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "mgmt/mgi.h"
+#include "faults.h"
 #include "test_support.h"
 
 using namespace mgmt_test;
@@ -158,6 +159,12 @@ TEST(Pairs, KeptOnlyInitMakesTheThreadPairAndPlainFormsTakeItAsItStands) {
         thread_free_mgi();
         EXPECT_EQ(global_mgi_buf, nullptr);
     }).join();
+    // A thread that ends holding the pair made for it leaves no buffer behind; a pair freed by hand
+    // is not freed again at the thread's end.
+    const long held = fault::ipc_buffers;
+    for (int i = 0; i < 200; ++i) std::thread([] { get_global_mgi_buf(); }).join();
+    std::thread([] { deinit_mgi_r(thread_init_mgi()); }).join();
+    EXPECT_EQ(fault::ipc_buffers, held);
     deinit_mgi_r(nullptr);
     free_mgi_buf(nullptr);
     mgiBuf *fresh = init_mgi_exchange_r(nullptr);

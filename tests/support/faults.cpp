@@ -71,6 +71,7 @@ template <typename Fn> Fn next(const char *name) { return reinterpret_cast<Fn>(d
 const auto real_poll = next<int (*)(struct pollfd *, nfds_t, int)>("poll");
 const auto real_recv = next<int (*)(ipc_peer_t *, void *, uint32_t *, int)>("ipcmsg_recv_sync");
 const auto real_alloc = next<void *(*)(uint32_t)>("ipcmsg_alloc");
+const auto real_free = next<void (*)(void *)>("ipcmsg_free");
 const auto real_fork = next<pid_t (*)()>("fork");
 } // namespace
 
@@ -133,5 +134,12 @@ STAND_IN void *ipcmsg_alloc(uint32_t size) {
         --fault::alloc_failures;
         return nullptr;
     }
-    return real_alloc(size);
+    void *p = real_alloc(size);
+    if (p) ++fault::ipc_buffers;
+    return p;
+}
+
+STAND_IN void ipcmsg_free(void *msg) {
+    if (msg) --fault::ipc_buffers;
+    real_free(msg);
 }

@@ -54,8 +54,10 @@ void arm_poll(const PollFault &f);
 void arm_recv_failures(int count);
 void arm_alloc_failures(int count, int skip = 0);
 void disarm();
-// The size of this thread's last ipcmsg_alloc call.
+// The size of this thread's last ipcmsg_alloc call, and the IPC buffers held in the process (those
+// ipcmsg_alloc gave, less those ipcmsg_free took back).
 extern thread_local uint32_t last_alloc_size;
+inline std::atomic<long> ipc_buffers{0};
 
 // The next `fork_fail` forks fail with EAGAIN, on any thread.
 inline std::atomic<int> fork_fail{0};
