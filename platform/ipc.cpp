@@ -190,6 +190,7 @@ struct ThreadSock {
         if (fd < 0) return;
         close(fd);
         fd = -1;
+        awaited = 0; // a new socket waits for no earlier request's answers
         disown(&own);
         myipc.fd = -1;
     }
