@@ -4,8 +4,9 @@
 //   aaa_role               (0xe0002)          a keyed table of roles, several hundred rows by default;
 //                                             a get by key answers one row, a get without key walks the
 //                                             whole table in name order over several partial answers,
-//                                             paged by the common cookie; a type-31 get filters the
-//                                             walk by a regular expression on the name (object id 0);
+//                                             paged by a cookie that names the last row sent (walks
+//                                             interleave); a type-31 get filters the walk by a regular
+//                                             expression on the name (object id 0);
 //                                             a condition in the request is parsed against the items
 //   aaa_role_role_mapping  (0xe0002.0xe0001)  the mappings of one role: a nested child whose parent
 //                                             index (the role) is decoded by the role's decodeIndex
@@ -103,37 +104,23 @@ int accept_request(mgiInfo *) { return 0; }
 
 // ---------------------------------------------------------------- aaa_role
 
-// The walk of a table: rows in name order in the condition context's data
-// list, kept across the partial answers of one listing.
-struct WalkState {
-    uint32_t generation;
-    uint32_t rows;
+// A walk of the table pages by its cookie: the name of the last row sent, which the next request
+// brings back. Nothing of a walk stays here between its answers, so any number of walks, from any
+// number of front ends, interleave. The request's filter (its query data) goes out with each
+// partial answer and so comes back with the next request too.
+struct WalkCookie {
+    uint32_t sent;  // rows sent so far
+    char after[32]; // the name of the last of them
 };
-static_assert(sizeof(WalkState) <= COND_APP_AREA);
-uint32_t g_generation = 0;
 
-WalkState &walk_state(condContext *ctx) { return *reinterpret_cast<WalkState *>(ctx->app_area); }
+// The roles in name order (the sorter's natural order of strings), made once at start.
+std::vector<const RoleRecord *> g_by_name;
 
-// Builds the listing: the roles whose name matches the request's expression, sorted by name.
-void build_walk(mgiInfo *info, condContext *ctx) {
-    free_cond_ctx_by_uiInfo();
-    void *regex = mgi_get_match_regex_by_obj_id(info, 0);
+void sort_roles() {
     vk_sorter_init(sizeof(RoleRecord), APP_ITEM_STRING, 0, 0, 32, 0, nullptr, 0);
-    uint32_t n = 0;
-    for (RoleRecord &r : g_roles) {
-        if (mgi_pcre_exec(regex, r.f1, int(strlen(r.f1))) != 0) continue;
-        vk_sorter_write(&r);
-        ++n;
-    }
-    for (vk_sorter_node *s = vk_sorter_get(); s; s = s->next) {
-        auto *node = static_cast<cond_data_node *>(calloc(1, sizeof(cond_data_node)));
-        if (!node) break;
-        node->row = s->object;
-        *ctx->data_list.last = node;
-        ctx->data_list.last = &node->next;
-    }
+    for (RoleRecord &r : g_roles) vk_sorter_write(&r);
+    for (vk_sorter_node *s = vk_sorter_get(); s; s = s->next) g_by_name.push_back(static_cast<RoleRecord *>(s->object));
     vk_sorter_free();
-    walk_state(ctx) = {++g_generation, n};
 }
 
 int role_decode_index(mgiInfo *info) {
@@ -171,10 +158,12 @@ int role_encode(mgiInfo *info) {
     }
 
     // A walk: the first request has no cookie, the others send back the one of the last answer.
-    uint32_t cookie[MGI_COOKIE_WORDS] = {};
-    bool first = !info->cookie || info->cookie_len != sizeof cookie;
-    if (first) {
-        build_walk(info, ctx);
+    WalkCookie cookie{};
+    if (info->cookie && info->cookie_len == sizeof cookie) {
+        std::memcpy(&cookie, info->cookie, sizeof cookie);
+        cookie.after[sizeof cookie.after - 1] = '\0';
+    } else {
+        free_cond_ctx_by_uiInfo();
         // A condition of the request is parsed against the role's items. The
         // parser takes the text's first word at every step, so a text always
         // meets the word limit (or, starting with a connector, the connector
@@ -192,35 +181,40 @@ int role_encode(mgiInfo *info) {
                 return 0;
             }
         }
-        cookie[0] = 0;
-        cookie[1] = walk_state(ctx).rows - 1;
-        cookie[2] = walk_state(ctx).generation;
-    } else {
-        std::memcpy(cookie, info->cookie, sizeof cookie);
-        mgi_common_cookie_ntoh(cookie);
-        if (cookie[2] != walk_state(ctx).generation || !ctx->data_list.first) {
+    }
+    // The rows after the cookie's name that pass the filter, as many as one answer holds.
+    auto from = g_by_name.begin();
+    if (cookie.after[0]) {
+        from = std::find_if(g_by_name.begin(), g_by_name.end(),
+                            [&](const RoleRecord *r) { return std::strcmp(r->f1, cookie.after) == 0; });
+        if (from == g_by_name.end()) {
             set_encode_errcode(info, kErrWalkLost);
-            mgi_sprintf_err(info, "the listing was interrupted; start it again");
+            mgi_sprintf_err(info, "the listing lost its place (%s); start it again", cookie.after);
             return 0;
         }
+        ++from;
     }
-    int wanted = walk_state(ctx).rows ? get_rqt_num_by_cookie(cookie) : 0;
-    uint32_t count = std::min<uint32_t>(wanted > 0 ? uint32_t(wanted) : 0, get_mgi_rsp_data_num(sizeof(RoleRecord)));
+    void *regex = mgi_get_match_regex_by_obj_id(info, 0);
+    const uint32_t room = get_mgi_rsp_data_num(sizeof(RoleRecord));
+    uint32_t count = 0;
     mgi_init_rsp_message(info);
-    cond_data_node *node = ctx->data_list.first;
-    for (uint32_t i = 0; node && i < cookie[0]; ++i) node = node->next;
-    for (uint32_t i = 0; node && i < count; ++i, node = node->next) {
+    auto it = from;
+    for (; it != g_by_name.end() && count < room; ++it) {
+        if (mgi_pcre_exec(regex, (*it)->f1, int(strlen((*it)->f1))) != 0) continue;
         auto *end = static_cast<unsigned char *>(get_rsp_data(info)) + get_rsp_datalen(info);
-        std::memcpy(end, node->row, sizeof(RoleRecord)); // built in place
+        std::memcpy(end, *it, sizeof(RoleRecord)); // built in place
         mgi_update_rsp_data(info, end, sizeof(RoleRecord));
+        ++count;
+        strlcpy(cookie.after, (*it)->f1, sizeof cookie.after);
     }
-    set_cookie_by_rsp_data(cookie, count, walk_state(ctx).generation);
-    static uint32_t out_cookie[MGI_COOKIE_WORDS];
-    if (cookie[0] <= cookie[1] && count > 0) {
-        std::memcpy(out_cookie, cookie, sizeof out_cookie);
-        mgi_common_cookie_hton(out_cookie);
-        mgi_set_rsp_cookie(info, out_cookie, sizeof out_cookie);
-        set_rsptype(info, MGI_RSP_PARTIAL); // the context lives on until the last part
+    cookie.sent += count;
+    static WalkCookie out_cookie;
+    if (it != g_by_name.end()) {
+        out_cookie = cookie;
+        mgi_set_rsp_cookie(info, &out_cookie, sizeof out_cookie);
+        if (info->querydata && info->querydata_len) // the filter comes back with the next request
+            append_rsp_segment(info, MGI_SEG_QUERYDATA, info->querydata, uint16_t(info->querydata_len));
+        set_rsptype(info, MGI_RSP_PARTIAL);
     } else {
         set_rsptype(info, MGI_RSP_FINAL);
     }
@@ -316,6 +310,7 @@ void make_roles(uint32_t rows) {
     }
     // Kept in no particular order: listings come out sorted by the sorter.
     std::shuffle(g_roles.begin(), g_roles.end(), std::mt19937(2024));
+    sort_roles();
 }
 
 int register_entities() {
