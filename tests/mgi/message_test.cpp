@@ -244,6 +244,14 @@ TEST_F(Response, FindWalksByTheAnnouncedTypeAsFarAsTheLengthGoes) {
     EXPECT_EQ(find(134).first, -1);
     load(mgi_message(16, {{132, {}}}));
     EXPECT_EQ(find(132), std::make_pair(320L, 0u)); // a cookie of length 0 is found
+    // The reader of data, error and cookie counts only those against len: a condition ahead of
+    // the data costs nothing.
+    load(mgi_message(16, {{131, Bytes(8, 1)}, {134, Bytes(8, 2)}}));
+    mgmt::put_field(buf->rbuf, mgmt::hdr::len, uint16_t(8 + 8));
+    void *data = nullptr, *other = nullptr;
+    uint32_t data_len = 0, other_len = 0;
+    record_rsp_seg_r(buf, &data, &data_len, &other, &other_len, &other, &other_len);
+    EXPECT_EQ(data_len, 8u);
 }
 
 TEST_F(Response, LengthsFromTheFarSideNeverLeadOutsideTheBuffer) {
