@@ -308,7 +308,7 @@ TEST(BufListPrint, FormatsWithoutTerminatorOnStackAndHeapPaths) {
 [[maybe_unused]] void collect(const char *text, void *ctx) { static_cast<std::string *>(ctx)->append(text); }
 
 TEST(BufListPrint, OutOfMemoryStoresNothingAndSaysSo) {
-#ifdef __SANITIZE_ADDRESS__
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "address space limits do not mix with the sanitizer's shadow memory";
 #else
     mgmt_test::ChildResult r = mgmt_test::run_in_child([](int out) {
