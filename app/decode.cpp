@@ -171,32 +171,32 @@ MGMT_API int decode_app_mgi_hdr(void *rqt, void *rsp, mgiInfo *info) {
 
 MGMT_API int record_segment_info(mgiInfo *info, uint8_t type, void *segment) {
     auto *s = static_cast<unsigned char *>(segment);
-    void *body = s + MGI_SEGHDR_LEN;
+    void *body = mgmt::seg_body(s);
     switch (type) {
     case MGI_SEG_UIINFO: info->uiInfo = body; break;
     case MGI_SEG_CONDITION:
         info->condition = body;
-        info->condition_len = get_be16(s + 2);
+        info->condition_len = mgmt::seg_len(s);
         info->condition_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_COOKIE:
         info->cookie = body;
-        info->cookie_len = get_be16(s + 2);
+        info->cookie_len = mgmt::seg_len(s);
         info->cookie_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_RULEDATA:
         info->mgidata = body;
-        info->mgidata_len = get_be16(s + 2);
+        info->mgidata_len = mgmt::seg_len(s);
         info->mgidata_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_UDCDATA:
         info->udcdata = body;
-        info->udcdata_len = get_be16(s + 2);
+        info->udcdata_len = mgmt::seg_len(s);
         info->udcdata_subtype = mgmt::seg_subtype(s);
         break;
     case MGI_SEG_QUERYDATA:
         info->querydata = body;
-        info->querydata_len = get_be16(s + 2);
+        info->querydata_len = mgmt::seg_len(s);
         break;
     default: break;
     }
