@@ -43,8 +43,10 @@ int encode_row(mgiInfo *info) {
     return 0;
 }
 
+// Handlers end with mgi_final_rsp_message, which frees the request's compiled expressions.
 int report(mgiInfo *info) {
     default_err_handle(info);
+    mgi_final_rsp_message(info);
     return 0;
 }
 
