@@ -40,6 +40,20 @@ void free_elements(buf_list *list) {
     }
 }
 
+// The block of an element that a reset kept for the cursor. A reset leaves the cursor naming
+// what it named; that element stays, empty and out of the chain, so that a read or a seek before
+// the next rewind finds the end instead of freed memory. It goes when the cursor moves on.
+char g_detached_block[1];
+
+bool detached(const buf_elem *e) { return e != nullptr && e->data == g_detached_block; }
+
+void set_cursor(buf_list *list, buf_elem *e) {
+    if (detached(list->cursor) && list->cursor != e) {
+        free(list->cursor);
+    }
+    list->cursor = e;
+}
+
 }  // namespace
 
 extern "C" {
@@ -74,8 +88,18 @@ MGMT_API void buf_list_reset(buf_list *list) {
     if (list == nullptr) {
         return;
     }
-    free_elements(list);
     // The cursor keeps naming what it named: readers rewind after a reset.
+    buf_elem *kept = list->cursor;
+    for (buf_elem *e = list->head; e != nullptr;) {
+        buf_elem *next = e->next;
+        if (e == kept) {
+            free(e->data);
+            *e = buf_elem{nullptr, nullptr, g_detached_block, 0, 0};
+        } else {
+            buf_elem_free(list, e);
+        }
+        e = next;
+    }
     list->head = nullptr;
     list->tail = nullptr;
     list->read_offset = 0;
@@ -87,6 +111,7 @@ MGMT_API void buf_list_free(buf_list *list) {
     if (list == nullptr) {
         return;
     }
+    set_cursor(list, nullptr); // first: it looks at the element the cursor names
     free_elements(list);
     if (list->companion != nullptr) {
         free_elements(list->companion);
@@ -190,7 +215,7 @@ MGMT_API void buf_list_rewind(buf_list *list) {
     if (list == nullptr) {
         return;
     }
-    list->cursor = list->head;
+    set_cursor(list, list->head);
     list->read_offset = list->head != nullptr ? list->head->start : 0;
 }
 
@@ -210,11 +235,11 @@ MGMT_API char *buf_list_get_line(buf_list *list, char *out, uint32_t *len) {
         if (list->read_offset >= e->used) {
             e = e->next;
             if (e == nullptr) {
-                list->cursor = nullptr;
+                set_cursor(list, nullptr);
                 list->read_offset = 0;
                 break;
             }
-            list->cursor = e;
+            set_cursor(list, e);
             list->read_offset = e->start;
             continue;
         }
@@ -257,11 +282,11 @@ MGMT_API int buf_list_seek(buf_list *list, int32_t offset, int whence) {
         return -1;
     }
     if (whence == 0) {
-        list->cursor = list->head;
+        set_cursor(list, list->head);
         list->read_offset = 0;
         list->position = 0;
     } else if (whence == 2) {
-        list->cursor = list->tail;
+        set_cursor(list, list->tail);
         list->read_offset = list->tail != nullptr ? list->tail->used : 0;
         list->position = list->total_len;
     }
@@ -286,7 +311,7 @@ MGMT_API int buf_list_seek(buf_list *list, int32_t offset, int whence) {
         for (;;) {
             const uint32_t rest = e->used - list->read_offset;
             list->position += rest;
-            list->cursor = e->next;
+            set_cursor(list, e->next);
             list->read_offset = 0;
             left -= static_cast<int32_t>(rest);
             if (left <= 0) {
@@ -317,7 +342,7 @@ MGMT_API int buf_list_seek(buf_list *list, int32_t offset, int whence) {
             list->read_offset = 0;
             return -1;  // the position ran ahead of the stored bytes
         }
-        list->cursor = prev;
+        set_cursor(list, prev);
         list->read_offset = prev->used;
     }
 }

@@ -42,7 +42,11 @@ typedef struct buf_list {
 MGMT_API buf_list *buf_list_new(uint32_t elem_size);
 /* Frees the elements, the companion and the list; null is ignored. */
 MGMT_API void buf_list_free(buf_list *list);
-/* Frees all elements and zeroes the counters; the cursor is left naming a freed element: rewind before reading. */
+/*
+ * Frees all elements and zeroes the counters. Kept on purpose: the cursor still names the element it
+ * named, rewind before reading. That element is kept empty and out of the chain until the cursor
+ * moves on, so a read or a seek before the rewind finds the end rather than freed memory.
+ */
 MGMT_API void buf_list_reset(buf_list *list);
 /* Frees one element and its block (not unlinked); null is ignored. */
 MGMT_API void buf_elem_free(buf_list *list, buf_elem *elem);
