@@ -197,7 +197,6 @@ struct ThreadSock {
     ~ThreadSock() { close_fd(); }
 };
 
-
 /*
  * The descriptor that turns readable when the process serving sock_path ends, -1 when it is not
  * known (no file names it, or it ended before the request went out).
@@ -206,13 +205,13 @@ int peer_watch(ThreadSock &ts, const char *sock_path) {
     PeerWatch *w = nullptr;
     for (PeerWatch &c : ts.watch)
         if (c.pidfd >= 0 && strcmp(c.path, sock_path) == 0) w = &c;
-    if (w && !readable(w->pidfd)) return w->pidfd;
-    if (!w) w = &ts.watch[ts.next_watch++ % kPeerWatches];
-    if (w->pidfd >= 0) close(w->pidfd); // ended, or the slot is taken over
-    *w = PeerWatch{};
-    w->pidfd = open_process_watch(sock_path);
-    if (w->pidfd >= 0) strcpy(w->path, sock_path);
-    return w->pidfd;
+    if (!w) { // a slot taken over for this address
+        w = &ts.watch[ts.next_watch++ % kPeerWatches];
+        if (w->pidfd >= 0) close(w->pidfd);
+        w->pidfd = -1;
+        strcpy(w->path, sock_path);
+    }
+    return w->pidfd = renew_process_watch(w->pidfd, sock_path);
 }
 
 /* Throws away what still waits on the thread's socket: answers to requests given up on. */
@@ -280,6 +279,12 @@ int open_process_watch(const char *sock_path) {
         return -1;
     }
     return pidfd;
+}
+
+int renew_process_watch(int pidfd, const char *sock_path) {
+    if (pidfd >= 0 && !readable(pidfd)) return pidfd;
+    if (pidfd >= 0) close(pidfd); // that process ended: look again who serves the address now
+    return open_process_watch(sock_path);
 }
 
 int pid_file_path(const char *sock_path, char *out, size_t size) {

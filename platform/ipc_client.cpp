@@ -84,20 +84,14 @@ int ipc_client_watch(ipc_client_t *c, uint32_t dst) {
     sockaddr_un sa;
     socklen_t salen;
     if (dst_addr(dst, 0, &sa, &salen) < 0) return -1;
-    auto it = c->watches.find(sa.sun_path);
-    if (it != c->watches.end()) {
-        if (!readable(it->second)) return it->second;
-        close(it->second); // that process ended: look again who serves the address now
-        c->watches.erase(it);
-    }
-    int fd = open_process_watch(sa.sun_path);
-    if (fd >= 0) c->watches.emplace(sa.sun_path, fd);
-    return fd;
+    int &fd = c->watches.emplace(sa.sun_path, -1).first->second;
+    return fd = renew_process_watch(fd, sa.sun_path);
 }
 
 void ipc_client_close(ipc_client_t *c) {
     if (!c) return;
-    for (auto &w : c->watches) close(w.second);
+    for (auto &w : c->watches)
+        if (w.second >= 0) close(w.second);
     if (c->fd >= 0) {
         close(c->fd);
         disown(&c->own);

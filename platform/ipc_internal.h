@@ -110,6 +110,8 @@ int pid_file_path(const char *sock_path, char *out, size_t size);
  * sock_path ends; -1 when no file names one or it has ended already.
  */
 int open_process_watch(const char *sock_path);
+/* pidfd (or -1) while the process it watches lives; else closed, and a new watch of sock_path. */
+int renew_process_watch(int pidfd, const char *sock_path);
 /* Whether fd polls readable now. */
 bool readable(int fd);
 

@@ -29,7 +29,10 @@ template <typename T> std::vector<T> column_vector(sqlite3_stmt *s, int i) {
 
 } // namespace
 
-Store::~Store() { sqlite3_close(db_); }
+Store::~Store() {
+    sqlite3_finalize(put_set_);
+    sqlite3_close(db_);
+}
 
 bool Store::open(const std::string &dir, std::string *why) {
     if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -53,6 +56,14 @@ bool Store::open(const std::string &dir, std::string *why) {
         *why = "cannot set up " + path_ + ": " + error();
         return false;
     }
+    // A set is kept on every accepted set: its statement is made once, its order counted here.
+    put_set_ = prepare("INSERT OR REPLACE INTO accepted(key, owner, path, message, seq) VALUES(?, ?, ?, ?, ?)");
+    Stmt last{prepare("SELECT IFNULL(MAX(seq), 0) FROM accepted")};
+    if (!put_set_ || !last.s || sqlite3_step(last.s) != SQLITE_ROW) {
+        *why = "cannot set up " + path_ + ": " + error();
+        return false;
+    }
+    last_seq_ = sqlite3_column_int64(last.s, 0);
     return true;
 }
 
@@ -68,14 +79,16 @@ sqlite3_stmt *Store::prepare(const char *sql) const {
 
 bool Store::put_set(const std::vector<uint8_t> &key, uint32_t owner, const std::vector<uint32_t> &path,
                     const std::vector<uint8_t> &message) {
-    Stmt st{prepare("INSERT OR REPLACE INTO accepted(key, owner, path, message, seq) VALUES(?, ?, ?, ?,"
-                    " (SELECT IFNULL(MAX(seq), 0) + 1 FROM accepted))")};
-    if (!st.s) return false;
-    bind_blob(st.s, 1, key.data(), key.size());
-    sqlite3_bind_int64(st.s, 2, owner);
-    bind_blob(st.s, 3, path.data(), path.size() * sizeof(uint32_t));
-    bind_blob(st.s, 4, message.data(), message.size());
-    return sqlite3_step(st.s) == SQLITE_DONE;
+    sqlite3_stmt *st = put_set_;
+    sqlite3_reset(st);
+    bind_blob(st, 1, key.data(), key.size());
+    sqlite3_bind_int64(st, 2, owner);
+    bind_blob(st, 3, path.data(), path.size() * sizeof(uint32_t));
+    bind_blob(st, 4, message.data(), message.size());
+    sqlite3_bind_int64(st, 5, last_seq_ + 1);
+    if (sqlite3_step(st) != SQLITE_DONE) return false;
+    ++last_seq_;
+    return true;
 }
 
 void Store::each_set(uint32_t owner,

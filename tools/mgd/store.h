@@ -58,6 +58,8 @@ class Store {
     bool exec(const char *sql);
     sqlite3_stmt *prepare(const char *sql) const;
     sqlite3 *db_ = nullptr;
+    sqlite3_stmt *put_set_ = nullptr;
+    int64_t last_seq_ = 0; // the order of the last set kept
     std::string path_;
 };
 
