@@ -47,12 +47,13 @@ template <size_t N> struct FieldText {
     }
 };
 
-// Up to n bytes of a body at p: those inside the request buffer, or all of
+// Up to n bytes of a body at p: those inside the request buffer (p may sit at
+// its very end, where a last segment with an empty body points), or all of
 // them when p lies outside it (a handler's own data); the rest reads as 0.
 void copy_bounded(void *dst, const void *p, size_t n) {
     const auto &rqt = g_serving.rqt;
     size_t have = n;
-    if (rqt.contains(p)) have = std::min(n, rqt.room(p));
+    if (rqt.holds(p, 0)) have = std::min(n, rqt.room(p));
     std::memset(dst, 0, n);
     std::memcpy(dst, p, have);
 }
@@ -216,7 +217,7 @@ MGMT_API int decode_app_mgi_match_regex(mgiInfo *info) {
         auto *body = static_cast<const unsigned char *>(info->udcdata);
         size_t room = 0;
         const size_t *bound = nullptr;
-        if (g_serving.rqt.contains(body)) {
+        if (g_serving.rqt.holds(body, 0)) {
             room = g_serving.rqt.room(body);
             bound = &room;
         }
