@@ -311,7 +311,7 @@ class Worker {
             }
         }
         if (next_seeded != plan_.rows + 1)
-            return std::to_string(next_seeded - 1) + " seeded rows of " + std::to_string(plan_.rows) + " came (" +
+            return std::to_string(next_seeded - 1) + " seeded rows came, not " + std::to_string(plan_.rows) + " (" +
                    std::to_string(rows_.size()) + " rows in " + std::to_string(pages_) + " answers)";
         if (have_held_ && !own) return "the walk lacks the thread's own role " + name_;
         return {};
