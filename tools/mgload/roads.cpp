@@ -86,6 +86,7 @@ constexpr uint32_t kMaxPrivilege = 15;  // what the owner takes; above it a set 
 constexpr uint32_t kRefusedPrivilege = 99;
 constexpr int kRefusedCode = -14;       // the owner's code and private code of that refusal
 constexpr int kRefusedPrivateCode = 1401;
+constexpr uint32_t kLoadIdBase = 1000000; // ids of the load's roles, apart from the seeded ones
 constexpr uint8_t kNoAnswer = 0xff;     // a message type no answer has: nothing came back
 
 // The library's console texts of the request in hand (its own reasons for a failure).
@@ -236,11 +237,12 @@ class Worker {
         return final_set_aaa_role(&info_, nullptr);
     }
 
-    // A new value each round, which the next get and walk must find.
+    // A new value each round, which the next get and walk must find. The id stays: with the name
+    // it is the index of the role, of which mgd keeps the last set (one row a thread, not a round).
     Role next_value() const {
         Role r{};
         std::snprintf(r.f1, sizeof r.f1, "%s", name_.c_str());
-        r.f2 = uint32_t(round_);
+        r.f2 = kLoadIdBase + plan_.process * 1000 + plan_.thread;
         r.f3 = uint32_t(round_ % (kMaxPrivilege + 1));
         std::snprintf(r.f4, sizeof r.f4, "round %" PRIu64 " of %u.%u", round_, plan_.process, plan_.thread);
         return r;
