@@ -1,7 +1,9 @@
 // The requests of one load thread and the checks of their answers: each thread owns one role,
 // "load-P-T", sets it through mgd with a new value each round, has a set with a privilege out of
 // range refused, reads its role back straight from the owner and walks the whole table.
+#include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -56,8 +58,8 @@ uint64_t Histogram::total() const {
 uint64_t Histogram::percentile(double q) const {
     const uint64_t n = total();
     if (n == 0) return 0;
-    uint64_t rank = uint64_t(q * double(n) + 0.999999), seen = 0;
-    if (rank < 1) rank = 1;
+    const uint64_t rank = std::max<uint64_t>(1, uint64_t(std::ceil(q * double(n))));
+    uint64_t seen = 0;
     for (int b = 0; b < kBuckets; ++b) {
         seen += counts[b];
         if (seen >= rank) return std::min(bucket_middle(b), max_ns);
