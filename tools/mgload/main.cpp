@@ -4,7 +4,7 @@
 // resident size and descriptors of both daemons before and after. It talks to them only through
 // the runtime directory.
 //
-// Usage: mgload [-p K] [-t T] [-n N] [-d SECONDS] [--rows N] (--help tells more).
+// Usage: mgload [-p K] [-t T] [-n N] [-d SECONDS] [--rows N] [--json] (--help tells more).
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
@@ -39,6 +39,7 @@ constexpr int kProbeMs = 2000;
 
 struct Options {
     unsigned long processes = 8, threads = 4, requests = 0, seconds = 10, rows = 500, timeout = 10;
+    bool json = false;
 };
 
 int help() {
@@ -56,6 +57,7 @@ int help() {
         "  -d, --duration S    seconds at most, 1 to 86400 (10)\n"
         "      --rows N        seeded rows the table holds, role1 to roleN (500, app_daemon's)\n"
         "      --timeout S     seconds for each answer, 1 to 255 (10)\n"
+        "      --json          the report as one JSON object on standard output\n"
         "  -h, --help          show this help and exit\n"
         "  -V, --version       show the version and exit\n"
         "\n"
@@ -68,13 +70,14 @@ int help() {
 }
 
 bool parse(int argc, char **argv, Options &o, int &status) {
-    enum { kRows = 256, kTimeout };
+    enum { kRows = 256, kTimeout, kJson };
     static const option options[] = {{"processes", required_argument, nullptr, 'p'},
                                      {"threads", required_argument, nullptr, 't'},
                                      {"requests", required_argument, nullptr, 'n'},
                                      {"duration", required_argument, nullptr, 'd'},
                                      {"rows", required_argument, nullptr, kRows},
                                      {"timeout", required_argument, nullptr, kTimeout},
+                                     {"json", no_argument, nullptr, kJson},
                                      {"help", no_argument, nullptr, 'h'},
                                      {"version", no_argument, nullptr, 'V'},
                                      {nullptr, 0, nullptr, 0}};
@@ -88,6 +91,7 @@ bool parse(int argc, char **argv, Options &o, int &status) {
         case 'd': ok = mgmt_cli::number(kProg, "--duration", optarg, 1, 86400, &o.seconds); break;
         case kRows: ok = mgmt_cli::number(kProg, "--rows", optarg, 1, 100000, &o.rows); break;
         case kTimeout: ok = mgmt_cli::number(kProg, "--timeout", optarg, 1, 255, &o.timeout); break;
+        case kJson: o.json = true; break;
         case 'h': status = help(); return false;
         case 'V': status = mgmt_cli::version(kProg); return false;
         default: ok = false;
@@ -225,6 +229,21 @@ std::string ms(uint64_t ns) {
     return out;
 }
 
+std::string json_text(const std::string &s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') out += '\\';
+        if (c < 0x20) {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += char(c);
+        }
+    }
+    return out + "\"";
+}
+
 std::string kb(long v) { return v < 0 ? "?" : std::to_string(v) + " kB"; }
 std::string count(long v) { return v < 0 ? "?" : std::to_string(v); }
 
@@ -260,10 +279,12 @@ int main(int argc, char **argv) {
     }
     Usage before[2] = {usage_of(daemons[0].pid), usage_of(daemons[1].pid)};
 
-    std::printf("mgload: %lu processes x %lu threads, %lu s", o.processes, o.threads, o.seconds);
-    if (o.requests) std::printf(" or %lu requests a thread", o.requests);
-    std::printf(", against mgd (pid %d) and app_daemon (application %u, pid %d) in %s\n", daemons[0].pid,
-                daemons[1].appid, daemons[1].pid, where.c_str());
+    if (!o.json) {
+        std::printf("mgload: %lu processes x %lu threads, %lu s", o.processes, o.threads, o.seconds);
+        if (o.requests) std::printf(" or %lu requests a thread", o.requests);
+        std::printf(", against mgd (pid %d) and app_daemon (application %u, pid %d) in %s\n", daemons[0].pid,
+                    daemons[1].appid, daemons[1].pid, where.c_str());
+    }
 
     std::fflush(nullptr);
     const mgload::Clock::time_point start = mgload::Clock::now();
@@ -332,6 +353,31 @@ int main(int argc, char **argv) {
         requests += s.requests;
         errors += s.errors;
     }
+    const bool right = !errors && lost.empty() && gone.empty();
+    if (o.json) {
+        std::printf("{\"processes\": %lu, \"threads\": %lu, \"seconds\": %.3f, \"requests\": %" PRIu64
+                    ", \"requests_per_second\": %.1f, \"right\": %s,\n \"roads\": {",
+                    o.processes, o.threads, seconds, requests, double(requests) / seconds, right ? "true" : "false");
+        for (int r = 0; r < mgload::kRoads; ++r) {
+            const mgload::RoadStats &s = total.roads[r];
+            std::printf("%s\n  \"%s\": {\"requests\": %" PRIu64 ", \"errors\": %" PRIu64
+                        ", \"p50_ms\": %s, \"p90_ms\": %s, \"p99_ms\": %s, \"max_ms\": %s}",
+                        r ? "," : "", mgload::kRoadNames[r], s.requests, s.errors,
+                        ms(s.latency.percentile(0.50)).c_str(), ms(s.latency.percentile(0.90)).c_str(),
+                        ms(s.latency.percentile(0.99)).c_str(), ms(s.latency.max_ns).c_str());
+        }
+        std::printf("},\n \"daemons\": {");
+        for (int i = 0; i < 2; ++i)
+            std::printf("%s\n  \"%s\": {\"pid\": %d, \"rss_kb_start\": %ld, \"rss_kb_end\": %ld, \"fds_start\": %ld, "
+                        "\"fds_end\": %ld}",
+                        i ? "," : "", daemons[i].name, daemons[i].pid, before[i].rss_kb, after[i].rss_kb,
+                        before[i].fds, after[i].fds);
+        std::string failures = total.first_failure_ns ? total.first_failure : "";
+        for (const std::string &l : lost) failures += (failures.empty() ? "" : "; ") + l;
+        if (!gone.empty()) failures += (failures.empty() ? "" : "; ") + gone;
+        std::printf("},\n \"failure\": %s}\n", json_text(failures).c_str());
+        return right ? 0 : kWrong;
+    }
     std::printf("ran %.2f s: %" PRIu64 " requests, %.0f requests/s\n\n", seconds, requests, double(requests) / seconds);
     std::printf("%-12s %10s %7s %10s %10s %10s %10s\n", "road", "requests", "errors", "p50 ms", "p90 ms", "p99 ms",
                 "max ms");
@@ -346,7 +392,7 @@ int main(int argc, char **argv) {
         std::printf("%-12s %8d %12s %12s %10s %10s\n", daemons[i].name, daemons[i].pid, kb(before[i].rss_kb).c_str(),
                     kb(after[i].rss_kb).c_str(), count(before[i].fds).c_str(), count(after[i].fds).c_str());
 
-    if (!errors && lost.empty() && gone.empty()) {
+    if (right) {
         std::printf("\nevery answer right, none lost\n");
         return 0;
     }
