@@ -38,7 +38,7 @@ configure_file(${CMAKE_SOURCE_DIR}/cmake/libmgmt.pc.in ${CMAKE_BINARY_DIR}/libmg
 install(FILES ${CMAKE_BINARY_DIR}/libmgmt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # Programs.
-foreach(program mgd app_daemon mgictl)
+foreach(program mgd app_daemon mgictl mgload)
   if(TARGET ${program})
     set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${MGMT_BIN_TO_LIB}")
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

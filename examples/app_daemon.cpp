@@ -2,6 +2,9 @@
 // MGI, as application 11 (authentication):
 //
 //   aaa_role               (0xe0002)          a keyed table of roles, several hundred rows by default;
+//                                             a set (a whole record through the manager) adds the role
+//                                             of that name or replaces it, and is refused when its
+//                                             privilege is above 15 (private code 1401);
 //                                             a get by key answers one row, a get without key walks the
 //                                             whole table in name order over several partial answers,
 //                                             paged by a cookie that names the last row sent (walks
@@ -24,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <random>
 #include <string>
 #include <getopt.h>
@@ -61,8 +65,12 @@ constexpr int32_t kErrNoSuchRole = -11;
 constexpr int32_t kErrNotLockedOut = -12;
 constexpr int32_t kPrivNotLockedOut = 1201;
 constexpr int32_t kErrWalkLost = -13;
+constexpr int32_t kErrBadRole = -14;
+constexpr int32_t kPrivBadRole = 1401;
+constexpr uint32_t kMaxPrivilege = 15;
 
-std::vector<RoleRecord> g_roles;
+// A deque: rows added by sets leave the others where they are, so the name index may point at them.
+std::deque<RoleRecord> g_roles;
 RadiusAuthRecord g_radius = {1, 30};
 std::vector<std::string> g_locked_out = {"alice", "mallory", "trent"};
 
@@ -80,10 +88,52 @@ const RoleRecord *g_parent_role = nullptr;
 
 std::string field_text(const char *p, size_t n) { return std::string(p, strnlen(p, n)); }
 
-const RoleRecord *find_role(const std::string &name) {
-    for (const RoleRecord &r : g_roles)
-        if (name == r.f1) return &r;
-    return nullptr;
+// ---------------------------------------------------------------- the roles in name order
+
+// The roles in name order (the sorter's natural order of strings), made at start by the sorter and
+// kept in that order as sets add rows.
+std::vector<RoleRecord *> g_by_name;
+
+// A name as the records hold it: the field's width, zero-filled behind the text, which is what the
+// order of strings compares.
+using NameField = char[sizeof(RoleRecord::f1)];
+
+void name_field(const std::string &name, NameField &out) {
+    std::memset(out, 0, sizeof out);
+    strlcpy(out, name.c_str(), sizeof out);
+}
+
+int name_order(const char *a, const char *b) { return compare_by_type(APP_ITEM_STRING, sizeof(NameField), a, b); }
+
+// The first role whose name does not sort before the given one.
+std::vector<RoleRecord *>::iterator name_lower_bound(const NameField &key) {
+    return std::lower_bound(g_by_name.begin(), g_by_name.end(), key,
+                            [](const RoleRecord *r, const char *k) { return name_order(r->f1, k) < 0; });
+}
+
+RoleRecord *find_role(const std::string &name) {
+    NameField key;
+    name_field(name, key);
+    auto it = name_lower_bound(key);
+    return it != g_by_name.end() && name_order((*it)->f1, key) == 0 ? *it : nullptr;
+}
+
+void sort_roles() {
+    vk_sorter_init(sizeof(RoleRecord), APP_ITEM_STRING, 0, 0, sizeof(NameField), 0, nullptr, 0);
+    for (RoleRecord &r : g_roles) vk_sorter_write(&r);
+    for (vk_sorter_node *s = vk_sorter_get(); s; s = s->next) g_by_name.push_back(static_cast<RoleRecord *>(s->object));
+    vk_sorter_free();
+}
+
+// Adds the role, or replaces the one of its name.
+void store_role(const RoleRecord &r) {
+    auto it = name_lower_bound(r.f1);
+    if (it != g_by_name.end() && name_order((*it)->f1, r.f1) == 0) {
+        **it = r;
+        return;
+    }
+    g_roles.push_back(r);
+    g_by_name.insert(it, &g_roles.back());
 }
 
 // ---------------------------------------------------------------- handlers shared by all entities
@@ -113,16 +163,6 @@ struct WalkCookie {
     char after[32]; // the name of the last of them
 };
 
-// The roles in name order (the sorter's natural order of strings), made once at start.
-std::vector<const RoleRecord *> g_by_name;
-
-void sort_roles() {
-    vk_sorter_init(sizeof(RoleRecord), APP_ITEM_STRING, 0, 0, 32, 0, nullptr, 0);
-    for (RoleRecord &r : g_roles) vk_sorter_write(&r);
-    for (vk_sorter_node *s = vk_sorter_get(); s; s = s->next) g_by_name.push_back(static_cast<RoleRecord *>(s->object));
-    vk_sorter_free();
-}
-
 int role_decode_index(mgiInfo *info) {
     // Runs for requests to the role's children: the role's index record leads the request data.
     g_parent_role = nullptr;
@@ -139,8 +179,45 @@ int role_decode_index(mgiInfo *info) {
     return 0;
 }
 
+// A set through the manager: the whole record is the payload (no segment chain).
+bool is_role_set(mgiInfo *info) {
+    return get_rqt_type(info) == MGI_RQT_SET && info->rqt_nextseg < 128 && info->mgidata;
+}
+
+int role_decode(mgiInfo *info) {
+    if (!is_role_set(info)) return 0;
+    if (info->rqt_len < sizeof(RoleRecord)) {
+        mgi_set_err_info_with_private_ecode(info, kErrBadRole, kPrivBadRole, "a role record has %zu bytes, not %u",
+                                            sizeof(RoleRecord), unsigned(info->rqt_len));
+        return 0;
+    }
+    RoleRecord r;
+    std::memcpy(&r, info->mgidata, sizeof r);
+    // Names compare with the field zero-filled behind the text, whatever the sender left there.
+    NameField name;
+    name_field(field_text(r.f1, sizeof r.f1), name);
+    std::memcpy(r.f1, name, sizeof name);
+    if (!r.f1[0]) {
+        mgi_set_err_info_with_private_ecode(info, kErrBadRole, kPrivBadRole, "a role needs a name");
+        return 0;
+    }
+    if (r.f3 > kMaxPrivilege) {
+        mgi_set_err_info_with_private_ecode(info, kErrBadRole, kPrivBadRole, "privilege %u of role %s is outside 0 to %u",
+                                            r.f3, r.f1, kMaxPrivilege);
+        return 0;
+    }
+    store_role(r);
+    mgi_data_changed(info);
+    return 0;
+}
+
 int role_encode(mgiInfo *info) {
     auto *ctx = static_cast<condContext *>(info->cond_ctx);
+    if (is_role_set(info)) { // taken: the answer says so and holds nothing
+        set_rsptype(info, MGI_RSP_FINAL);
+        mgi_final_rsp_message(info);
+        return 0;
+    }
     // A get by key: field 0 (the name) is given.
     if ((get_rqt_mask1(info) & 1u) && info->mgidata && info->mgidata_len >= kRoleIndexLen) {
         std::string name = field_text(static_cast<const char *>(info->mgidata), 32);
@@ -182,12 +259,14 @@ int role_encode(mgiInfo *info) {
             }
         }
     }
-    // The rows after the cookie's name that pass the filter, as many as one answer holds.
+    // The rows after the cookie's name that pass the filter, as many as one answer holds. Rows added
+    // since the last answer are found where they sort: those after the cookie's name come too.
     auto from = g_by_name.begin();
     if (cookie.after[0]) {
-        from = std::find_if(g_by_name.begin(), g_by_name.end(),
-                            [&](const RoleRecord *r) { return std::strcmp(r->f1, cookie.after) == 0; });
-        if (from == g_by_name.end()) {
+        NameField after;
+        name_field(cookie.after, after);
+        from = name_lower_bound(after);
+        if (from == g_by_name.end() || name_order((*from)->f1, after) != 0) {
             set_encode_errcode(info, kErrWalkLost);
             mgi_sprintf_err(info, "the listing lost its place (%s); start it again", cookie.after);
             return 0;
@@ -299,9 +378,9 @@ int del_lockout_encode(mgiInfo *info) {
 // ---------------------------------------------------------------- start
 
 void make_roles(uint32_t rows) {
-    g_roles.resize(rows);
+    std::vector<RoleRecord> seeded(rows);
     for (uint32_t i = 0; i < rows; ++i) {
-        RoleRecord &r = g_roles[i];
+        RoleRecord &r = seeded[i];
         std::memset(&r, 0, sizeof r);
         snprintf(r.f1, sizeof r.f1, "role%u", i + 1);
         r.f2 = i + 1;
@@ -309,7 +388,8 @@ void make_roles(uint32_t rows) {
         snprintf(r.f4, sizeof r.f4, "role number %u", i + 1);
     }
     // Kept in no particular order: listings come out sorted by the sorter.
-    std::shuffle(g_roles.begin(), g_roles.end(), std::mt19937(2024));
+    std::shuffle(seeded.begin(), seeded.end(), std::mt19937(2024));
+    g_roles.assign(seeded.begin(), seeded.end());
     sort_roles();
 }
 
@@ -324,7 +404,7 @@ int register_entities() {
         appItem *items;
     };
     const Reg regs[] = {
-        {{}, kRole, APP_ENTITY_INDEXED, role_decode_index, report_error, accept_request, role_encode, g_role_items},
+        {{}, kRole, APP_ENTITY_INDEXED, role_decode_index, report_error, role_decode, role_encode, g_role_items},
         {{kRole}, kRoleMapping, 0, nullptr, report_error, accept_request, role_mapping_encode, nullptr},
         {{}, kRadiusAuth, 0, nullptr, report_error, radius_decode, radius_encode, nullptr},
         {{}, kDelLockout, 0, nullptr, report_error, del_lockout_decode, del_lockout_encode, nullptr},
@@ -365,6 +445,8 @@ int main(int argc, char **argv) {
         case 'h':
             std::printf("Usage: app_daemon [--rows N] [--appid ID]\n"
                         "An application daemon serving the aaa_* objects of the management tree over MGI.\n"
+                        "Its role table (aaa_role) holds N roles named role1 to roleN; a set through mgd adds\n"
+                        "a role or replaces the one of that name (privilege 0 to 15, else refused).\n"
                         "\n"
                         "      --rows N      roles in the table, 1 to 100000 (500)\n"
                         "      --appid ID    the application id to serve as, 1 to 65535 (11, the owner the\n"

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include <algorithm>
+#include <cstdio>
 #include <fcntl.h>
 #include <memory>
 #include <csignal>
@@ -54,14 +55,15 @@ int reap(pid_t pid) {
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs mgictl with the arguments; standard output through a pipe, standard error through a file.
-ToolRun mgictl(const std::vector<std::string> &args) {
-    std::string err_file = std::string(ipc_runtime_dir()) + "/mgictl.err";
+// Runs a program of this build with the arguments; standard output through a pipe, standard error
+// through a file.
+ToolRun tool(const std::string &relpath, const std::vector<std::string> &args) {
+    std::string err_file = std::string(ipc_runtime_dir()) + "/tool.err";
     int out[2];
     ToolRun r;
     if (pipe(out) != 0) return r;
     int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    pid_t pid = spawn("tools/mgictl/mgictl", args, out[1], err);
+    pid_t pid = spawn(relpath, args, out[1], err);
     close(out[1]);
     close(err);
     r.out = drain(out[0]);
@@ -69,6 +71,8 @@ ToolRun mgictl(const std::vector<std::string> &args) {
     r.err = drain(open(err_file.c_str(), O_RDONLY | O_CLOEXEC));
     return r;
 }
+
+ToolRun mgictl(const std::vector<std::string> &args) { return tool("tools/mgictl/mgictl", args); }
 
 size_t lines(const std::string &s) { return size_t(std::count(s.begin(), s.end(), '\n')); }
 
@@ -247,6 +251,30 @@ TEST_F(Mgictl, MonitorCapturesTheDemoForTshark) {
                              "6|0|16|0x000e0002|134,132|||||", "371|0|||||||admin|", "64|0||||||||1001",
                              "6|-2||||||||"}) // the set mgd passed to application 15, which is not running
         EXPECT_NE(decoded.find(want), std::string::npos) << want << "\n" << decoded;
+}
+
+// mgload's short run between real processes: each road's every request answered right; without
+// the owner it says whom it missed where, and ends with 4.
+TEST(Load, ShortRunChecksEveryAnswer) {
+    Daemon mgd("tools/mgd", {"-q"}, MGD_APPID);
+    ASSERT_TRUE(mgd.ok()) << mgd.output();
+    const std::vector<std::string> run = {"-p", "2", "-t", "2", "-n", "40", "-d", "120"};
+    ToolRun absent = tool("tools/mgload", run);
+    EXPECT_EQ(absent.code, 4);
+    EXPECT_NE(absent.err.find("app_daemon (application 11) does not serve in " + std::string(ipc_runtime_dir())),
+              std::string::npos) << absent.err;
+    Daemon app("examples/app_daemon", {}, 11);
+    ASSERT_TRUE(app.ok()) << app.output();
+    ToolRun r = tool("tools/mgload", run);
+    EXPECT_EQ(r.code, 0) << r.out << r.err;
+    for (const std::string road : {"set ", "refused set ", "get ", "walk "}) { // 2 x 2 threads, 10 rounds each
+        size_t at = r.out.find("\n" + road);
+        unsigned long requests = 0, errors = 1;
+        ASSERT_NE(at, std::string::npos) << road << r.out;
+        EXPECT_EQ(std::sscanf(r.out.c_str() + at + 1 + road.size(), "%lu %lu", &requests, &errors), 2) << r.out;
+        EXPECT_TRUE(requests == 40 && errors == 0) << road << r.out;
+    }
+    EXPECT_NE(r.out.find("every answer right, none lost"), std::string::npos) << r.out;
 }
 
 } // namespace
