@@ -442,9 +442,11 @@ int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t ca
 
 const ucred *trusted_sender(msghdr *mh) {
     const ucred *cred = nullptr;
+    const char *end = (const char *)mh->msg_control + mh->msg_controllen;
+    // Credentials count only whole and inside the control data the message came with.
     for (cmsghdr *c = CMSG_FIRSTHDR(mh); c; c = CMSG_NXTHDR(mh, c))
         if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
-            c->cmsg_len >= CMSG_LEN(sizeof(ucred)))
+            c->cmsg_len >= CMSG_LEN(sizeof(ucred)) && (const char *)c + CMSG_LEN(sizeof(ucred)) <= end)
             cred = (const ucred *)CMSG_DATA(c);
     if (!cred || (cred->uid != 0 && cred->uid != getuid() && cred->uid != geteuid()))
         return nullptr; // a foreign user: dropped, never dispatched
