@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The datagram in a buffer of exactly its size, the frame copied out as recvmsg scatters it.
     std::vector<uint8_t> dgram(data + at, data + size);
     ipc_frame_t fr = {};
-    std::memcpy(&fr, dgram.data(), std::min(dgram.size(), sizeof fr));
+    if (!dgram.empty()) std::memcpy(&fr, dgram.data(), std::min(dgram.size(), sizeof fr));
     msghdr mh = {};
     mh.msg_name = &from;
     mh.msg_namelen = name_len;

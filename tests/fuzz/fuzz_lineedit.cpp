@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "libmgmt.h"
@@ -21,16 +21,28 @@ void (*const kPlain[])(term_line *) = {
 };
 constexpr unsigned kPlainCount = sizeof kPlain / sizeof kPlain[0];
 
+bool g_editing = false;
+
+} // namespace
+
+// The editor echoes every change to descriptor 1, a character or a backspace per write: here the
+// echo is read (so that the sanitizer sees what it covers) and goes nowhere, instead of costing a
+// system call per character; every other write goes on to the system.
+extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const void *buf, size_t n) {
+    if (!g_editing || fd != 1) return syscall(SYS_write, fd, buf, n);
+    volatile uint8_t sink = 0;
+    for (size_t i = 0; i < n; ++i) sink = sink ^ static_cast<const uint8_t *>(buf)[i];
+    return ssize_t(n);
+}
+
+namespace {
+
 bool sane(const term_line &l) { return l.len >= 0 && l.len <= TERM_LINE_SIZE && l.cursor >= 0 && l.cursor <= l.len; }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool quiet = [] { // the editor echoes to descriptor 1
-        int null = open("/dev/null", O_WRONLY);
-        return null >= 0 && dup2(null, 1) == 1;
-    }();
-    (void)quiet;
+    g_editing = true;
     auto *line = static_cast<term_line *>(std::calloc(1, sizeof(term_line))); // a read past it is seen
     for (size_t at = 0; at < size; ++at) {
         const uint8_t op = data[at], c = at + 1 < size ? data[at + 1] : 'x';
@@ -40,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         case 16: term_esc_pre_map(line, c), ++at; break;
         case 17: term_esc_map(line, c), ++at; break;
         case 18: // a burst of the same character: long lines are reached quickly
-            for (int i = 0; i < 8 * (c % 64); ++i) term_insert(line, c);
+            for (int i = 0; i < 4 * (c % 32); ++i) term_insert(line, c);
             ++at;
             break;
         case 19: { // a record the front end spoiled: no operation may touch it
@@ -57,5 +69,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (!sane(*line)) std::abort();
     }
     std::free(line);
+    g_editing = false;
     return 0;
 }

@@ -41,11 +41,13 @@ mgd::Manager *start() {
 }
 
 ipc_peer_t peer_of(bool second) {
+    static const uint32_t uid = getuid();
+    static const pid_t pids[2] = {getpid(), getppid()}; // both live for the whole run
     ipc_peer_t p = {};
     p.appid = second ? 11 : 5;
     p.kind = IPC_KIND_REQUEST;
-    p.uid = getuid();
-    p.pid = second ? getppid() : getpid(); // both live for the whole run
+    p.uid = uid;
+    p.pid = pids[second];
     return p;
 }
 
@@ -59,27 +61,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const uint8_t sel = data[at];
         const size_t len = std::min<size_t>(data[at + 1] | data[at + 2] << 8, size - at - 3);
         std::vector<uint8_t> msg(data + at + 3, data + at + 3 + len); // exactly its size
+        const uint8_t *req = len ? msg.data() : reinterpret_cast<const uint8_t *>(""); // never null, as in mgd
         at += 3 + len;
         ipc_peer_t peer = peer_of(sel & 0x80);
         int32_t status = 0;
         uint32_t reply_len = IPC_MAX_PAYLOAD;
         switch (const uint16_t number = kServed[(sel & 0x7f) % kServedCount]) {
-        case MGI_IPC_MSG: m->on_mgi(&peer, msg.data(), uint32_t(len), &status, reply.data(), &reply_len); break;
+        case MGI_IPC_MSG: m->on_mgi(&peer, req, uint32_t(len), &status, reply.data(), &reply_len); break;
         case MGD_MSG_TRANSACTION:
-            m->on_transaction(&peer, msg.data(), uint32_t(len), &status, reply.data(), &reply_len);
+            m->on_transaction(&peer, req, uint32_t(len), &status, reply.data(), &reply_len);
             if (len >= sizeof(mgi_trans_info)) {
                 taken.push_back({bool(sel & 0x80), {}});
-                std::memcpy(&taken.back().second, msg.data(), sizeof(mgi_trans_info));
+                std::memcpy(&taken.back().second, req, sizeof(mgi_trans_info));
             }
             break;
         case IPC_CHANNEL_ADDRESS:
             if (len >= sizeof(ipc_address_note_t)) {
                 ipc_address_note_t note;
-                std::memcpy(&note, msg.data(), sizeof note);
+                std::memcpy(&note, req, sizeof note);
                 m->on_address(note);
             }
             break;
-        default: m->on_simple(number, msg.data(), uint32_t(len), &status, reply.data(), &reply_len, peer.appid);
+        default: m->on_simple(number, req, uint32_t(len), &status, reply.data(), &reply_len, peer.appid);
         }
         if (reply_len > IPC_MAX_PAYLOAD) std::abort();
     }
