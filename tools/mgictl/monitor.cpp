@@ -197,7 +197,8 @@ std::string copy_text(const uint8_t *copy, uint32_t n, bool verbose) {
     std::string line = clock_text(h.time_ns) + " " + from + " -> " + to + " " + std::to_string(msg) + " " +
                        message_name(msg) + (fr.kind == IPC_KIND_REPLY ? " answer" : "") + " seq " +
                        std::to_string(fr.seq);
-    if (h.result < 0) line += std::string(": not delivered (") + std::strerror(-h.result) + ")";
+    // The result negated without overflow: the most negative one is an unknown error as well.
+    if (h.result < 0) line += std::string(": not delivered (") + std::strerror(int(0u - uint32_t(h.result))) + ")";
     else if (msg == MGI_IPC_MSG) line += mgi_text(payload, len, verbose);
     else line += " " + std::to_string(len) + " bytes" + (verbose && len ? ": " + hex(payload, std::min<uint32_t>(len, 48)) : "");
     if (fr.kind == IPC_KIND_REPLY && fr.status) line += " status " + std::to_string(fr.status);
