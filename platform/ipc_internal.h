@@ -115,6 +115,9 @@ PLATFORM_API const ucred *trusted_sender(msghdr *mh);
  */
 PLATFORM_API int take_frame(msghdr *mh, size_t n, const ipc_frame_t &fr, ipc_peer_t *peer);
 
+/* The handler the process endpoint runs for msg (ipc_register_handler), null for none. */
+PLATFORM_API ipc_handler_fn process_handler(uint16_t msg);
+
 /* The file beside a bound address that names the process serving it (pid in decimal). */
 int pid_file_path(const char *sock_path, char *out, size_t size);
 /*
