@@ -1,7 +1,7 @@
-// The line editor driven by operation sequences: each byte picks an editing operation (its low four
-// bits) and, for those that take one, the next byte is the character. After every step the cursor
-// stays within the line and the line within its buffer; a record with a cursor or length out of
-// range is left as it is.
+// The line editor driven by operation sequences: each byte picks an editing operation (its value
+// modulo 20) and, for the operations from 14 on, the next byte is their character. After every
+// step the cursor stays within the line and the line within its buffer; a record whose cursor is
+// out of range is left as it is.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -19,8 +19,6 @@ void (*const kPlain[])(term_line *) = {
     term_kill_line, term_kill_whole_line, term_transpose_line,
     [](term_line *l) { term_end_of_line(l); }, [](term_line *l) { term_redraw_line(l); },
 };
-constexpr unsigned kPlainCount = sizeof kPlain / sizeof kPlain[0];
-
 bool g_editing = false;
 
 } // namespace
@@ -35,38 +33,30 @@ extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const vo
     return ssize_t(n);
 }
 
-namespace {
-
-bool sane(const term_line &l) { return l.len >= 0 && l.len <= TERM_LINE_SIZE && l.cursor >= 0 && l.cursor <= l.len; }
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     g_editing = true;
     auto *line = static_cast<term_line *>(std::calloc(1, sizeof(term_line))); // a read past it is seen
     for (size_t at = 0; at < size; ++at) {
-        const uint8_t op = data[at], c = at + 1 < size ? data[at + 1] : 'x';
-        switch (op % 20) {
-        case 14: term_insert(line, c), ++at; break;
-        case 15: term_insert_overtwrite(line, c), ++at; break;
-        case 16: term_esc_pre_map(line, c), ++at; break;
-        case 17: term_esc_map(line, c), ++at; break;
+        const uint8_t op = data[at] % 20, c = at + 1 < size ? data[at + 1] : 'x';
+        const term_line before = *line;
+        switch (op) {
+        case 14: term_insert(line, c); break;
+        case 15: term_insert_overtwrite(line, c); break;
+        case 16: term_esc_pre_map(line, c); break;
+        case 17: term_esc_map(line, c); break;
         case 18: // a burst of the same character: long lines are reached quickly
             for (int i = 0; i < 4 * (c % 32); ++i) term_insert(line, c);
-            ++at;
             break;
-        case 19: { // a record the front end spoiled: no operation may touch it
-            term_line before = *line;
-            line->cursor = op & 0x20 ? -1 - c : line->len + 1 + c;
-            kPlain[c % kPlainCount](line);
-            term_insert(line, c);
+        case 19: // a record the front end spoiled: no operation may touch it
+            line->cursor = data[at] & 0x20 ? -1 - c : line->len + 1 + c;
+            kPlain[c % 14](line), term_insert(line, c);
             if (std::memcmp(line->buf, before.buf, sizeof before.buf) != 0) std::abort();
-            *line = before, ++at;
+            *line = before;
             break;
+        default: kPlain[op](line);
         }
-        default: kPlain[op % 20](line);
-        }
-        if (!sane(*line)) std::abort();
+        at += op >= 14;
+        if (line->len < 0 || line->len > TERM_LINE_SIZE || line->cursor < 0 || line->cursor > line->len) std::abort();
     }
     std::free(line);
     g_editing = false;
