@@ -1,8 +1,9 @@
-// The manager daemon's input: a sequence of messages, each one byte choosing the message number
-// among those mgd registered handlers for (bit 7: from a second front end) and a two-byte length
-// (little endian) before its bytes, handed to those handlers as mgd's endpoint would. Relays go to
-// owners that are not running (a runtime directory of its own), so they fail at once; what an
-// input locked is rolled back after it, so that inputs do not pile up held virtual systems.
+// The manager daemon's input: a sequence of messages, each a head of five bytes (byte 0 bit 0:
+// from a second front end; then the message number and the length, two bytes each, big-endian)
+// before its bytes, handed to the handler mgd registered for that number (for a number without
+// one, to one of those it has) as mgd's endpoint would. Relays go to owners that are not running
+// (a runtime directory of its own), so they fail at once; what an input locked is rolled back
+// after it, so that inputs do not pile up held virtual systems.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -61,17 +62,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static bool ready = start();
     (void)ready;
     std::vector<std::pair<bool, mgi_trans_info>> locks;
-    for (size_t at = 0; at + 3 <= size;) {
-        const uint8_t sel = data[at];
-        const size_t len = std::min<size_t>(data[at + 1] | data[at + 2] << 8, size - at - 3);
-        std::vector<uint8_t> msg(data + at + 3, data + at + 3 + len); // exactly its size
+    for (size_t at = 0; at + 5 <= size;) {
+        const bool second = data[at] & 1;
+        uint16_t number = uint16_t(data[at + 1] << 8 | data[at + 2]);
+        const size_t len = std::min<size_t>(data[at + 3] << 8 | data[at + 4], size - at - 5);
+        std::vector<uint8_t> msg(data + at + 5, data + at + 5 + len); // exactly its size
         static uint8_t none[1];
         void *req = len ? msg.data() : none; // never null, as in mgd
-        at += 3 + len;
-        const uint16_t number = g_served[(sel & 0x7f) % g_served.size()];
-        send(number, sel & 0x80, req, uint32_t(len));
+        at += 5 + len;
+        if (!plat::process_handler(number)) number = g_served[number % g_served.size()];
+        send(number, second, req, uint32_t(len));
         if (number == MGD_MSG_TRANSACTION && len >= sizeof(mgi_trans_info)) {
-            locks.push_back({bool(sel & 0x80), {}});
+            locks.push_back({second, {}});
             std::memcpy(&locks.back().second, req, sizeof(mgi_trans_info));
         }
     }
