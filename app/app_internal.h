@@ -18,6 +18,8 @@ struct Extent {
         auto *q = static_cast<const unsigned char *>(p);
         return begin && q >= begin && q < end;
     }
+    // Whether p lies in the extent or just at its end (where a body of no bytes stands).
+    bool reaches(const void *p) const { return contains(p) || (begin && p == end); }
     // Bytes available from p to the end; p must lie in the extent or at its end.
     size_t room(const void *p) const { return static_cast<size_t>(end - static_cast<const unsigned char *>(p)); }
     // Whether [p, p + n) lies inside the extent.

@@ -53,7 +53,7 @@ template <size_t N> struct FieldText {
 void copy_bounded(void *dst, const void *p, size_t n) {
     const auto &rqt = g_serving.rqt;
     size_t have = n;
-    if (rqt.holds(p, 0)) have = std::min(n, rqt.room(p));
+    if (rqt.reaches(p)) have = std::min(n, rqt.room(p));
     std::memset(dst, 0, n);
     std::memcpy(dst, p, have);
 }
@@ -217,7 +217,7 @@ MGMT_API int decode_app_mgi_match_regex(mgiInfo *info) {
         auto *body = static_cast<const unsigned char *>(info->udcdata);
         size_t room = 0;
         const size_t *bound = nullptr;
-        if (g_serving.rqt.holds(body, 0)) {
+        if (g_serving.rqt.reaches(body)) {
             room = g_serving.rqt.room(body);
             bound = &room;
         }

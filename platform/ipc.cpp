@@ -435,27 +435,41 @@ int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t ca
             gone = gone_fd >= 0 && (p[1].revents & POLLIN);
             continue;
         }
-        const ucred *cred = nullptr;
-        for (cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c))
-            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS) cred = (const ucred *)CMSG_DATA(c);
-        if (!cred || (cred->uid != 0 && cred->uid != getuid() && cred->uid != geteuid()))
-            continue; // a foreign user: dropped, never dispatched
-        if ((size_t)n < sizeof *fr || fr->magic != IPC_FRAME_MAGIC) continue;
-        if (peer) {
-            peer->slot = fr->src_slot;
-            peer->appid = fr->src_app;
-            peer->instance = fr->src_inst;
-            peer->seq = fr->seq;
-            peer->kind = fr->kind;
-            peer->uid = cred->uid;
-            peer->pid = cred->pid;
-            peer->ctx = nullptr;
-            peer->addrlen = mh.msg_namelen <= sizeof from ? mh.msg_namelen : 0;
-            memset(peer->addr, 0, sizeof peer->addr);
-            memcpy(peer->addr, &from, peer->addrlen);
-        }
-        return (int)((size_t)n - sizeof *fr);
+        int len = take_frame(&mh, (size_t)n, *fr, peer);
+        if (len >= 0) return len;
     }
+}
+
+const ucred *trusted_sender(msghdr *mh) {
+    const ucred *cred = nullptr;
+    const char *end = (const char *)mh->msg_control + mh->msg_controllen;
+    // Credentials count only whole and inside the control data the message came with.
+    for (cmsghdr *c = CMSG_FIRSTHDR(mh); c; c = CMSG_NXTHDR(mh, c))
+        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
+            c->cmsg_len >= CMSG_LEN(sizeof(ucred)) && (const char *)c + CMSG_LEN(sizeof(ucred)) <= end)
+            cred = (const ucred *)CMSG_DATA(c);
+    if (!cred || (cred->uid != 0 && cred->uid != getuid() && cred->uid != geteuid()))
+        return nullptr; // a foreign user: dropped, never dispatched
+    return cred;
+}
+
+int take_frame(msghdr *mh, size_t n, const ipc_frame_t &fr, ipc_peer_t *peer) {
+    const ucred *cred = trusted_sender(mh);
+    if (!cred || n < sizeof fr || fr.magic != IPC_FRAME_MAGIC) return -1;
+    if (peer) {
+        peer->slot = fr.src_slot;
+        peer->appid = fr.src_app;
+        peer->instance = fr.src_inst;
+        peer->seq = fr.seq;
+        peer->kind = fr.kind;
+        peer->uid = cred->uid;
+        peer->pid = cred->pid;
+        peer->ctx = nullptr;
+        peer->addrlen = mh->msg_name && mh->msg_namelen <= sizeof(sockaddr_un) ? mh->msg_namelen : 0;
+        memset(peer->addr, 0, sizeof peer->addr);
+        memcpy(peer->addr, mh->msg_name, peer->addrlen);
+    }
+    return (int)(n - sizeof fr);
 }
 
 void set_process_identity(bool set, uint32_t appid, uint32_t instance) {

@@ -166,6 +166,8 @@ void stop(ipc_endpoint *ep) {
 
 } // namespace
 
+ipc_handler_fn plat::process_handler(uint16_t msg) { return g_proc_handlers[msg]; }
+
 extern "C" {
 
 ipc_endpoint_t *ipc_endpoint_open(uint32_t appid, uint32_t instance, void *ctx) {

@@ -103,6 +103,21 @@ void monitor_copy(const ipc_frame_t &fr, const void *buf, uint32_t len, Src dst,
 int recv_frame(int fd, ipc_frame_t *fr, ipc_peer_t *peer, void *buf, uint32_t cap, int timeout_ms,
                int gone_fd = -1);
 
+/*
+ * The frame parser, exported for its fuzz target (tests/fuzz/fuzz_frame.cpp).
+ * The credentials a received message carries when they are ours or root's; null for any other.
+ */
+PLATFORM_API const ucred *trusted_sender(msghdr *mh);
+/*
+ * What recv_frame keeps of a datagram of n bytes received with mh, its first bytes in fr: the
+ * payload length, with the sender's identity and address in peer (may be null); -1 for one that
+ * is dropped (a foreign user, no credentials, shorter than a frame, a wrong magic).
+ */
+PLATFORM_API int take_frame(msghdr *mh, size_t n, const ipc_frame_t &fr, ipc_peer_t *peer);
+
+/* The handler the process endpoint runs for msg (ipc_register_handler), null for none. */
+PLATFORM_API ipc_handler_fn process_handler(uint16_t msg);
+
 /* The file beside a bound address that names the process serving it (pid in decimal). */
 int pid_file_path(const char *sock_path, char *out, size_t size);
 /*

@@ -208,10 +208,7 @@ int ipc_monitor_recv(void *buf, uint32_t cap, int timeout_ms) {
             if (errno == EAGAIN) continue;
             return -errno;
         }
-        const ucred *cred = nullptr;
-        for (cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c))
-            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS) cred = (const ucred *)CMSG_DATA(c);
-        if (!cred || (cred->uid != 0 && cred->uid != getuid() && cred->uid != geteuid())) continue;
+        if (!trusted_sender(&mh)) continue;
         if ((size_t)n < sizeof(ipc_monitor_head_t) + sizeof(ipc_frame_t)) continue;
         return (int)n;
     }

@@ -1,5 +1,7 @@
-// Any bytes as a received response: every reader must stay inside the receive buffer.
+// Any bytes as a received response: what every reader hands back must lie inside the receive
+// buffer (checked by its bounds rather than by reading it byte by byte: the same check, faster).
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "libmgmt.h"
@@ -9,19 +11,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!buf) return 0;
     std::memset(buf->rbuf, 0, MGI_MAX_LEN);
     std::memcpy(buf->rbuf, data, size < MGI_MAX_LEN ? size : MGI_MAX_LEN);
-    void *d, *e, *c;
-    uint32_t dl, el, cl;
+    auto inside = [&](const void *p, uint32_t len) {
+        auto *b = static_cast<const uint8_t *>(p);
+        if (b && (b < buf->rbuf || b > buf->rbuf + MGI_MAX_LEN || len > buf->rbuf + MGI_MAX_LEN - b)) std::abort();
+    };
+    void *d, *e, *c, *body;
+    uint32_t dl, el, cl, len;
     record_rsp_seg_r(buf, &d, &dl, &e, &el, &c, &cl);
-    volatile uint8_t sink = 0;
-    for (uint32_t i = 0; d && i < dl; ++i) sink = sink ^ static_cast<uint8_t *>(d)[i];
-    for (uint32_t i = 0; c && i < cl; ++i) sink = sink ^ static_cast<uint8_t *>(c)[i];
-    for (int type = 128; type <= 141; ++type) {
-        void *body = nullptr;
-        uint32_t len = 0;
-        if (find_roundtrip_segment_r(buf, uint8_t(type), &body, &len) == 0)
-            for (uint32_t i = 0; i < len; ++i) sink = sink ^ static_cast<uint8_t *>(body)[i];
-    }
-    if (const char *text = get_errString_r(buf)) sink = sink ^ uint8_t(std::strlen(text));
-    sink = sink ^ uint8_t(mgi_get_rsp_err_code_r(buf) ^ mgi_get_rsp_private_err_code_r(buf));
+    inside(d, dl), inside(e, el), inside(c, cl);
+    for (int type = 128; type <= 141; ++type)
+        if (find_roundtrip_segment_r(buf, uint8_t(type), &body, &len) == 0) inside(body, len);
+    volatile size_t sink = uint32_t(mgi_get_rsp_err_code_r(buf) ^ mgi_get_rsp_private_err_code_r(buf));
+    if (const char *text = get_errString_r(buf)) sink = sink + std::strlen(text);
     return 0;
 }

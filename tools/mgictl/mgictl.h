@@ -85,6 +85,9 @@ int verb_list(const std::vector<std::string> &args, const Options &o);
 int verb_show(const std::vector<std::string> &args, const Options &o);
 int verb_request(const std::string &verb, const std::vector<std::string> &args, const Options &o);
 int verb_monitor(const std::vector<std::string> &args, const Options &o);
+// The monitor's line for one copy of n bytes (its head and frame at least, as ipc_monitor_recv
+// gives them), with -v the segments and records below it.
+std::string copy_text(const uint8_t *copy, uint32_t n, bool verbose);
 
 // Application id and the platform's name for it: "11 (app11)".
 std::string app_text(uint32_t app);

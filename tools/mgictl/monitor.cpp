@@ -185,6 +185,26 @@ std::string clock_text(uint64_t ns) {
 
 } // namespace
 
+std::string copy_text(const uint8_t *copy, uint32_t n, bool verbose) {
+    ipc_monitor_head_t h;
+    ipc_frame_t fr;
+    std::memcpy(&h, copy, sizeof h);
+    std::memcpy(&fr, copy + sizeof h, sizeof fr);
+    const uint8_t *payload = copy + sizeof h + sizeof fr;
+    const uint32_t len = std::min<uint32_t>(fr.len, n - sizeof h - sizeof fr);
+    const uint16_t msg = get_be16(fr.msg_be);
+    std::string from = appid2appname(fr.src_app), to = appid2appname(h.dst_app);
+    std::string line = clock_text(h.time_ns) + " " + from + " -> " + to + " " + std::to_string(msg) + " " +
+                       message_name(msg) + (fr.kind == IPC_KIND_REPLY ? " answer" : "") + " seq " +
+                       std::to_string(fr.seq);
+    // The result negated without overflow: the most negative one is an unknown error as well.
+    if (h.result < 0) line += std::string(": not delivered (") + std::strerror(int(0u - uint32_t(h.result))) + ")";
+    else if (msg == MGI_IPC_MSG) line += mgi_text(payload, len, verbose);
+    else line += " " + std::to_string(len) + " bytes" + (verbose && len ? ": " + hex(payload, std::min<uint32_t>(len, 48)) : "");
+    if (fr.kind == IPC_KIND_REPLY && fr.status) line += " status " + std::to_string(fr.status);
+    return line;
+}
+
 int verb_monitor(const std::vector<std::string> &args, const Options &o) {
     if (!args.empty()) {
         std::fprintf(stderr, "mgictl monitor: takes no arguments (see mgictl monitor --help)\n");
@@ -243,18 +263,7 @@ int verb_monitor(const std::vector<std::string> &args, const Options &o) {
             std::fprintf(stderr, "mgictl monitor: writing %s failed: %s\n", o.write_file.c_str(), std::strerror(errno));
             status = kFailed;
         }
-        const uint8_t *payload = buf.data() + sizeof h + sizeof fr;
-        const uint32_t len = std::min<uint32_t>(fr.len, uint32_t(n) - sizeof h - sizeof fr);
-        const uint16_t msg = get_be16(fr.msg_be);
-        std::string from = appid2appname(fr.src_app), to = appid2appname(h.dst_app);
-        std::string line = clock_text(h.time_ns) + " " + from + " -> " + to + " " + std::to_string(msg) + " " +
-                           message_name(msg) + (fr.kind == IPC_KIND_REPLY ? " answer" : "") + " seq " +
-                           std::to_string(fr.seq);
-        if (h.result < 0) line += std::string(": not delivered (") + std::strerror(-h.result) + ")";
-        else if (msg == MGI_IPC_MSG) line += mgi_text(payload, len, o.verbose);
-        else line += " " + std::to_string(len) + " bytes" + (o.verbose && len ? ": " + hex(payload, std::min<uint32_t>(len, 48)) : "");
-        if (fr.kind == IPC_KIND_REPLY && fr.status) line += " status " + std::to_string(fr.status);
-        std::printf("%s\n", line.c_str());
+        std::printf("%s\n", copy_text(buf.data(), uint32_t(n), o.verbose).c_str());
         if (uint64_t d = ipc_monitor_dropped(); d != dropped) {
             std::printf("(%llu copies dropped so far: the monitor's queue was full)\n", (unsigned long long)d);
             dropped = d;
