@@ -202,8 +202,8 @@ int role_decode(mgiInfo *info) {
         return 0;
     }
     if (r.f3 > kMaxPrivilege) {
-        mgi_set_err_info_with_private_ecode(info, kErrBadRole, kPrivBadRole, "privilege %u of role %s is outside 0 to %u",
-                                            r.f3, r.f1, kMaxPrivilege);
+        mgi_set_err_info_with_private_ecode(info, kErrBadRole, kPrivBadRole,
+                                            "privilege %u of role %s is outside 0 to %u", r.f3, r.f1, kMaxPrivilege);
         return 0;
     }
     store_role(r);
@@ -468,7 +468,8 @@ int main(int argc, char **argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0); // the library's lines reach a pipe as they come
     make_roles(uint32_t(rows));
     if (register_entities() != 0) {
-        std::fprintf(stderr, "app_daemon: cannot register the entities: the role items do not lay out as the record, or memory ran out\n");
+        std::fprintf(stderr, "app_daemon: cannot register the entities: the role items do not lay out as the record, "
+                             "or memory ran out\n");
         return 1;
     }
     free_cond_ctx_by_uiInfo(); // the condition context's lists start empty

@@ -200,7 +200,9 @@ std::string copy_text(const uint8_t *copy, uint32_t n, bool verbose) {
     // The result negated without overflow: the most negative one is an unknown error as well.
     if (h.result < 0) line += std::string(": not delivered (") + std::strerror(int(0u - uint32_t(h.result))) + ")";
     else if (msg == MGI_IPC_MSG) line += mgi_text(payload, len, verbose);
-    else line += " " + std::to_string(len) + " bytes" + (verbose && len ? ": " + hex(payload, std::min<uint32_t>(len, 48)) : "");
+    else
+        line += " " + std::to_string(len) + " bytes" +
+                (verbose && len ? ": " + hex(payload, std::min<uint32_t>(len, 48)) : "");
     if (fr.kind == IPC_KIND_REPLY && fr.status) line += " status " + std::to_string(fr.status);
     return line;
 }

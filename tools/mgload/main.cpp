@@ -33,8 +33,8 @@
 namespace {
 
 constexpr const char *kProg = "mgload";
-constexpr int kWrong = 1;   // an answer was wrong or missing
-constexpr int kAbsent = 4;  // mgd or the owner does not serve in the runtime directory
+constexpr int kWrong = 1;  // an answer was wrong or missing
+constexpr int kAbsent = 4; // mgd or the owner does not serve in the runtime directory
 constexpr int kProbeMs = 2000;
 
 struct Options {
@@ -43,58 +43,72 @@ struct Options {
 };
 
 int help() {
-    std::printf(
-        "Usage: mgload [OPTION]...\n"
-        "Puts load on mgd and the application that owns aaa_role (app_daemon) from K processes of\n"
-        "T threads, each thread with a role of its own (load-P-T): a set through mgd with a new value,\n"
-        "a set the owner must refuse (privilege 99), a get of the role straight from the owner, and a\n"
-        "walk of the whole table over its pages, round after round. Every answer is checked against\n"
-        "its request; a run stops after N requests a thread or SECONDS, whichever comes first.\n"
-        "\n"
-        "  -p, --processes K   processes, 1 to 256 (8)\n"
-        "  -t, --threads T     threads in each process, 1 to 256 (4)\n"
-        "  -n, --requests N    requests of each thread at most, 1 to 10^12 (no bound but time)\n"
-        "  -d, --duration S    seconds at most, 1 to 86400 (10)\n"
-        "      --rows N        seeded rows the table holds, role1 to roleN (500, app_daemon's)\n"
-        "      --timeout S     seconds for each answer, 1 to 255 (10)\n"
-        "      --json          the report as one JSON object on standard output\n"
-        "  -h, --help          show this help and exit\n"
-        "  -V, --version       show the version and exit\n"
-        "\n"
-        "It prints requests per second, each road's requests, errors and latency percentiles, and\n"
-        "the resident size and descriptors of mgd and the owner at the start and at the end.\n"
-        "The runtime directory is $MGMT_IPC_DIR, else /run/mgmt where writable, else /tmp/mgmt-<uid>.\n"
-        "Exit status: 0 every answer right, 1 some answer wrong or missing, 2 wrong command line,\n"
-        "4 mgd or the owner not serving there.\n");
+    std::printf("Usage: mgload [OPTION]...\n"
+                "Puts load on mgd and the application that owns aaa_role (app_daemon) from K processes of\n"
+                "T threads, each thread with a role of its own (load-P-T): a set through mgd with a new value,\n"
+                "a set the owner must refuse (privilege 99), a get of the role straight from the owner, and a\n"
+                "walk of the whole table over its pages, round after round. Every answer is checked against\n"
+                "its request; a run stops after N requests a thread or SECONDS, whichever comes first.\n"
+                "\n"
+                "  -p, --processes K   processes, 1 to 256 (8)\n"
+                "  -t, --threads T     threads in each process, 1 to 256 (4)\n"
+                "  -n, --requests N    requests of each thread at most, 1 to 10^12 (no bound but time)\n"
+                "  -d, --duration S    seconds at most, 1 to 86400 (10)\n"
+                "      --rows N        seeded rows the table holds, role1 to roleN (500, app_daemon's)\n"
+                "      --timeout S     seconds for each answer, 1 to 255 (10)\n"
+                "      --json          the report as one JSON object on standard output\n"
+                "  -h, --help          show this help and exit\n"
+                "  -V, --version       show the version and exit\n"
+                "\n"
+                "It prints requests per second, each road's requests, errors and latency percentiles, and\n"
+                "the resident size and descriptors of mgd and the owner at the start and at the end.\n"
+                "The runtime directory is $MGMT_IPC_DIR, else /run/mgmt where writable, else /tmp/mgmt-<uid>.\n"
+                "Exit status: 0 every answer right, 1 some answer wrong or missing, 2 wrong command line,\n"
+                "4 mgd or the owner not serving there.\n");
     return 0;
 }
 
 bool parse(int argc, char **argv, Options &o, int &status) {
     enum { kRows = 256, kTimeout, kJson };
-    static const option options[] = {{"processes", required_argument, nullptr, 'p'},
-                                     {"threads", required_argument, nullptr, 't'},
-                                     {"requests", required_argument, nullptr, 'n'},
-                                     {"duration", required_argument, nullptr, 'd'},
-                                     {"rows", required_argument, nullptr, kRows},
-                                     {"timeout", required_argument, nullptr, kTimeout},
-                                     {"json", no_argument, nullptr, kJson},
-                                     {"help", no_argument, nullptr, 'h'},
-                                     {"version", no_argument, nullptr, 'V'},
-                                     {nullptr, 0, nullptr, 0}};
+    static const option options[] = {
+        {"processes", required_argument, nullptr, 'p'}, {"threads", required_argument, nullptr, 't'},
+        {"requests", required_argument, nullptr, 'n'},  {"duration", required_argument, nullptr, 'd'},
+        {"rows", required_argument, nullptr, kRows},    {"timeout", required_argument, nullptr, kTimeout},
+        {"json", no_argument, nullptr, kJson},          {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},         {nullptr, 0, nullptr, 0}};
     status = mgmt_cli::kUsageError;
     for (int c; (c = getopt_long(argc, argv, "p:t:n:d:hV", options, nullptr)) != -1;) {
         bool ok = true;
         switch (c) {
-        case 'p': ok = mgmt_cli::number(kProg, "--processes", optarg, 1, 256, &o.processes); break;
-        case 't': ok = mgmt_cli::number(kProg, "--threads", optarg, 1, 256, &o.threads); break;
-        case 'n': ok = mgmt_cli::number(kProg, "--requests", optarg, 1, 1000000000000ul, &o.requests); break;
-        case 'd': ok = mgmt_cli::number(kProg, "--duration", optarg, 1, 86400, &o.seconds); break;
-        case kRows: ok = mgmt_cli::number(kProg, "--rows", optarg, 1, 100000, &o.rows); break;
-        case kTimeout: ok = mgmt_cli::number(kProg, "--timeout", optarg, 1, 255, &o.timeout); break;
-        case kJson: o.json = true; break;
-        case 'h': status = help(); return false;
-        case 'V': status = mgmt_cli::version(kProg); return false;
-        default: ok = false;
+        case 'p':
+            ok = mgmt_cli::number(kProg, "--processes", optarg, 1, 256, &o.processes);
+            break;
+        case 't':
+            ok = mgmt_cli::number(kProg, "--threads", optarg, 1, 256, &o.threads);
+            break;
+        case 'n':
+            ok = mgmt_cli::number(kProg, "--requests", optarg, 1, 1000000000000ul, &o.requests);
+            break;
+        case 'd':
+            ok = mgmt_cli::number(kProg, "--duration", optarg, 1, 86400, &o.seconds);
+            break;
+        case kRows:
+            ok = mgmt_cli::number(kProg, "--rows", optarg, 1, 100000, &o.rows);
+            break;
+        case kTimeout:
+            ok = mgmt_cli::number(kProg, "--timeout", optarg, 1, 255, &o.timeout);
+            break;
+        case kJson:
+            o.json = true;
+            break;
+        case 'h':
+            status = help();
+            return false;
+        case 'V':
+            status = mgmt_cli::version(kProg);
+            return false;
+        default:
+            ok = false;
         }
         if (!ok) {
             status = mgmt_cli::usage_error(kProg);
@@ -165,8 +179,7 @@ void write_all(int fd, const void *p, size_t n) {
     std::vector<std::thread> threads;
     mgload::keep_console_texts();
     for (unsigned t = 0; t < o.threads; ++t) {
-        mgload::Plan plan{process, t, o.requests ? o.requests : UINT64_MAX, end, uint32_t(o.rows),
-                          uint8_t(o.timeout)};
+        mgload::Plan plan{process, t, o.requests ? o.requests : UINT64_MAX, end, uint32_t(o.rows), uint8_t(o.timeout)};
         threads.emplace_back([plan, &reports, t] { mgload::run_thread(plan, reports[t]); });
     }
     auto total = std::make_unique<mgload::Report>();
@@ -176,7 +189,8 @@ void write_all(int fd, const void *p, size_t n) {
         if (total->first_failure_ns && reports[t].first_failure_ns == total->first_failure_ns)
             strlcpy(total->first_failure,
                     ("process " + std::to_string(process) + " thread " + std::to_string(t) + ", " +
-                     reports[t].first_failure).c_str(),
+                     reports[t].first_failure)
+                        .c_str(),
                     sizeof total->first_failure);
     }
     write_all(fd, total.get(), sizeof *total);
@@ -272,8 +286,8 @@ int main(int argc, char **argv) {
     for (Daemon &d : daemons) {
         d.pid = holder(d);
         if (!d.pid) {
-            std::fprintf(stderr, "%s: %s (application %u) does not serve in %s: nobody answers at its address\n",
-                         kProg, d.name, d.appid, where.c_str());
+            std::fprintf(stderr, "%s: %s (application %u) does not serve in %s: nobody answers at its address\n", kProg,
+                         d.name, d.appid, where.c_str());
             return kAbsent;
         }
     }
@@ -299,7 +313,8 @@ int main(int argc, char **argv) {
         pid_t pid = fork();
         if (pid == 0) {
             close(fds[0]);
-            for (unsigned q = 0; q < p; ++q) close(children[q].fd);
+            for (unsigned q = 0; q < p; ++q)
+                close(children[q].fd);
             child(p, o, end, fds[1]);
         }
         close(fds[1]);
@@ -331,10 +346,10 @@ int main(int argc, char **argv) {
             total.merge(r);
             continue;
         }
-        std::string why = c.pid <= 0                ? "never started"
-                          : !all_came               ? "still running when the time was up, killed"
-                          : WIFSIGNALED(c.status)   ? "killed by signal " + std::to_string(WTERMSIG(c.status))
-                                                    : "ended with status " + std::to_string(WEXITSTATUS(c.status));
+        std::string why = c.pid <= 0              ? "never started"
+                          : !all_came             ? "still running when the time was up, killed"
+                          : WIFSIGNALED(c.status) ? "killed by signal " + std::to_string(WTERMSIG(c.status))
+                                                  : "ended with status " + std::to_string(WEXITSTATUS(c.status));
         lost.push_back("process " + std::to_string(p) + " left no report (" + why + ")");
     }
 
@@ -344,8 +359,9 @@ int main(int argc, char **argv) {
         int now = holder(daemons[i]);
         after[i] = now == daemons[i].pid ? usage_of(now) : Usage{};
         if (now != daemons[i].pid)
-            gone += std::string(gone.empty() ? "" : "; ") + daemons[i].name + " (pid " + std::to_string(daemons[i].pid) +
-                    ") " + (now ? "was replaced by pid " + std::to_string(now) : "no longer serves");
+            gone += std::string(gone.empty() ? "" : "; ") + daemons[i].name + " (pid " +
+                    std::to_string(daemons[i].pid) + ") " +
+                    (now ? "was replaced by pid " + std::to_string(now) : "no longer serves");
     }
 
     uint64_t requests = 0, errors = 0;
@@ -370,10 +386,11 @@ int main(int argc, char **argv) {
         for (int i = 0; i < 2; ++i)
             std::printf("%s\n  \"%s\": {\"pid\": %d, \"rss_kb_start\": %ld, \"rss_kb_end\": %ld, \"fds_start\": %ld, "
                         "\"fds_end\": %ld}",
-                        i ? "," : "", daemons[i].name, daemons[i].pid, before[i].rss_kb, after[i].rss_kb,
-                        before[i].fds, after[i].fds);
+                        i ? "," : "", daemons[i].name, daemons[i].pid, before[i].rss_kb, after[i].rss_kb, before[i].fds,
+                        after[i].fds);
         std::string failures = total.first_failure_ns ? total.first_failure : "";
-        for (const std::string &l : lost) failures += (failures.empty() ? "" : "; ") + l;
+        for (const std::string &l : lost)
+            failures += (failures.empty() ? "" : "; ") + l;
         if (!gone.empty()) failures += (failures.empty() ? "" : "; ") + gone;
         std::printf("},\n \"failure\": %s}\n", json_text(failures).c_str());
         return right ? 0 : kWrong;
@@ -403,7 +420,8 @@ int main(int argc, char **argv) {
                         total.roads[r].requests);
     std::printf("\n");
     if (total.first_failure_ns) std::printf("first: %s\n", total.first_failure);
-    for (const std::string &l : lost) std::printf("%s\n", l.c_str());
+    for (const std::string &l : lost)
+        std::printf("%s\n", l.c_str());
     if (!gone.empty()) std::printf("at the end: %s\n", gone.c_str());
     return kWrong;
 }

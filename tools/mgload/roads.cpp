@@ -45,13 +45,15 @@ void Histogram::add(uint64_t ns) {
 }
 
 void Histogram::merge(const Histogram &other) {
-    for (int b = 0; b < kBuckets; ++b) counts[b] += other.counts[b];
+    for (int b = 0; b < kBuckets; ++b)
+        counts[b] += other.counts[b];
     if (other.max_ns > max_ns) max_ns = other.max_ns;
 }
 
 uint64_t Histogram::total() const {
     uint64_t n = 0;
-    for (uint64_t c : counts) n += c;
+    for (uint64_t c : counts)
+        n += c;
     return n;
 }
 
@@ -84,12 +86,12 @@ void Report::merge(const Report &other) {
 namespace {
 
 using Role = aaa_role_entity;
-constexpr uint32_t kMaxPrivilege = 15;  // what the owner takes; above it a set is refused
+constexpr uint32_t kMaxPrivilege = 15; // what the owner takes; above it a set is refused
 constexpr uint32_t kRefusedPrivilege = 99;
-constexpr int kRefusedCode = -14;       // the owner's code and private code of that refusal
+constexpr int kRefusedCode = -14; // the owner's code and private code of that refusal
 constexpr int kRefusedPrivateCode = 1401;
 constexpr uint32_t kLoadIdBase = 1000000; // ids of the load's roles, apart from the seeded ones
-constexpr uint8_t kNoAnswer = 0xff;     // a message type no answer has: nothing came back
+constexpr uint8_t kNoAnswer = 0xff;       // a message type no answer has: nothing came back
 
 // The library's console texts of the request in hand (its own reasons for a failure).
 thread_local std::string *t_console = nullptr;
@@ -154,10 +156,18 @@ class Worker {
             std::string wrong;
             Clock::time_point start = Clock::now();
             switch (road) {
-            case kSet: wrong = set(); break;
-            case kRefused: wrong = refused(); break;
-            case kGet: wrong = get(); break;
-            default: wrong = walk(); break;
+            case kSet:
+                wrong = set();
+                break;
+            case kRefused:
+                wrong = refused();
+                break;
+            case kGet:
+                wrong = get();
+                break;
+            default:
+                wrong = walk();
+                break;
             }
             const Clock::time_point end = Clock::now();
             RoadStats &s = out_.roads[road];
@@ -211,7 +221,8 @@ class Worker {
     std::string fault(int rc, const char *peer) const {
         mgiBuf *buf = info_.mgi_buf;
         std::string console = console_;
-        while (!console.empty() && (console.back() == '\n' || console.back() == ' ')) console.pop_back();
+        while (!console.empty() && (console.back() == '\n' || console.back() == ' '))
+            console.pop_back();
         for (char &c : console)
             if (c == '\n') c = ';';
         if (answer_type() == MGI_RSP_ERROR || error_segment_) {
@@ -253,8 +264,7 @@ class Worker {
     std::string set() {
         Role r = next_value();
         int rc = send_set(r);
-        if (rc != 0 || (answer_type() != MGI_RSP_FINAL && answer_type() != MGI_RSP_FINAL2))
-            return fault(rc, "mgd");
+        if (rc != 0 || (answer_type() != MGI_RSP_FINAL && answer_type() != MGI_RSP_FINAL2)) return fault(rc, "mgd");
         held_ = r;
         have_held_ = true;
         return {};
@@ -265,7 +275,8 @@ class Worker {
         r.f3 = kRefusedPrivilege;
         int rc = send_set(r);
         mgiBuf *buf = info_.mgi_buf;
-        if (answer_type() != MGI_RSP_ERROR) return "taken, though its privilege is " + std::to_string(r.f3) + " (" + fault(rc, "mgd") + ")";
+        if (answer_type() != MGI_RSP_ERROR)
+            return "taken, though its privilege is " + std::to_string(r.f3) + " (" + fault(rc, "mgd") + ")";
         const char *text = get_errString_r(buf);
         char want[200];
         std::snprintf(want, sizeof want, "privilege %u of role %s is outside 0 to %u", r.f3, r.f1, kMaxPrivilege);
@@ -304,8 +315,11 @@ class Worker {
                 return "row " + std::to_string(i) + " (" + field(r.f1, sizeof r.f1) + ") came after " +
                        field(rows_[i - 1].f1, sizeof r.f1) + ", out of order or twice";
             if (uint32_t k = seeded_number(r.f1)) {
-                if (k != next_seeded) return "seeded row role" + std::to_string(k) + " came where role" + std::to_string(next_seeded) + " should";
-                if (!same_role(r, seeded_row(k))) return "seeded row " + role_text(r) + " differs from " + role_text(seeded_row(k));
+                if (k != next_seeded)
+                    return "seeded row role" + std::to_string(k) + " came where role" + std::to_string(next_seeded) +
+                           " should";
+                if (!same_role(r, seeded_row(k)))
+                    return "seeded row " + role_text(r) + " differs from " + role_text(seeded_row(k));
                 ++next_seeded;
             }
             if (field(r.f1, sizeof r.f1) == name_) {
@@ -325,7 +339,7 @@ class Worker {
     Report &out_;
     std::string name_;
     uint64_t round_ = 0;
-    Role held_{};          // what the table holds for the thread's role since its last set
+    Role held_{}; // what the table holds for the thread's role since its last set
     bool have_held_ = false;
     mgiInfo info_;
     std::string console_;
