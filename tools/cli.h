@@ -1,5 +1,6 @@
 // Command-line helpers shared by the programs of this tree (mgd, mgi_demo, app_daemon, lineedit):
-// a number argument checked together with the option it belongs to, and the --version line.
+// a number argument checked together with the option it belongs to, the --version line, and a
+// text quoted as a JSON string.
 // Each program parses with getopt_long, answers --help on standard output with exit status 0,
 // and a wrong argument with a message naming it, a hint to --help and exit status 2.
 #ifndef MGMT_TOOLS_CLI_H
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "mgmt/version.h"
 
@@ -44,6 +46,25 @@ inline int usage_error(const char *prog) {
 inline int version(const char *prog) {
     std::printf("%s (libmgmt) %s\n", prog, LIBMGMT_VERSION);
     return 0;
+}
+
+// s as a JSON string: quotes and backslashes escaped, control characters and bytes above 0x7e as
+// \u00XX (a byte is shown as itself, whatever encoding it belongs to).
+inline std::string json_string(const std::string &s) {
+    std::string o = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') {
+            o += '\\';
+            o += char(c);
+        } else if (c < 0x20 || c >= 0x7f) {
+            char b[8];
+            std::snprintf(b, sizeof b, "\\u%04x", c);
+            o += b;
+        } else {
+            o += char(c);
+        }
+    }
+    return o + "\"";
 }
 
 } // namespace mgmt_cli

@@ -11,6 +11,7 @@
 
 #include "mgmt/catalogue.h"
 #include "mgmt/mgi.h"
+#include "tools/cli.h"
 
 namespace mgictl {
 
@@ -72,7 +73,7 @@ class Arguments {
 bool parse_value(const libmgmt_field &f, const std::string &text, std::vector<uint8_t> &out, std::string &err);
 // A field of a record for people (text, number or hex) or as a JSON value.
 std::string format_value(const libmgmt_field &f, const uint8_t *record, bool json);
-std::string json_string(const std::string &s);
+using mgmt_cli::json_string; // tools/cli.h
 std::string hex(const uint8_t *p, size_t n);
 
 // Prints records of an object: a table, or JSON records into out_json.

@@ -218,23 +218,6 @@ void Arguments::fill(void **slots) const {
         slots[slot] = const_cast<void *>(arg);
 }
 
-std::string json_string(const std::string &s) {
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            o += '\\';
-            o += char(c);
-        } else if (c < 0x20 || c >= 0x7f) {
-            char b[8];
-            std::snprintf(b, sizeof b, "\\u%04x", c);
-            o += b;
-        } else {
-            o += char(c);
-        }
-    }
-    return o + "\"";
-}
-
 std::string format_value(const libmgmt_field &f, const uint8_t *record, bool json) {
     const uint8_t *p = record + f.offset;
     uint64_t u = 0;

@@ -243,20 +243,6 @@ std::string ms(uint64_t ns) {
     return out;
 }
 
-std::string json_text(const std::string &s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') out += '\\';
-        if (c < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += char(c);
-        }
-    }
-    return out + "\"";
-}
 
 std::string kb(long v) { return v < 0 ? "?" : std::to_string(v) + " kB"; }
 std::string count(long v) { return v < 0 ? "?" : std::to_string(v); }
@@ -392,7 +378,7 @@ int main(int argc, char **argv) {
         for (const std::string &l : lost)
             failures += (failures.empty() ? "" : "; ") + l;
         if (!gone.empty()) failures += (failures.empty() ? "" : "; ") + gone;
-        std::printf("},\n \"failure\": %s}\n", json_text(failures).c_str());
+        std::printf("},\n \"failure\": %s}\n", mgmt_cli::json_string(failures).c_str());
         return right ? 0 : kWrong;
     }
     std::printf("ran %.2f s: %" PRIu64 " requests, %.0f requests/s\n\n", seconds, requests, double(requests) / seconds);
