@@ -248,8 +248,8 @@ MGMT_API int accept_preprovisoning_data(mgiInfo *info) {
     const auto &rq = mgmt::app::serving().rqt;
     const auto &rs = mgmt::app::serving().rsp;
     size_t have = n, room = n;
-    if (rq.begin && rq.holds(info->rqt_data, 0)) have = std::min(n, rq.room(info->rqt_data));
-    if (rs.begin && rs.holds(info->rsp_data, 0)) room = std::min(n, rs.room(info->rsp_data));
+    if (rq.reaches(info->rqt_data)) have = std::min(n, rq.room(info->rqt_data));
+    if (rs.reaches(info->rsp_data)) room = std::min(n, rs.room(info->rsp_data));
     have = std::min(have, room);
     std::memmove(info->rsp_data, info->rqt_data, have);
     std::memset(info->rsp_data + have, 0, room - have);

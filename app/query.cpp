@@ -31,7 +31,7 @@ appQueryRecord record_head(const unsigned char *p) {
     appQueryRecord r;
     size_t have = sizeof r;
     const auto &rqt = mgmt::app::serving().rqt;
-    if (rqt.holds(p, 0)) have = std::min(have, rqt.room(p));
+    if (rqt.reaches(p)) have = std::min(have, rqt.room(p));
     std::memset(&r, 0, sizeof r);
     std::memcpy(&r, p, have);
     return r;
