@@ -51,11 +51,8 @@ std::string path_text(const std::vector<uint32_t> &t) {
 }
 
 const char *object_name(const std::vector<uint32_t> &t) {
-    for (uint32_t i = 0; i < libmgmt_object_count(); ++i) {
-        const libmgmt_object *o = libmgmt_object_at(i);
-        if (o->depth == t.size() && std::equal(t.begin(), t.end(), o->path)) return o->name;
-    }
-    return "?";
+    const libmgmt_object *o = libmgmt_object_by_path(t.data(), uint32_t(t.size()));
+    return o ? o->name : "?";
 }
 
 int mgi_handler(void *ipc, void *, void *payload, uint32_t len, int32_t *status, void *reply, uint32_t *reply_len) {
@@ -534,6 +531,14 @@ void Manager::answer_stored(const uint8_t *msg, uint8_t *reply, uint32_t *reply_
 
 bool Manager::holder_alive(const Held &h) const { return h.pid > 0 && start_time(h.pid) == h.start; }
 
+// With a pidfd the question costs one poll instead of reading /proc: it is readable once the
+// holder has ended.
+bool Manager::holder_alive(const Transaction &t) const {
+    if (t.watch < 0) return holder_alive(t.held);
+    pollfd p{t.watch, POLLIN, 0};
+    return poll(&p, 1, 0) == 0;
+}
+
 void Manager::release(uint16_t vsys, const char *why) {
     auto it = transactions_.find(vsys);
     if (it == transactions_.end()) return;
@@ -579,7 +584,7 @@ int Manager::on_transaction(const ipc_peer_t *peer, const uint8_t *req, uint32_t
     t.trans_user[sizeof t.trans_user - 1] = '\0';
     const uint16_t vsys = t.trans_vsysid;
     auto open = transactions_.find(vsys);
-    if (open != transactions_.end() && !holder_alive(open->second.held)) {
+    if (open != transactions_.end() && !holder_alive(open->second)) {
         release(vsys, "its holder has ended");
         open = transactions_.end();
     }

@@ -109,6 +109,7 @@ class Manager {
     void log_set(const Relay &r, uint32_t owner, const std::string &outcome, Level level) const;
     void answer_stored(const uint8_t *msg, uint8_t *reply, uint32_t *reply_len);
     bool holder_alive(const Held &h) const;
+    bool holder_alive(const Transaction &t) const;
     void release(uint16_t vsys, const char *why);
     bool grant(const ipc_peer_t *peer, const char *user, uint16_t vsys, uint8_t *id);
 

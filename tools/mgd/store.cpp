@@ -30,7 +30,7 @@ template <typename T> std::vector<T> column_vector(sqlite3_stmt *s, int i) {
 } // namespace
 
 Store::~Store() {
-    sqlite3_finalize(put_set_);
+    for (sqlite3_stmt *s : {put_set_, put_held_, drop_held_, set_next_id_}) sqlite3_finalize(s);
     sqlite3_close(db_);
 }
 
@@ -56,10 +56,13 @@ bool Store::open(const std::string &dir, std::string *why) {
         *why = "cannot set up " + path_ + ": " + error();
         return false;
     }
-    // A set is kept on every accepted set: its statement is made once, its order counted here.
+    // A set is kept on every accepted set, its order counted here.
     put_set_ = prepare("INSERT OR REPLACE INTO accepted(key, owner, path, message, seq) VALUES(?, ?, ?, ?, ?)");
+    put_held_ = prepare("INSERT OR REPLACE INTO held(vsys, id, user, pid, uid, start) VALUES(?, ?, ?, ?, ?, ?)");
+    drop_held_ = prepare("DELETE FROM held WHERE vsys = ?");
+    set_next_id_ = prepare("INSERT OR REPLACE INTO counter(name, value) VALUES('transaction', ?)");
     Stmt last{prepare("SELECT IFNULL(MAX(seq), 0) FROM accepted")};
-    if (!put_set_ || !last.s || sqlite3_step(last.s) != SQLITE_ROW) {
+    if (!put_set_ || !put_held_ || !drop_held_ || !set_next_id_ || !last.s || sqlite3_step(last.s) != SQLITE_ROW) {
         *why = "cannot set up " + path_ + ": " + error();
         return false;
     }
@@ -100,22 +103,21 @@ void Store::each_set(uint32_t owner,
 }
 
 bool Store::put_held(const Held &h) {
-    Stmt st{prepare("INSERT OR REPLACE INTO held(vsys, id, user, pid, uid, start) VALUES(?, ?, ?, ?, ?, ?)")};
-    if (!st.s) return false;
-    sqlite3_bind_int(st.s, 1, h.vsys);
-    sqlite3_bind_int(st.s, 2, h.id);
-    sqlite3_bind_text(st.s, 3, h.user.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_int(st.s, 4, h.pid);
-    sqlite3_bind_int64(st.s, 5, h.uid);
-    sqlite3_bind_int64(st.s, 6, sqlite3_int64(h.start));
-    return sqlite3_step(st.s) == SQLITE_DONE;
+    sqlite3_stmt *st = put_held_;
+    sqlite3_reset(st);
+    sqlite3_bind_int(st, 1, h.vsys);
+    sqlite3_bind_int(st, 2, h.id);
+    sqlite3_bind_text(st, 3, h.user.c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_int(st, 4, h.pid);
+    sqlite3_bind_int64(st, 5, h.uid);
+    sqlite3_bind_int64(st, 6, sqlite3_int64(h.start));
+    return sqlite3_step(st) == SQLITE_DONE;
 }
 
 bool Store::drop_held(uint16_t vsys) {
-    Stmt st{prepare("DELETE FROM held WHERE vsys = ?")};
-    if (!st.s) return false;
-    sqlite3_bind_int(st.s, 1, vsys);
-    return sqlite3_step(st.s) == SQLITE_DONE;
+    sqlite3_reset(drop_held_);
+    sqlite3_bind_int(drop_held_, 1, vsys);
+    return sqlite3_step(drop_held_) == SQLITE_DONE;
 }
 
 std::vector<Held> Store::held() const {
@@ -137,10 +139,9 @@ uint32_t Store::next_id() const {
 }
 
 bool Store::set_next_id(uint32_t id) {
-    Stmt st{prepare("INSERT OR REPLACE INTO counter(name, value) VALUES('transaction', ?)")};
-    if (!st.s) return false;
-    sqlite3_bind_int64(st.s, 1, id);
-    return sqlite3_step(st.s) == SQLITE_DONE;
+    sqlite3_reset(set_next_id_);
+    sqlite3_bind_int64(set_next_id_, 1, id);
+    return sqlite3_step(set_next_id_) == SQLITE_DONE;
 }
 
 } // namespace mgd

@@ -58,7 +58,11 @@ class Store {
     bool exec(const char *sql);
     sqlite3_stmt *prepare(const char *sql) const;
     sqlite3 *db_ = nullptr;
+    // The statements of every write, made once: a write only binds and steps.
     sqlite3_stmt *put_set_ = nullptr;
+    sqlite3_stmt *put_held_ = nullptr;
+    sqlite3_stmt *drop_held_ = nullptr;
+    sqlite3_stmt *set_next_id_ = nullptr;
     int64_t last_seq_ = 0; // the order of the last set kept
     std::string path_;
 };
