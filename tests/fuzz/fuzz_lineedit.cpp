@@ -2,6 +2,7 @@
 // modulo 20) and, for the operations from 14 on, the next byte is their character. After every
 // step the cursor stays within the line and the line within its buffer; a record whose cursor is
 // out of range is left as it is.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -24,12 +25,18 @@ bool g_editing = false;
 } // namespace
 
 // The editor echoes every change to descriptor 1, a character or a backspace per write: here the
-// echo is read (so that the sanitizer sees what it covers) and goes nowhere, instead of costing a
-// system call per character; every other write goes on to the system.
+// echo is copied (so that the sanitizer checks what it covers) and goes nowhere, instead of costing
+// a system call per character; every other write goes on to the system. The function is not the
+// code under test, so it gives the fuzzer no coverage to follow.
+#if defined(__clang__)
+__attribute__((no_sanitize("coverage")))
+#endif
 extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const void *buf, size_t n) {
     if (!g_editing || fd != 1) return syscall(SYS_write, fd, buf, n);
-    volatile uint8_t sink = 0;
-    for (size_t i = 0; i < n; ++i) sink = sink ^ static_cast<const uint8_t *>(buf)[i];
+    static char sink[256];
+    for (size_t at = 0; at < n; at += sizeof sink)
+        std::memcpy(sink, static_cast<const char *>(buf) + at, std::min(n - at, sizeof sink));
+    asm volatile("" : : "r"(sink) : "memory"); // the copies count as read: they are not dropped
     return ssize_t(n);
 }
 
