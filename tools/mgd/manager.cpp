@@ -128,8 +128,10 @@ std::vector<uint32_t> info_target(const mgiInfo *info) {
 }
 
 int own_decode(mgiInfo *info) {
-    // A set through the manager carries its record as the whole payload.
-    uint16_t len = info->mgidata_len ? info->mgidata_len : info->rqt_len;
+    // A set through the manager carries its record as the whole payload, whose length is the
+    // request's; a record segment carries its own length, and an empty one keeps nothing.
+    const bool payload = info->mgidata == info->rqt_data;
+    const uint16_t len = payload ? info->rqt_len : info->mgidata_len;
     if (info->rqt_no_more && info->mgidata && len) {
         auto *p = static_cast<uint8_t *>(info->mgidata);
         (*g_own_records)[info_target(info)].assign(p, p + len);
