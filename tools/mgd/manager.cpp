@@ -534,11 +534,11 @@ void Manager::answer_stored(const uint8_t *msg, uint8_t *reply, uint32_t *reply_
 bool Manager::holder_alive(const Held &h) const { return h.pid > 0 && start_time(h.pid) == h.start; }
 
 // With a pidfd the question costs one poll instead of reading /proc: it is readable once the
-// holder has ended.
+// holder has ended. A poll that fails asks /proc instead of releasing a live holder's lock.
 bool Manager::holder_alive(const Transaction &t) const {
-    if (t.watch < 0) return holder_alive(t.held);
     pollfd p{t.watch, POLLIN, 0};
-    return poll(&p, 1, 0) == 0;
+    const int ready = t.watch < 0 ? -1 : poll(&p, 1, 0);
+    return ready < 0 ? holder_alive(t.held) : ready == 0;
 }
 
 void Manager::release(uint16_t vsys, const char *why) {
