@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "libmgmt.h"
+#include "mgi/wire.h"
 #include "platform/ipc_internal.h"
 #include "tools/mgd/manager.h"
 
@@ -38,34 +39,28 @@ bool start() {
     return true;
 }
 
-int32_t send(uint16_t msg, bool second, void *req, uint32_t len) {
+void send(uint16_t msg, bool second, void *req, uint32_t len) {
     static const uint32_t uid = getuid();
     static const pid_t pids[2] = {getpid(), getppid()}; // both live for the whole run
-    ipc_peer_t peer = {};
-    peer.appid = second ? 11 : 5;
-    peer.kind = IPC_KIND_REQUEST;
-    peer.uid = uid;
-    peer.pid = pids[second];
+    ipc_peer_t peer = {0, second ? 11u : 5u, 0, 0, IPC_KIND_REQUEST, uid, pids[second], nullptr, 0, {}};
     ipc_frame_t head = {};
     head.magic = IPC_FRAME_MAGIC;
-    head.msg_be[0] = uint8_t(msg >> 8), head.msg_be[1] = uint8_t(msg);
+    mgmt::put_be16(head.msg_be, msg);
     int32_t status = 0;
     uint32_t reply_len = IPC_MAX_PAYLOAD;
     plat::process_handler(msg)(&peer, &head, req, len, &status, g_reply.data(), &reply_len);
     if (reply_len > IPC_MAX_PAYLOAD) std::abort();
-    return status;
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool ready = start();
-    (void)ready;
+    [[maybe_unused]] static const bool ready = start();
     std::vector<std::pair<bool, mgi_trans_info>> locks;
     for (size_t at = 0; at + 5 <= size;) {
         const bool second = data[at] & 1;
-        uint16_t number = uint16_t(data[at + 1] << 8 | data[at + 2]);
-        const size_t len = std::min<size_t>(data[at + 3] << 8 | data[at + 4], size - at - 5);
+        uint16_t number = mgmt::get_be16(data + at + 1);
+        const size_t len = std::min<size_t>(mgmt::get_be16(data + at + 3), size - at - 5);
         std::vector<uint8_t> msg(data + at + 5, data + at + 5 + len); // exactly its size
         static uint8_t none[1];
         void *req = len ? msg.data() : none; // never null, as in mgd

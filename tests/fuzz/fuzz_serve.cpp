@@ -1,6 +1,5 @@
 // Any bytes as a request to a daemon with a small entity tree: decoding, the
 // handlers and encoding must stay inside the request and response buffers.
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -20,14 +19,10 @@ namespace {
 std::vector<void *> g_compiled;
 bool g_finalled = false;
 
-void *track(size_t n) {
-    void *p = std::malloc(n);
-    if (p) g_compiled.push_back(p);
-    return p;
-}
+void *track(size_t n) { return g_compiled.emplace_back(std::malloc(n)); }
 
 void untrack(void *p) { // PCRE's own free, of a pattern that did not compile
-    g_compiled.erase(std::remove(g_compiled.begin(), g_compiled.end(), p), g_compiled.end());
+    std::erase(g_compiled, p);
     std::free(p);
 }
 
