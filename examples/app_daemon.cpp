@@ -105,17 +105,19 @@ void name_field(const std::string &name, NameField &out) {
 
 int name_order(const char *a, const char *b) { return compare_by_type(APP_ITEM_STRING, sizeof(NameField), a, b); }
 
-// The first role whose name does not sort before the given one.
-std::vector<RoleRecord *>::iterator name_lower_bound(const NameField &key) {
-    return std::lower_bound(g_by_name.begin(), g_by_name.end(), key,
-                            [](const RoleRecord *r, const char *k) { return name_order(r->f1, k) < 0; });
+// Whether a role has that name; *at is where it stands, or where it would (the first role whose
+// name does not sort before it).
+bool name_at(const NameField &key, std::vector<RoleRecord *>::iterator *at) {
+    *at = std::lower_bound(g_by_name.begin(), g_by_name.end(), key,
+                           [](const RoleRecord *r, const char *k) { return name_order(r->f1, k) < 0; });
+    return *at != g_by_name.end() && name_order((**at)->f1, key) == 0;
 }
 
 RoleRecord *find_role(const std::string &name) {
     NameField key;
     name_field(name, key);
-    auto it = name_lower_bound(key);
-    return it != g_by_name.end() && name_order((*it)->f1, key) == 0 ? *it : nullptr;
+    std::vector<RoleRecord *>::iterator at;
+    return name_at(key, &at) ? *at : nullptr;
 }
 
 void sort_roles() {
@@ -127,13 +129,13 @@ void sort_roles() {
 
 // Adds the role, or replaces the one of its name.
 void store_role(const RoleRecord &r) {
-    auto it = name_lower_bound(r.f1);
-    if (it != g_by_name.end() && name_order((*it)->f1, r.f1) == 0) {
-        **it = r;
+    std::vector<RoleRecord *>::iterator at;
+    if (name_at(r.f1, &at)) {
+        **at = r;
         return;
     }
     g_roles.push_back(r);
-    g_by_name.insert(it, &g_roles.back());
+    g_by_name.insert(at, &g_roles.back());
 }
 
 // ---------------------------------------------------------------- handlers shared by all entities
@@ -265,8 +267,7 @@ int role_encode(mgiInfo *info) {
     if (cookie.after[0]) {
         NameField after;
         name_field(cookie.after, after);
-        from = name_lower_bound(after);
-        if (from == g_by_name.end() || name_order((*from)->f1, after) != 0) {
+        if (!name_at(after, &from)) {
             set_encode_errcode(info, kErrWalkLost);
             mgi_sprintf_err(info, "the listing lost its place (%s); start it again", cookie.after);
             return 0;
